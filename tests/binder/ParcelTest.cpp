@@ -1,0 +1,230 @@
+#include <binder/Parcel.h>
+
+#include <fcntl.h>
+#include <string.h>
+#include <unistd.h>
+
+#include <cstdint>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+using android::NO_ERROR;
+using android::NOT_ENOUGH_DATA;
+using android::Parcel;
+
+namespace {
+
+std::vector<uint8_t> bytesOf(const Parcel& p) { return {p.data(), p.data() + p.dataSize()}; }
+
+bool fdIsOpen(int fd) { return fcntl(fd, F_GETFD) != -1; }
+
+TEST(ParcelLayout, ItemsArePaddedToFourBytesWithZeroes) {
+    Parcel p;
+    p.writeInt32(0x01020304);
+    p.writeCString("ab");
+    p.writeInt64(0x1122334455667788LL);
+    const uint8_t raw[5] = {9, 8, 7, 6, 5};
+    p.write(raw, sizeof(raw));
+    p.writeBool(true);
+
+    const std::vector<uint8_t> expected = {
+        0x04, 0x03, 0x02, 0x01,                          // int32, little endian
+        'a',  'b',  0,    0,                             // "ab", NUL, one pad byte
+        0x88, 0x77, 0x66, 0x55, 0x44, 0x33, 0x22, 0x11,  // int64, only 4-aligned
+        9,    8,    7,    6,    5,    0,    0,    0,     // 5 raw bytes, 3 pad bytes
+        1,    0,    0,    0,                             // bool as a full int32
+    };
+    EXPECT_EQ(bytesOf(p), expected);
+}
+
+TEST(ParcelLayout, Int64AfterOddWordIsNotRealigned) {
+    Parcel p;
+    p.writeInt32(1);
+    p.writeInt64(2);
+    EXPECT_EQ(p.dataSize(), 12u);
+    p.setDataPosition(4);
+    EXPECT_EQ(p.readInt64(), 2);
+}
+
+TEST(ParcelLayout, String16IsLengthUnitsNulAndPadding) {
+    Parcel p;
+    p.writeString16(android::String16("abc"));
+    p.writeString16(nullptr, 0);
+    const std::vector<uint8_t> expected = {
+        3, 0, 0, 0, 'a', 0, 'b', 0, 'c', 0, 0, 0,  // 3 units + NUL unit = 8 bytes
+        0xff, 0xff, 0xff, 0xff,                    // null string: length -1
+    };
+    EXPECT_EQ(bytesOf(p), expected);
+    p.setDataPosition(0);
+    EXPECT_EQ(android::String8(p.readString16()), android::String8("abc"));
+    size_t len = 99;
+    EXPECT_EQ(p.readString16Inplace(&len), nullptr);
+    EXPECT_EQ(len, 0u);
+}
+
+TEST(ParcelRead, RoundTripOfEveryPrimitive) {
+    Parcel p;
+    p.writeInt32(-7);
+    p.writeUint32(0xfffffff0u);
+    p.writeInt64(-1234567890123LL);
+    p.writeUint64(0xfedcba9876543210ull);
+    p.writeFloat(1.5f);
+    p.writeDouble(-2.25);
+    p.writeCString("hello");
+    p.writeString8(android::String8("eight"));
+    p.setDataPosition(0);
+    EXPECT_EQ(p.readInt32(), -7);
+    EXPECT_EQ(p.readUint32(), 0xfffffff0u);
+    EXPECT_EQ(p.readInt64(), -1234567890123LL);
+    EXPECT_EQ(p.readUint64(), 0xfedcba9876543210ull);
+    EXPECT_EQ(p.readFloat(), 1.5f);
+    EXPECT_EQ(p.readDouble(), -2.25);
+    EXPECT_STREQ(p.readCString(), "hello");
+    EXPECT_EQ(p.readString8(), android::String8("eight"));
+    EXPECT_EQ(p.dataAvail(), 0u);
+}
+
+TEST(ParcelRead, PastTheEndYieldsZeroAndKeepsPosition) {
+    Parcel p;
+    p.writeInt32(5);
+    p.setDataPosition(0);
+    EXPECT_EQ(p.readInt32(), 5);
+    EXPECT_EQ(p.readInt32(), 0);
+    EXPECT_EQ(p.readInt64(), 0);
+    EXPECT_EQ(p.readDouble(), 0.0);
+    int32_t value = 42;
+    EXPECT_EQ(p.readInt32(&value), NOT_ENOUGH_DATA);
+    EXPECT_EQ(value, 42);
+    EXPECT_EQ(p.dataPosition(), 4u);
+    uint8_t buf[4];
+    EXPECT_EQ(p.read(buf, 1), NOT_ENOUGH_DATA);
+    EXPECT_EQ(p.readCString(), nullptr);
+}
+
+TEST(ParcelRead, PartialItemIsNotConsumed) {
+    Parcel p;
+    p.writeInt32(1);
+    p.setDataPosition(0);
+    EXPECT_EQ(p.readInt64(), 0);  // only 4 of 8 bytes are there
+    EXPECT_EQ(p.dataPosition(), 0u);
+    EXPECT_EQ(p.readInt32(), 1);
+}
+
+TEST(ParcelRead, CStringWithoutNulIsNullAndDoesNotMove) {
+    Parcel p;
+    const char noNul[4] = {'a', 'b', 'c', 'd'};
+    p.write(noNul, sizeof(noNul));
+    p.setDataPosition(0);
+    EXPECT_EQ(p.readCString(), nullptr);
+    EXPECT_EQ(p.dataPosition(), 0u);
+}
+
+TEST(ParcelRead, HugeLengthsNeverReadOutsideTheBuffer) {
+    Parcel p;
+    p.writeInt32(0x7fffffff);  // a String8/String16 length claiming 2 GiB
+    p.writeInt32(0);
+    p.setDataPosition(0);
+    EXPECT_EQ(p.readString8(), android::String8());
+    p.setDataPosition(0);
+    size_t len = 0;
+    EXPECT_EQ(p.readString16Inplace(&len), nullptr);
+    EXPECT_EQ(p.dataPosition(), 0u);
+    uint8_t buf[16];
+    EXPECT_EQ(p.read(buf, SIZE_MAX - 1), NOT_ENOUGH_DATA);
+    p.setDataPosition(1000);  // beyond the data
+    EXPECT_EQ(p.readInt32(), 0);
+    EXPECT_EQ(p.readCString(), nullptr);
+    EXPECT_EQ(p.dataAvail(), 0u);
+}
+
+TEST(ParcelFds, DupIsOwnedAndClosedWithTheParcel) {
+    int pipeFds[2];
+    ASSERT_EQ(pipe(pipeFds), 0);
+    int received = -1;
+    {
+        Parcel p;
+        p.writeInt32(3);
+        ASSERT_EQ(p.writeDupFileDescriptor(pipeFds[0]), NO_ERROR);
+        EXPECT_EQ(p.objectsCount(), 1u);
+        p.setDataPosition(0);
+        EXPECT_EQ(p.readInt32(), 3);
+        received = p.readFileDescriptor();
+        ASSERT_GE(received, 0);
+        EXPECT_NE(received, pipeFds[0]);
+        EXPECT_TRUE(fcntl(received, F_GETFD) & FD_CLOEXEC);
+        EXPECT_TRUE(fdIsOpen(received));
+    }
+    EXPECT_FALSE(fdIsOpen(received));
+    EXPECT_TRUE(fdIsOpen(pipeFds[0]));  // the caller keeps its own
+    close(pipeFds[0]);
+    close(pipeFds[1]);
+}
+
+TEST(ParcelFds, OwnershipOnlyWhenGiven) {
+    int pipeFds[2];
+    ASSERT_EQ(pipe(pipeFds), 0);
+    {
+        Parcel p;
+        p.writeFileDescriptor(pipeFds[0]);
+        p.writeFileDescriptor(pipeFds[1], true);
+    }
+    EXPECT_TRUE(fdIsOpen(pipeFds[0]));
+    EXPECT_FALSE(fdIsOpen(pipeFds[1]));
+    close(pipeFds[0]);
+}
+
+TEST(ParcelFds, ReadWhereNoDescriptorIsBadType) {
+    Parcel p;
+    p.writeInt32(1);
+    p.setDataPosition(0);
+    EXPECT_EQ(p.readFileDescriptor(), android::BAD_TYPE);
+    EXPECT_EQ(p.dataPosition(), 0u);
+    EXPECT_EQ(p.readStrongBinder(), nullptr);
+}
+
+TEST(ParcelFds, ObjectCannotBeWrittenOverAnother) {
+    int pipeFds[2];
+    ASSERT_EQ(pipe(pipeFds), 0);
+    Parcel p;
+    ASSERT_EQ(p.writeFileDescriptor(pipeFds[0], true), NO_ERROR);
+    p.setDataPosition(8);
+    EXPECT_NE(p.writeFileDescriptor(pipeFds[1], true), NO_ERROR);
+    EXPECT_EQ(p.objectsCount(), 1u);
+    close(pipeFds[1]);
+}
+
+TEST(ParcelFds, ShrinkingDropsCutObjectsAndClosesThem) {
+    int pipeFds[2];
+    ASSERT_EQ(pipe(pipeFds), 0);
+    Parcel p;
+    p.writeInt32(1);
+    p.writeFileDescriptor(pipeFds[0], true);
+    ASSERT_EQ(p.setDataSize(4), NO_ERROR);
+    EXPECT_EQ(p.objectsCount(), 0u);
+    EXPECT_FALSE(fdIsOpen(pipeFds[0]));
+    close(pipeFds[1]);
+}
+
+TEST(ParcelBinders, NullBinderReadsBackAsNull) {
+    Parcel p;
+    p.writeStrongBinder(nullptr);
+    p.writeInt32(9);
+    EXPECT_EQ(p.dataSize(), 36u);
+    EXPECT_EQ(p.objectsCount(), 0u);
+    p.setDataPosition(0);
+    EXPECT_EQ(p.readStrongBinder(), nullptr);
+    EXPECT_EQ(p.readInt32(), 9);
+}
+
+TEST(ParcelBinders, BytesThatLookLikeAnObjectAreNotOne) {
+    // Forged record bytes without an entry in the object table.
+    Parcel p;
+    const uint32_t forged[8] = {0x62646e72, 0, 1, 0, 2, 0, 3, 0};
+    p.write(forged, sizeof(forged));
+    p.setDataPosition(0);
+    EXPECT_EQ(p.readStrongBinder(), nullptr);
+    EXPECT_EQ(p.readFileDescriptor(), android::BAD_TYPE);
+}
+
+}  // namespace
