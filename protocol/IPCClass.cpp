@@ -1,0 +1,7 @@
+#include "IPCClass.h"
+
+namespace tavrin {
+
+IPCClass::~IPCClass() = default;
+
+}  // namespace tavrin

@@ -1,0 +1,261 @@
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include "IPCBool.h"
+#include "IPCBoolArray.h"
+#include "IPCDouble.h"
+#include "IPCFileDescriptor.h"
+#include "IPCInt32.h"
+#include "IPCInt64.h"
+#include "IPCIntArray.h"
+#include "IPCString.h"
+#include "IPCUCharArray.h"
+#include "IPCUIntArray.h"
+#include "protocol/Deserialization_Binder.h"
+#include "protocol/Serialization_Binder.h"
+#include "tavrin/LogCapture.h"
+#include "tavrin/ParcelBytes.h"
+
+namespace {
+
+using tavrin_binder::Deserialization_Binder;
+using tavrin_binder::Serialization_Binder;
+using tavrin_test::Bytes;
+using tavrin_test::concat;
+using tavrin_test::LogCapture;
+using tavrin_test::LogLine;
+using tavrin_test::words;
+using testing::AllOf;
+using testing::HasSubstr;
+
+Bytes serialised(tavrin::IPCBasicClass& value) {
+    android::Parcel parcel;
+    Serialization_Binder writer(&parcel);
+    value.serialization(writer);
+    return tavrin_test::bytesOf(parcel);
+}
+
+// Reads `value` from a message holding `content`; returns the bytes consumed.
+size_t readFrom(const Bytes& content, tavrin::IPCBasicClass& value) {
+    android::Parcel parcel;
+    tavrin_test::fill(parcel, content);
+    Deserialization_Binder reader(&parcel);
+    value.deserialization(reader);
+    return parcel.dataPosition();
+}
+
+// Checks the wire form of `source` and reads it back into `target`.
+void expectWire(tavrin::IPCBasicClass& source, const Bytes& wire, tavrin::IPCBasicClass& target) {
+    EXPECT_EQ(serialised(source), wire);
+    EXPECT_EQ(readFrom(wire, target), wire.size());
+}
+
+TEST(ScalarValues, HaveTheirWireLayoutsAndRoundTrip) {
+    tavrin::IPCInt32 int32(-7), int32Back;
+    expectWire(int32, words({-7}), int32Back);
+    EXPECT_EQ(int32Back.get(), -7);
+    tavrin::IPCInt64 int64(-0x123456789LL), int64Back;
+    expectWire(int64, words({static_cast<int32_t>(0xdcba9877), -2}), int64Back);
+    EXPECT_EQ(int64Back.get(), -0x123456789LL);
+    tavrin::IPCDouble real(3.75), realBack;
+    expectWire(real, words({0, 0x400e0000}), realBack);
+    EXPECT_EQ(realBack.get(), 3.75);
+    tavrin::IPCBool yes(true), no(false), boolBack;
+    expectWire(yes, words({1}), boolBack);
+    EXPECT_TRUE(boolBack.get());
+    expectWire(no, words({0}), boolBack);
+    EXPECT_FALSE(boolBack.get());
+    readFrom(words({2}), boolBack);
+    EXPECT_EQ(serialised(boolBack), words({1}));
+}
+
+TEST(StringValue, IsACStringPaddedToAWordAndAMissingOneChangesNothing) {
+    tavrin::IPCString four("abcd"), back("previous, longer content");
+    expectWire(four, {'a', 'b', 'c', 'd', 0, 0, 0, 0}, back);
+    EXPECT_EQ(back.get(), "abcd");
+    EXPECT_EQ(readFrom({}, back), 0u);
+    EXPECT_EQ(readFrom({'x', 'y', 'z', 'w'}, back), 0u);  // no NUL: not a string
+    EXPECT_EQ(back.get(), "abcd");
+}
+
+// A writer whose strings never fit.
+class FullWriter : public tavrin::Serialization {
+  public:
+    int write(const void*, size_t) override { return 0; }
+    int writeInt32(int32_t) override { return 0; }
+    int writeInt64(int64_t) override { return 0; }
+    int writeFloat(float) override { return 0; }
+    int writeDouble(double) override { return 0; }
+    int writeCString(const char*) override { return -12; }
+    int writeDupFileDescriptor(int) override { return 0; }
+};
+
+TEST(StringValue, FailedWriteIsWarnedWithoutATag) {
+    LogCapture log;
+    FullWriter writer;
+    tavrin::IPCString("lost").serialization(writer);
+    const std::vector<LogLine> lines = log.lines();
+    ASSERT_EQ(lines.size(), 1u);
+    EXPECT_EQ(lines[0].priority, ANDROID_LOG_WARN);
+    EXPECT_EQ(lines[0].message, "writeCString fail.");
+    EXPECT_EQ(lines[0].tag.find("[Tavrin]"), std::string::npos);
+}
+
+TEST(FileDescriptorValue, ReceivedDescriptorOutlivesTheMessageAndTheValue) {
+    int pipeEnds[2];
+    ASSERT_EQ(pipe(pipeEnds), 0);
+    int received = -1;
+    {
+        android::Parcel parcel;
+        Serialization_Binder writer(&parcel);
+        tavrin::IPCFileDescriptor(pipeEnds[0]).serialization(writer);
+        parcel.setDataPosition(0);
+        Deserialization_Binder reader(&parcel);
+        tavrin::IPCFileDescriptor value;
+        value.deserialization(reader);
+        received = value.get();
+    }
+    ASSERT_GE(received, 0);
+    EXPECT_NE(received, pipeEnds[0]);
+    ASSERT_EQ(write(pipeEnds[1], "z", 1), 1);
+    char byte = 0;
+    EXPECT_EQ(read(received, &byte, 1), 1);
+    EXPECT_EQ(byte, 'z');
+    close(received);
+    close(pipeEnds[0]);
+    close(pipeEnds[1]);
+
+    tavrin::IPCFileDescriptor missing(5);
+    readFrom(words({0}), missing);
+    EXPECT_EQ(missing.get(), -1);
+}
+
+TEST(ArrayValues, HaveTheirWireLayoutsAndRoundTrip) {
+    const bool bools[] = {true, false, true};
+    tavrin::IPCBoolArray boolArray, boolBack;
+    boolArray.init(bools, 3);
+    expectWire(boolArray, words({3, 1, 0, 1}), boolBack);
+    EXPECT_EQ(Bytes(boolBack.base(), boolBack.base() + 3), Bytes({1, 0, 1}));
+    readFrom(words({1, 7}), boolBack);
+    EXPECT_TRUE(boolBack[0]);
+
+    const int ints[] = {1, -2, 0x7fffffff};
+    tavrin::IPCIntArray intArray, intBack;
+    intArray.init(ints, 3);
+    expectWire(intArray, words({3, 1, -2, 0x7fffffff}), intBack);
+    EXPECT_EQ(std::vector<int>(intBack.base(), intBack.base() + 3),
+              std::vector<int>(ints, ints + 3));
+
+    const unsigned int uints[] = {0xffffffffu, 2};
+    tavrin::IPCUIntArray uintArray, uintBack;
+    uintArray.init(uints, 2);
+    expectWire(uintArray, words({2, -1, 2}), uintBack);
+    EXPECT_EQ(uintBack[0], 0xffffffffu);
+
+    const unsigned char bytes[] = {1, 2, 3, 4, 5};
+    tavrin::IPCUCharArray byteArray, byteBack;
+    byteArray.init(bytes, 5);
+    expectWire(byteArray, concat({words({5}), {1, 2, 3, 4, 5, 0, 0, 0}}), byteBack);
+    EXPECT_EQ(Bytes(byteBack.base(), byteBack.base() + 5), Bytes(bytes, bytes + 5));
+}
+
+TEST(ArrayValues, CountsOfZeroOrLessCarryNoBody) {
+    tavrin::IPCIntArray empty, back;
+    expectWire(empty, words({0}), back);
+    EXPECT_EQ(back.size(), 0);
+    EXPECT_EQ(back.base(), nullptr);
+    tavrin::IPCUCharArray negative;
+    EXPECT_EQ(readFrom(words({-5, 99}), negative), 4u);
+    EXPECT_EQ(negative.size(), -5);
+    EXPECT_EQ(negative.base(), nullptr);
+    EXPECT_EQ(serialised(negative), words({-5}));
+}
+
+TEST(ArrayValues, IndexPastTheEndRefersToTheFirstElement) {
+    const int ints[] = {10, 20, 30};
+    tavrin::IPCIntArray array;
+    array.init(ints, 3);
+    EXPECT_EQ(&array[3], &array[0]);
+    EXPECT_EQ(&array[7], &array[0]);
+    EXPECT_EQ(&array[2], array.base() + 2);
+}
+
+// Leaks here show under the address sanitizer.
+TEST(ArrayValues, ReplacingContentReleasesThePreviousBuffer) {
+    const int ints[] = {1, 2, 3};
+    tavrin::IPCIntArray array;
+    array.init(ints, 3);
+    array.init(ints, 2);
+    readFrom(words({1, 42}), array);
+    ASSERT_EQ(array.size(), 1);
+    EXPECT_EQ(array[0], 42);
+    readFrom(words({-1}), array);
+    EXPECT_EQ(array.base(), nullptr);
+    array.init(ints, 1);
+    LogCapture log;
+    readFrom(words({INT32_MAX}), array);
+    EXPECT_EQ(array.base(), nullptr);
+}
+
+// A count from a peer that cannot be honoured leaves an empty array, one
+// warning, and the rest of the message unread.
+template <typename Array>
+void expectRefusedCount(const Bytes& message, const char* className, const char* reason) {
+    LogCapture log;
+    Array array;
+    EXPECT_EQ(readFrom(message, array), 4u) << className;
+    EXPECT_EQ(array.size(), 0) << className;
+    EXPECT_EQ(array.base(), nullptr) << className;
+    const std::vector<LogLine> lines = log.lines();
+    ASSERT_EQ(lines.size(), 1u) << className;
+    EXPECT_EQ(lines[0].priority, ANDROID_LOG_WARN);
+    EXPECT_EQ(lines[0].tag, "[Tavrin][IPCClass]");
+    EXPECT_THAT(lines[0].message, AllOf(HasSubstr(className), HasSubstr(reason)));
+}
+
+TEST(HostileArrayCounts, AreRefusedBeforeAnythingIsAllocated) {
+    expectRefusedCount<tavrin::IPCIntArray>(words({1 << 30, 1, 2}), "IPCIntArray", "too large");
+    expectRefusedCount<tavrin::IPCUIntArray>(words({INT32_MAX, 1}), "IPCUIntArray", "too large");
+    expectRefusedCount<tavrin::IPCIntArray>(words({(1 << 30) - 1, 1}), "IPCIntArray", "left");
+    expectRefusedCount<tavrin::IPCUIntArray>(words({3, 1, 2}), "IPCUIntArray", "left");
+    expectRefusedCount<tavrin::IPCUCharArray>(concat({words({5}), {1, 2, 3, 4}}), "IPCUCharArray",
+                                              "left");
+    expectRefusedCount<tavrin::IPCUCharArray>(words({INT32_MAX, 0}), "IPCUCharArray", "left");
+    expectRefusedCount<tavrin::IPCBoolArray>(words({3, 1, 1}), "IPCBoolArray", "left");
+    expectRefusedCount<tavrin::IPCBoolArray>(words({INT32_MAX, 1}), "IPCBoolArray", "left");
+}
+
+TEST(HostileArrayCounts, ExactFitIsAccepted) {
+    tavrin::IPCUCharArray bytes;
+    EXPECT_EQ(readFrom(concat({words({5}), {1, 2, 3, 4, 5, 0, 0, 0}}), bytes), 12u);
+    EXPECT_EQ(bytes.size(), 5);
+    tavrin::IPCBoolArray bools;
+    EXPECT_EQ(readFrom(words({2, 1, 0}), bools), 12u);
+    EXPECT_EQ(bools.size(), 2);
+}
+
+std::string report(const char* function, const char* check) {
+    return std::string(": ") + function + ": Assertion `" + check + "' failed.";
+}
+
+TEST(ArrayPreconditionsDeathTest, BrokenPreconditionsStopTheProcess) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    const int ints[] = {1};
+    EXPECT_DEATH(
+        tavrin::IPCIntArray().init(ints, 0),
+        AllOf(HasSubstr("protocol/IPCClass:"),
+              HasSubstr(report("void tavrin::IPCIntArray::init(const int*, int)", "size>0"))));
+    EXPECT_DEATH(
+        tavrin::IPCBoolArray()[0],
+        AllOf(HasSubstr("protocol/IPCClass:"),
+              HasSubstr(report("bool& tavrin::IPCBoolArray::operator[](int)", "mSize>0"))));
+    tavrin::IPCUCharArray bytes;
+    const unsigned char one[] = {1};
+    bytes.init(one, 1);
+    EXPECT_DEATH(bytes[-1], HasSubstr(report(
+                                "unsigned char& tavrin::IPCUCharArray::operator[](int)", "i>=0")));
+}
+
+}  // namespace
