@@ -1,8 +1,7 @@
 #pragma once
 
-#include <stdint.h>
-
 #include <binder/IBinder.h>
+#include <stdint.h>
 
 namespace android {
 namespace tvbinder {

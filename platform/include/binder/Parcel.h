@@ -5,14 +5,13 @@
 
 #include <vector>
 
+#include <binder/IBinder.h>
 #include <utils/Errors.h>
 #include <utils/RefBase.h>
 #include <utils/String16.h>
 #include <utils/String8.h>
 
 namespace android {
-
-class IBinder;
 
 // A message: flat data plus a table of the binder objects and file
 // descriptors embedded in it. Every item starts on a 4-byte boundary and is

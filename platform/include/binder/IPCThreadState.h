@@ -1,0 +1,62 @@
+#pragma once
+
+#include <stdint.h>
+#include <sys/types.h>
+#include <utils/Errors.h>
+#include <utils/RefBase.h>
+
+#include <vector>
+
+namespace android {
+
+class BBinder;
+class ProcessState;
+
+namespace tvbinder {
+class Connection;
+class Dispatcher;
+}  // namespace tvbinder
+
+// Per-thread state of the transport: who is calling the transaction that the
+// thread is executing, and the connections it is executing them for.
+class IPCThreadState {
+  public:
+    static IPCThreadState* self();
+    // The calling thread's state, or null when it has none yet.
+    static IPCThreadState* selfOrNull();
+
+    sp<ProcessState> process();
+
+    // The caller of the transaction being executed, as the kernel reported
+    // it for the connection; outside a transaction, this process.
+    pid_t getCallingPid() const;
+    uid_t getCallingUid() const;
+    // Until restoreCallingIdentity(token), the caller reads as this process.
+    int64_t clearCallingIdentity();
+    void restoreCallingIdentity(int64_t token);
+
+    // Turns the calling thread into a pool thread for good (not counted
+    // against the pool's maximum).
+    void joinThreadPool(bool isMain = true);
+    // Sends are never buffered; kept for callers written for the platform.
+    void flushCommands();
+
+    // Serves `object` as the context manager's object once
+    // ProcessState::becomeContextManager succeeded.
+    void setTheContextObject(const sp<BBinder>& object);
+
+  private:
+    friend class tvbinder::Dispatcher;
+
+    IPCThreadState();
+    ~IPCThreadState();
+    static void destroy(void* state);
+
+    // 0 outside a transaction: the caller is this process.
+    pid_t mCallingPid = 0;
+    uid_t mCallingUid = 0;
+    // Innermost last: connections whose peer waits for this thread's reply.
+    std::vector<tvbinder::Connection*> mServing;
+};
+
+}  // namespace android

@@ -1,0 +1,297 @@
+#define LOG_TAG "tvbinder"
+
+#include "Connection.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <inttypes.h>
+#include <log/log.h>
+#include <poll.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/mman.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <time.h>
+#include <unistd.h>
+
+#include "FlatObject.h"
+#include "Peer.h"
+
+namespace android {
+namespace tvbinder {
+
+namespace {
+
+// How long a sender waits for room in a receiver's socket before it gives up.
+constexpr int kSendTimeoutMs = 2000;
+// Bounds connect() when the listener's backlog is full.
+constexpr time_t kConnectTimeoutSeconds = 5;
+
+sockaddr_un abstractAddress(const std::string& name, socklen_t* length) {
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    size_t size = std::min(name.size(), sizeof(address.sun_path) - 1);
+    memcpy(address.sun_path + 1, name.data(), size);
+    *length = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + size);
+    return address;
+}
+
+int64_t nowMs() {
+    timespec ts;
+    clock_gettime(CLOCK_MONOTONIC, &ts);
+    return int64_t{ts.tv_sec} * 1000 + ts.tv_nsec / 1000000;
+}
+
+// Writes the body into a sealed memfd: a frame too large for one message.
+int makeBodyMemfd(const OutgoingFrame& frame) {
+    int fd = memfd_create("tvbinder-frame", MFD_CLOEXEC | MFD_ALLOW_SEALING);
+    if (fd < 0) return -1;
+    const size_t dataSize = frame.header.dataSize;
+    const size_t offsetsSize = frame.offsets.size() * sizeof(uint32_t);
+    bool ok = ftruncate(fd, static_cast<off_t>(dataSize + offsetsSize)) == 0;
+    if (ok && dataSize > 0) ok = pwrite(fd, frame.data, dataSize, 0) == ssize_t(dataSize);
+    if (ok && offsetsSize > 0) {
+        ok = pwrite(fd, frame.offsets.data(), offsetsSize, off_t(dataSize)) == ssize_t(offsetsSize);
+    }
+    if (ok) {
+        ok = fcntl(fd, F_ADD_SEALS, F_SEAL_SHRINK | F_SEAL_GROW | F_SEAL_WRITE | F_SEAL_SEAL) == 0;
+    }
+    if (!ok) {
+        ::close(fd);
+        return -1;
+    }
+    return fd;
+}
+
+bool preadAll(int fd, void* buffer, size_t size, off_t offset) {
+    auto* bytes = static_cast<uint8_t*>(buffer);
+    while (size > 0) {
+        ssize_t n = pread(fd, bytes, size, offset);
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) return false;
+        bytes += n;
+        size -= static_cast<size_t>(n);
+        offset += n;
+    }
+    return true;
+}
+
+uint8_t* receiveBuffer() {
+    thread_local uint8_t buffer[kMaxInlineFrame];
+    return buffer;
+}
+
+}  // namespace
+
+std::string endpointAddress(uint64_t endpoint) {
+    char name[64];
+    snprintf(name, sizeof(name), "tvbinder/ep/%016" PRIx64, endpoint);
+    return name;
+}
+
+std::string contextAddress(const std::string& context) {
+    return "tvbinder/ctx/" + context;
+}
+
+Connection::Connection(int fd) : EventSource(Type::kConnection), mFd(fd) {
+    ucred credentials{};
+    socklen_t length = sizeof(credentials);
+    if (getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &credentials, &length) == 0) {
+        mPeerPid = credentials.pid;
+        mPeerUid = credentials.uid;
+    }
+}
+
+Connection::~Connection() = default;
+
+void Connection::setPeer(const sp<Peer>& peer) {
+    mPeer = peer;
+}
+
+sp<Connection> Connection::connectTo(const std::string& address, int* error) {
+    int fd = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
+    if (fd < 0) {
+        *error = errno;
+        return nullptr;
+    }
+    sp<Connection> connection = new Connection(fd);
+    timeval timeout{kConnectTimeoutSeconds, 0};
+    setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &timeout, sizeof(timeout));
+    socklen_t length;
+    sockaddr_un target = abstractAddress(address, &length);
+    int result;
+    do {
+        result = connect(fd, reinterpret_cast<sockaddr*>(&target), length);
+    } while (result < 0 && errno == EINTR);
+    if (result < 0) {
+        *error = errno;
+        return nullptr;
+    }
+    // The listener's credentials are only known once connected.
+    ucred credentials{};
+    socklen_t credLength = sizeof(credentials);
+    if (getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &credentials, &credLength) != 0) {
+        *error = errno;
+        return nullptr;
+    }
+    connection->mPeerPid = credentials.pid;
+    connection->mPeerUid = credentials.uid;
+    return connection;
+}
+
+void Connection::setReceiveTimeout(int ms) {
+    timeval timeout{ms / 1000, (ms % 1000) * 1000};
+    setsockopt(mFd.get(), SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof(timeout));
+}
+
+sp<Connection> Connection::adoptAccepted(int fd) {
+    return new Connection(fd);
+}
+
+status_t Connection::send(const OutgoingFrame& frame) {
+    FrameHeader header = frame.header;
+    header.dataSize = frame.header.dataSize;
+    header.objectCount = static_cast<uint32_t>(frame.offsets.size());
+    const size_t bodySize = frameBodySize(header);
+    if (header.dataSize > kMaxTransactionSize || frame.fds.size() > kMaxFdObjects) {
+        ALOGW("refusing to send a frame of %zu bytes with %zu descriptors", bodySize,
+              frame.fds.size());
+        return BAD_VALUE;
+    }
+
+    iovec parts[3];
+    int partCount = 0;
+    ScopedFd memfd;
+    int fds[kMaxFdsPerFrame];
+    size_t fdCount = 0;
+    parts[partCount++] = {&header, sizeof(header)};
+    if (sizeof(header) + bodySize > kMaxInlineFrame) {
+        memfd = ScopedFd(makeBodyMemfd(frame));
+        if (!memfd.valid()) return NO_MEMORY;
+        header.layout |= kLayoutBodyInMemfd;
+        fds[fdCount++] = memfd.get();
+    } else {
+        if (header.dataSize > 0) {
+            parts[partCount++] = {const_cast<uint8_t*>(frame.data), header.dataSize};
+        }
+        if (!frame.offsets.empty()) {
+            parts[partCount++] = {const_cast<uint32_t*>(frame.offsets.data()),
+                                  frame.offsets.size() * sizeof(uint32_t)};
+        }
+    }
+    for (int fd : frame.fds) fds[fdCount++] = fd;
+
+    msghdr message{};
+    message.msg_iov = parts;
+    message.msg_iovlen = static_cast<size_t>(partCount);
+    alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int) * kMaxFdsPerFrame)];
+    if (fdCount > 0) {
+        message.msg_control = control;
+        message.msg_controllen = CMSG_SPACE(sizeof(int) * fdCount);
+        cmsghdr* cmsg = CMSG_FIRSTHDR(&message);
+        cmsg->cmsg_level = SOL_SOCKET;
+        cmsg->cmsg_type = SCM_RIGHTS;
+        cmsg->cmsg_len = CMSG_LEN(sizeof(int) * fdCount);
+        memcpy(CMSG_DATA(cmsg), fds, sizeof(int) * fdCount);
+    }
+
+    const int64_t deadline = nowMs() + kSendTimeoutMs;
+    for (;;) {
+        ssize_t n = sendmsg(mFd.get(), &message, MSG_DONTWAIT | MSG_NOSIGNAL);
+        if (n >= 0) return NO_ERROR;
+        if (errno == EINTR) continue;
+        if (errno == EPIPE || errno == ECONNRESET || errno == ENOTCONN) return DEAD_OBJECT;
+        if (errno != EAGAIN) {
+            ALOGW("sendmsg failed: %s", strerror(errno));
+            return FAILED_TRANSACTION;
+        }
+        int64_t left = deadline - nowMs();
+        pollfd waiter{mFd.get(), POLLOUT, 0};
+        if (left <= 0 || poll(&waiter, 1, static_cast<int>(left)) == 0) {
+            ALOGW("peer %d does not drain its connection; frame dropped", mPeerPid);
+            return WOULD_BLOCK;
+        }
+    }
+}
+
+status_t Connection::receive(Frame* out, bool block) {
+    uint8_t* buffer = receiveBuffer();
+    iovec part{buffer, kMaxInlineFrame};
+    alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int) * kMaxFdsPerFrame)];
+    msghdr message{};
+    message.msg_iov = &part;
+    message.msg_iovlen = 1;
+    message.msg_control = control;
+    message.msg_controllen = sizeof(control);
+    ssize_t n;
+    do {
+        n = recvmsg(mFd.get(), &message, MSG_CMSG_CLOEXEC | (block ? 0 : MSG_DONTWAIT));
+    } while (n < 0 && errno == EINTR);
+
+    for (cmsghdr* cmsg = CMSG_FIRSTHDR(&message); n >= 0 && cmsg != nullptr;
+         cmsg = CMSG_NXTHDR(&message, cmsg)) {
+        if (cmsg->cmsg_level != SOL_SOCKET || cmsg->cmsg_type != SCM_RIGHTS) continue;
+        size_t count = (cmsg->cmsg_len - CMSG_LEN(0)) / sizeof(int);
+        for (size_t i = 0; i < count; ++i) {
+            int fd;
+            memcpy(&fd, CMSG_DATA(cmsg) + i * sizeof(int), sizeof(int));
+            out->fds.push_back(fd);
+        }
+    }
+    if (n < 0) return errno == EAGAIN ? WOULD_BLOCK : DEAD_OBJECT;
+    if (n == 0) return DEAD_OBJECT;
+    if ((message.msg_flags & (MSG_TRUNC | MSG_CTRUNC)) != 0 || size_t(n) < sizeof(FrameHeader)) {
+        return BAD_VALUE;
+    }
+    memcpy(&out->header, buffer, sizeof(FrameHeader));
+    const FrameHeader& header = out->header;
+    if ((header.layout & ~kLayoutBodyInMemfd) != 0 || header.dataSize > kMaxTransactionSize ||
+        header.objectCount > header.dataSize / sizeof(FlatObject)) {
+        return BAD_VALUE;
+    }
+    if ((header.layout & kLayoutBodyInMemfd) != 0) {
+        if (size_t(n) != sizeof(FrameHeader) || out->fds.empty()) return BAD_VALUE;
+        int raw = out->fds.front();
+        out->fds.erase(out->fds.begin());
+        status_t status = readMemfdBody(raw, out);
+        ::close(raw);
+        return status;
+    }
+    if (size_t(n) != sizeof(FrameHeader) + frameBodySize(header)) return BAD_VALUE;
+    out->data = static_cast<uint8_t*>(malloc(header.dataSize > 0 ? header.dataSize : 1));
+    if (out->data == nullptr) return NO_MEMORY;
+    memcpy(out->data, buffer + sizeof(FrameHeader), header.dataSize);
+    if (header.objectCount > 0) {
+        out->offsets.resize(header.objectCount);
+        memcpy(out->offsets.data(), buffer + sizeof(FrameHeader) + header.dataSize,
+               header.objectCount * sizeof(uint32_t));
+    }
+    return NO_ERROR;
+}
+
+status_t Connection::readMemfdBody(int memfd, Frame* out) {
+    const FrameHeader& header = out->header;
+    struct stat status;
+    const size_t bodySize = frameBodySize(header);
+    int seals = fcntl(memfd, F_GET_SEALS);
+    const int required = F_SEAL_SHRINK | F_SEAL_WRITE;
+    if (fstat(memfd, &status) != 0 || !S_ISREG(status.st_mode) ||
+        size_t(status.st_size) != bodySize || seals < 0 || (seals & required) != required) {
+        return BAD_VALUE;
+    }
+    out->data = static_cast<uint8_t*>(malloc(header.dataSize > 0 ? header.dataSize : 1));
+    if (out->data == nullptr) return NO_MEMORY;
+    out->offsets.resize(header.objectCount);
+    if (!preadAll(memfd, out->data, header.dataSize, 0) ||
+        !preadAll(memfd, out->offsets.data(), header.objectCount * sizeof(uint32_t),
+                  off_t(header.dataSize))) {
+        return BAD_VALUE;
+    }
+    return NO_ERROR;
+}
+
+}  // namespace tvbinder
+}  // namespace android

@@ -1,0 +1,88 @@
+#pragma once
+
+#include <stdint.h>
+#include <sys/types.h>
+#include <utils/RefBase.h>
+
+#include <atomic>
+#include <string>
+
+#include "EventSource.h"
+#include "Frame.h"
+#include "TransportFds.h"
+
+namespace android {
+namespace tvbinder {
+
+class Peer;
+
+// One SOCK_SEQPACKET connection between two processes. The initiator starts
+// transactions on it and reads their replies itself; the acceptor sends only
+// replies and the nested transactions of threads serving the initiator.
+class Connection : public RefBase, public EventSource {
+  public:
+    // Connects to the abstract socket `address` (without its leading NUL);
+    // null on failure, with the errno in *error.
+    static sp<Connection> connectTo(const std::string& address, int* error);
+    // Wraps a descriptor returned by accept4.
+    static sp<Connection> adoptAccepted(int fd);
+
+    int fd() const { return mFd.get(); }
+    // The peer's credentials as the kernel saw them when the connection was made.
+    pid_t peerPid() const { return mPeerPid; }
+    uid_t peerUid() const { return mPeerUid; }
+
+    // The process at the other end; set once its endpoint is known.
+    const sp<Peer>& peer() const { return mPeer; }
+    void setPeer(const sp<Peer>& peer);
+
+    // Sends one frame. Waits for socket space only for a bounded time:
+    // WOULD_BLOCK when the receiver does not drain it. DEAD_OBJECT when the
+    // peer closed the connection.
+    status_t send(const OutgoingFrame& frame);
+    // Receives one frame: DEAD_OBJECT at end of stream, WOULD_BLOCK when
+    // nothing is waiting and `block` is false, BAD_VALUE for a frame that is
+    // malformed at the transport level (it is dropped with its descriptors).
+    status_t receive(Frame* out, bool block);
+
+    // Set once the connection must not be used again.
+    void markBroken() { mBroken.store(true, std::memory_order_release); }
+    bool broken() const { return mBroken.load(std::memory_order_acquire); }
+
+    // An accepted connection passes from pool thread to pool thread through
+    // epoll (one-shot). The kernel orders that handoff; these make it visible
+    // to the language's memory model (and to race checkers) as well.
+    void handOff() { mHandoff.fetch_add(1, std::memory_order_release); }
+    void takeOver() const { mHandoff.load(std::memory_order_acquire); }
+
+    // State of an accepted connection, used by the thread that holds it.
+    bool helloDone = false;
+    bool answersHello = false;  // accepted on the context manager's address
+    bool isLink = false;        // the peer's one-way link
+    // Makes blocking receives give up after `ms` (WOULD_BLOCK).
+    void setReceiveTimeout(int ms);
+    // One-way bytes waiting on busy objects; over the cap the connection is
+    // parked (not re-armed) until they drain.
+    std::atomic<size_t> queuedBytes{0};
+    std::atomic<bool> parked{false};
+
+  private:
+    explicit Connection(int fd);
+    ~Connection() override;
+    status_t readMemfdBody(int memfd, Frame* out);
+
+    ScopedFd mFd;
+    pid_t mPeerPid = 0;
+    uid_t mPeerUid = 0;
+    sp<Peer> mPeer;
+    std::atomic<bool> mBroken{false};
+    std::atomic<uint32_t> mHandoff{0};
+};
+
+// "\0tvbinder/ep/<16 hex digits>" without its leading NUL.
+std::string endpointAddress(uint64_t endpoint);
+// "\0tvbinder/ctx/<context>" without its leading NUL.
+std::string contextAddress(const std::string& context);
+
+}  // namespace tvbinder
+}  // namespace android

@@ -1,0 +1,73 @@
+#pragma once
+
+#include <binder/Binder.h>
+#include <stdint.h>
+
+#include <deque>
+#include <memory>
+#include <mutex>
+#include <unordered_map>
+#include <vector>
+
+#include "PendingOneWay.h"
+#include "Token.h"
+
+namespace android {
+namespace tvbinder {
+
+class Peer;
+
+// The local objects that left this process. Each has a token and, per peer
+// endpoint, the number of references granted to that peer; while any count is
+// above zero the table keeps the object alive. Also serialises the one-way
+// transactions of each object.
+class ExportTable {
+  public:
+    // The object's token, given on first use.
+    Token tokenFor(BBinder* binder);
+    // The object named by `token` if `holder` was granted a reference to it
+    // (anyone may reach the context object); null otherwise.
+    sp<BBinder> lookup(const Token& token, uint64_t holder);
+    // Counts one more reference for `holder`. DEAD_OBJECT (and nothing
+    // counted) when the holder turns out to be dead.
+    status_t grant(const Token& token, const sp<Peer>& holder);
+    // Drops up to `count` of the holder's references. The returned reference
+    // (possibly the last) must be dropped without any transport lock held.
+    sp<BBinder> release(const Token& token, uint64_t holder, uint64_t count);
+    // Drops all references of a dead holder.
+    std::vector<sp<BBinder>> dropHolder(uint64_t holder);
+    // Called when an object is destroyed.
+    void forget(const BBinder* binder);
+
+    // Serves `object` under the context token for as long as the process lives.
+    void setContextObject(const sp<BBinder>& object);
+    sp<BBinder> contextObject();
+
+    // True when `call` may run now (its object is marked busy); otherwise the
+    // call was queued behind the object's running one-way.
+    bool beginOneWay(const Token& token, std::unique_ptr<PendingOneWay>& call);
+    // The next queued one-way of the object, or null (and the object no
+    // longer busy).
+    std::unique_ptr<PendingOneWay> nextOneWay(const Token& token);
+
+    // Objects alive only because other processes hold them.
+    size_t heldCount();
+
+  private:
+    struct Entry {
+        wp<BBinder> weak;
+        sp<BBinder> strong;  // set while references are held
+        std::unordered_map<uint64_t, uint64_t> holders;
+        bool permanent = false;
+        bool oneWayBusy = false;
+        std::deque<std::unique_ptr<PendingOneWay>> oneWays;
+    };
+    sp<BBinder> releaseLocked(Entry& entry, uint64_t holder, uint64_t count);
+
+    std::mutex mLock;
+    std::unordered_map<Token, Entry, TokenHash> mEntries;
+    std::unordered_map<const BBinder*, Token> mTokens;
+};
+
+}  // namespace tvbinder
+}  // namespace android

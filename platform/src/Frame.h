@@ -1,0 +1,96 @@
+#pragma once
+
+#include <stddef.h>
+#include <stdint.h>
+#include <utils/Errors.h>
+
+#include <vector>
+
+#include "Token.h"
+
+namespace android {
+namespace tvbinder {
+
+// One message on a connection. Small frames are a single SOCK_SEQPACKET
+// message: header, data, then the offsets of the embedded object records.
+// Larger ones carry only the header; data and offsets follow in a sealed
+// memfd passed as the frame's first descriptor.
+enum class FrameKind : uint32_t {
+    kHello = 1,        // argument: sender's endpoint
+    kHelloAnswer = 2,  // argument: sender's endpoint (context listener only)
+    kTransaction = 3,  // token: target; code, flags; body: the data
+    kReply = 4,        // status; body: the reply data
+    kRelease = 5,      // token: object; argument: how many references
+    kGrant = 6,        // token: object; argument: endpoint that is to hold it
+};
+
+struct FrameHeader {
+    uint32_t magic;
+    uint32_t kind;
+    uint32_t code;
+    uint32_t flags;
+    int32_t status;
+    uint32_t layout;  // kLayout* bits
+    uint32_t dataSize;
+    uint32_t objectCount;
+    uint64_t tokenHi;
+    uint64_t tokenLo;
+    uint64_t argument;
+};
+static_assert(sizeof(FrameHeader) == 56, "FrameHeader is a fixed wire record");
+
+constexpr uint32_t kFrameMagic = 0x74766231;  // "tvb1"
+constexpr uint32_t kLayoutBodyInMemfd = 1;
+// HELLO flag: the connection will carry only one-ways and releases.
+constexpr uint32_t kHelloLink = 1;
+
+constexpr size_t kMaxInlineFrame = 64 * 1024;
+constexpr size_t kMaxTransactionSize = 16 * 1024 * 1024;
+// SCM_MAX_FD is 253; a large frame spends one on its memfd.
+constexpr size_t kMaxFdsPerFrame = 253;
+constexpr size_t kMaxFdObjects = kMaxFdsPerFrame - 1;
+
+inline size_t frameBodySize(const FrameHeader& header) {
+    return size_t{header.dataSize} + size_t{header.objectCount} * sizeof(uint32_t);
+}
+
+// A frame as received. Owns its data (malloc) and descriptors until they are
+// handed on.
+class Frame {
+  public:
+    Frame() = default;
+    ~Frame();
+    Frame(const Frame&) = delete;
+    Frame& operator=(const Frame&) = delete;
+
+    FrameKind kind() const { return static_cast<FrameKind>(header.kind); }
+    Token token() const { return Token{header.tokenHi, header.tokenLo}; }
+    // Gives up the data buffer to the caller (who frees it).
+    uint8_t* releaseData();
+    // Gives up the descriptors to the caller (who closes them).
+    std::vector<int> releaseFds();
+
+    // Checks everything that does not need the process's tables: header
+    // fields for the kind, object offsets (ascending, 4-aligned, in bounds,
+    // not overlapping), record types and that the descriptor records match
+    // the descriptors received one for one.
+    status_t validate() const;
+
+    FrameHeader header{};
+    uint8_t* data = nullptr;
+    std::vector<uint32_t> offsets;
+    std::vector<int> fds;
+};
+
+// A frame to send; points into memory the sender keeps alive.
+struct OutgoingFrame {
+    FrameHeader header{};
+    const uint8_t* data = nullptr;
+    std::vector<uint32_t> offsets;
+    std::vector<int> fds;
+
+    static OutgoingFrame make(FrameKind kind);
+};
+
+}  // namespace tvbinder
+}  // namespace android

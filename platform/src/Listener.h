@@ -1,0 +1,35 @@
+#pragma once
+
+#include <utils/Errors.h>
+
+#include <string>
+
+#include "EventSource.h"
+#include "TransportFds.h"
+
+namespace android {
+namespace tvbinder {
+
+// A listening SOCK_SEQPACKET socket on an abstract address.
+class Listener : public EventSource {
+  public:
+    // `answersHello`: connections accepted here learn this process's endpoint
+    // (the context manager's address is not derived from it).
+    explicit Listener(bool answersHello)
+        : EventSource(Type::kListener), mAnswersHello(answersHello) {}
+
+    // EADDRINUSE (as a negative status) when a live process has the address.
+    status_t listenOn(const std::string& address);
+    // A new connection's descriptor, or -1 when none is waiting.
+    int acceptOne();
+
+    int fd() const { return mFd.get(); }
+    bool answersHello() const { return mAnswersHello; }
+
+  private:
+    ScopedFd mFd;
+    const bool mAnswersHello;
+};
+
+}  // namespace tvbinder
+}  // namespace android

@@ -1,0 +1,35 @@
+#pragma once
+
+#include <binder/BpBinder.h>
+#include <stdint.h>
+
+#include <mutex>
+#include <unordered_map>
+#include <vector>
+
+#include "Token.h"
+
+namespace android {
+namespace tvbinder {
+
+class Peer;
+
+// The proxies of this process, at most one per remote object. Entries are
+// weak: a proxy leaves the table when its last strong reference goes.
+class ProxyTable {
+  public:
+    // The proxy of `token` owned by `owner`, made if there is none alive.
+    sp<BpBinder> obtain(const sp<Peer>& owner, const Token& token);
+    // Called by a proxy that is going away.
+    void remove(BpBinder* proxy);
+    // The live proxies of one owner, for its death notices.
+    std::vector<sp<BpBinder>> proxiesOf(uint64_t endpoint);
+
+  private:
+    using Proxies = std::unordered_map<Token, wp<BpBinder>, TokenHash>;
+    std::mutex mLock;
+    std::unordered_map<uint64_t, Proxies> mByOwner;
+};
+
+}  // namespace tvbinder
+}  // namespace android

@@ -1,0 +1,207 @@
+#define LOG_TAG "tvbinder"
+
+#include "Runtime.h"
+
+#include <log/log.h>
+#include <poll.h>
+#include <stdlib.h>
+#include <unistd.h>
+
+#include <vector>
+
+#include "Peer.h"
+
+namespace android {
+namespace tvbinder {
+
+namespace {
+
+// Beyond this many accepted connections new ones are refused: a peer that
+// connects in a loop must not exhaust the process's descriptors.
+constexpr size_t kMaxAcceptedConnections = 4096;
+// And one process may not take more than its share of them.
+constexpr size_t kMaxAcceptedConnectionsPerPid = 256;
+constexpr int kHelloAnswerTimeoutMs = 5000;
+
+std::atomic<Runtime*> gCurrent{nullptr};
+// Runtimes a forked child left behind stay reachable: parts of them may still
+// be referenced by objects the child inherited.
+std::vector<Runtime*>* gAbandoned = nullptr;
+
+std::string contextFromEnvironment() {
+    const char* context = getenv("TAVRIN_BINDER_CONTEXT");
+    return context != nullptr && context[0] != '\0' ? context : "default";
+}
+
+}  // namespace
+
+Runtime* Runtime::current() {
+    return gCurrent.load(std::memory_order_acquire);
+}
+
+Runtime* Runtime::create() {
+    auto* runtime = new Runtime();
+    status_t status = runtime->init();
+    LOG_ALWAYS_FATAL_IF(status != NO_ERROR, "cannot set up the binder endpoint: %d", status);
+    gCurrent.store(runtime, std::memory_order_release);
+    return runtime;
+}
+
+void Runtime::abandonInChild() {
+    Runtime* runtime = gCurrent.exchange(nullptr);
+    if (runtime == nullptr) return;
+    if (gAbandoned == nullptr) gAbandoned = new std::vector<Runtime*>;
+    gAbandoned->push_back(runtime);
+}
+
+Runtime::Runtime()
+    : mEndpoint(Token::random().hi),
+      mContext(contextFromEnvironment()),
+      mPeers(*this),
+      mPool(*this),
+      mDispatcher(*this) {}
+
+status_t Runtime::init() {
+    status_t status = mPool.init();
+    if (status != NO_ERROR) return status;
+    status = mListener.listenOn(endpointAddress(mEndpoint));
+    if (status != NO_ERROR) return status;
+    mPool.add(&mListener, mListener.fd());
+    return NO_ERROR;
+}
+
+sp<IBinder> Runtime::contextObject() {
+    {
+        std::lock_guard<std::mutex> guard(mLock);
+        if (mContextListener != nullptr) {
+            sp<BBinder> local = mExports.contextObject();
+            if (local != nullptr) return local;
+        }
+        if (mContextProxy != nullptr && mContextProxy->isBinderAlive()) return mContextProxy;
+    }
+    sp<BpBinder> proxy = connectToContextManager();
+    std::lock_guard<std::mutex> guard(mLock);
+    if (proxy != nullptr) mContextProxy = proxy;
+    return proxy;
+}
+
+sp<BpBinder> Runtime::connectToContextManager() {
+    int error = 0;
+    sp<Connection> connection = Connection::connectTo(contextAddress(mContext), &error);
+    if (connection == nullptr) return nullptr;
+    OutgoingFrame hello = OutgoingFrame::make(FrameKind::kHello);
+    hello.header.argument = mEndpoint;
+    if (connection->send(hello) != NO_ERROR) return nullptr;
+    pollfd waiter{connection->fd(), POLLIN, 0};
+    if (poll(&waiter, 1, kHelloAnswerTimeoutMs) <= 0) {
+        ALOGW("context manager of \"%s\" does not answer", mContext.c_str());
+        return nullptr;
+    }
+    Frame answer;
+    if (connection->receive(&answer, false) != NO_ERROR || answer.validate() != NO_ERROR ||
+        answer.kind() != FrameKind::kHelloAnswer || answer.header.argument == 0 ||
+        answer.header.argument == mEndpoint) {
+        return nullptr;
+    }
+    sp<Peer> manager = mPeers.obtain(answer.header.argument);
+    if (manager->adoptCallConnection(connection) != NO_ERROR) return nullptr;
+    return mProxies.obtain(manager, kContextToken);
+}
+
+bool Runtime::becomeContextManager() {
+    std::lock_guard<std::mutex> guard(mLock);
+    if (mContextListener != nullptr) return true;
+    auto listener = std::make_unique<Listener>(true);
+    status_t status = listener->listenOn(contextAddress(mContext));
+    if (status != NO_ERROR) {
+        ALOGW("cannot serve context \"%s\": %d", mContext.c_str(), status);
+        return false;
+    }
+    mPool.add(listener.get(), listener->fd());
+    mContextListener = std::move(listener);
+    return true;
+}
+
+void Runtime::setContextObject(const sp<BBinder>& object) {
+    mExports.setContextObject(object);
+}
+
+void Runtime::onEvent(EventSource* source, uint32_t /*events*/) {
+    switch (source->type) {
+        case EventSource::Type::kListener:
+            acceptAll(*static_cast<Listener*>(source));
+            break;
+        case EventSource::Type::kConnection:
+            static_cast<Connection*>(source)->takeOver();
+            mDispatcher.onReadable(sp<Connection>(static_cast<Connection*>(source)));
+            break;
+        case EventSource::Type::kPeerWatch:
+            onPeerDied(sp<Peer>(static_cast<Peer*>(source)));
+            break;
+    }
+}
+
+void Runtime::acceptAll(Listener& listener) {
+    for (;;) {
+        int fd = listener.acceptOne();
+        if (fd < 0) break;
+        sp<Connection> connection = Connection::adoptAccepted(fd);
+        connection->answersHello = listener.answersHello();
+        {
+            std::lock_guard<std::mutex> guard(mLock);
+            size_t& fromPid = mAcceptedPerPid[connection->peerPid()];
+            if (mAccepted.size() >= kMaxAcceptedConnections ||
+                fromPid >= kMaxAcceptedConnectionsPerPid) {
+                ALOGW("too many connections; refusing one from pid %d", connection->peerPid());
+                if (fromPid == 0) mAcceptedPerPid.erase(connection->peerPid());
+                continue;
+            }
+            ++fromPid;
+            mAccepted.emplace(connection.get(), connection);
+        }
+        mPool.add(connection.get(), connection->fd());
+    }
+    mPool.rearm(&listener, listener.fd());
+}
+
+void Runtime::rearm(const sp<Connection>& connection) {
+    if (connection->broken()) {
+        drop(connection);
+    } else {
+        connection->handOff();
+        mPool.rearm(connection.get(), connection->fd());
+    }
+}
+
+void Runtime::drop(const sp<Connection>& connection) {
+    connection->markBroken();
+    mPool.remove(connection->fd());
+    std::lock_guard<std::mutex> guard(mLock);
+    if (mAccepted.erase(connection.get()) == 0) return;
+    auto fromPid = mAcceptedPerPid.find(connection->peerPid());
+    if (fromPid != mAcceptedPerPid.end() && --fromPid->second == 0) mAcceptedPerPid.erase(fromPid);
+}
+
+void Runtime::watchPeer(Peer* peer, int pidfd) {
+    mPool.add(peer, pidfd);
+}
+
+void Runtime::forgetPeer(Peer* peer) {
+    mPeers.forget(peer);
+}
+
+void Runtime::onPeerDied(const sp<Peer>& peer) {
+    peer->markDead();
+    mPool.remove(peer->pidfd());
+    peer->closePidfd();
+    mPeers.forget(peer.get());
+    // The objects it held may go now; their destructors run without our locks.
+    std::vector<sp<BBinder>> released = mExports.dropHolder(peer->endpoint());
+    released.clear();
+    for (const sp<BpBinder>& proxy : mProxies.proxiesOf(peer->endpoint())) {
+        proxy->sendObituary();
+    }
+}
+
+}  // namespace tvbinder
+}  // namespace android

@@ -1,0 +1,87 @@
+#pragma once
+
+#include <binder/Binder.h>
+#include <binder/BpBinder.h>
+#include <stdint.h>
+
+#include <atomic>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <unordered_map>
+
+#include "Connection.h"
+#include "Dispatcher.h"
+#include "ExportTable.h"
+#include "Listener.h"
+#include "Peer.h"
+#include "PeerTable.h"
+#include "ProxyTable.h"
+#include "ThreadPool.h"
+
+namespace android {
+namespace tvbinder {
+
+// Everything the transport keeps for one process: its endpoint and listener,
+// the tables of exported objects, proxies and peers, the accepted connections
+// and the thread pool. Made with the first ProcessState; never destroyed,
+// because pool threads use it until the process ends (a child made by fork()
+// abandons its parent's and makes its own).
+class Runtime {
+  public:
+    // The process's runtime, or null before the first ProcessState.
+    static Runtime* current();
+    // Makes the runtime of this process (ProcessState does, under its lock).
+    static Runtime* create();
+    // In a child made by fork(): the parent's runtime is no longer current.
+    static void abandonInChild();
+
+    uint64_t endpoint() const { return mEndpoint; }
+    const std::string& context() const { return mContext; }
+    bool isCurrent() const { return current() == this; }
+
+    ExportTable& exports() { return mExports; }
+    ProxyTable& proxies() { return mProxies; }
+    PeerTable& peers() { return mPeers; }
+    ThreadPool& pool() { return mPool; }
+    Dispatcher& dispatcher() { return mDispatcher; }
+
+    // The context manager's object: local when this process serves it, else
+    // the proxy of the manager that listens on the context's address.
+    sp<IBinder> contextObject();
+    bool becomeContextManager();
+    void setContextObject(const sp<BBinder>& object);
+
+    // Pool thread entry: one event from epoll.
+    void onEvent(EventSource* source, uint32_t events);
+    void watchPeer(Peer* peer, int pidfd);
+    void forgetPeer(Peer* peer);
+    // Hands an accepted connection back to epoll, or drops it.
+    void rearm(const sp<Connection>& connection);
+    void drop(const sp<Connection>& connection);
+
+  private:
+    Runtime();
+    status_t init();
+    void acceptAll(Listener& listener);
+    void onPeerDied(const sp<Peer>& peer);
+    sp<BpBinder> connectToContextManager();
+
+    const uint64_t mEndpoint;
+    const std::string mContext;
+    ExportTable mExports;
+    ProxyTable mProxies;
+    PeerTable mPeers;
+    ThreadPool mPool;
+    Dispatcher mDispatcher;
+    Listener mListener{false};
+
+    std::mutex mLock;  // guards everything below
+    std::unique_ptr<Listener> mContextListener;
+    sp<BpBinder> mContextProxy;
+    std::unordered_map<Connection*, sp<Connection>> mAccepted;
+    std::unordered_map<pid_t, size_t> mAcceptedPerPid;
+};
+
+}  // namespace tvbinder
+}  // namespace android

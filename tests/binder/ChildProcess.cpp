@@ -1,0 +1,166 @@
+#include "ChildProcess.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <spawn.h>
+#include <string.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <map>
+#include <stdexcept>
+
+extern char** environ;
+
+namespace tvtest {
+
+namespace {
+
+// The child reads the test's lines on fd 3 and writes its own on fd 4.
+constexpr int kChildInputFd = 3;
+constexpr int kChildOutputFd = 4;
+
+std::map<std::string, ChildRole>& roles() {
+    static auto* registry = new std::map<std::string, ChildRole>;
+    return *registry;
+}
+
+int64_t nowMs() {
+    timespec ts;
+    clock_gettime(CLOCK_MONOTONIC, &ts);
+    return int64_t{ts.tv_sec} * 1000 + ts.tv_nsec / 1000000;
+}
+
+// Reads one line from `fd` into `pending`'s front; "" on timeout or end.
+std::string readLineFrom(int fd, std::string* pending, std::chrono::milliseconds timeout) {
+    const int64_t deadline = nowMs() + timeout.count();
+    for (;;) {
+        size_t newline = pending->find('\n');
+        if (newline != std::string::npos) {
+            std::string line = pending->substr(0, newline);
+            pending->erase(0, newline + 1);
+            return line;
+        }
+        int64_t left = deadline - nowMs();
+        if (left <= 0) return "";
+        pollfd waiter{fd, POLLIN, 0};
+        int ready = poll(&waiter, 1, static_cast<int>(left));
+        if (ready < 0 && errno == EINTR) continue;
+        if (ready <= 0) return "";
+        char buffer[256];
+        ssize_t n = read(fd, buffer, sizeof(buffer));
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) return "";
+        pending->append(buffer, static_cast<size_t>(n));
+    }
+}
+
+void writeLineTo(int fd, const std::string& line) {
+    std::string text = line + "\n";
+    const char* data = text.data();
+    size_t left = text.size();
+    while (left > 0) {
+        ssize_t n = write(fd, data, left);
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) return;
+        data += n;
+        left -= static_cast<size_t>(n);
+    }
+}
+
+}  // namespace
+
+ChildProcess::ChildProcess(const std::string& role, const std::vector<std::string>& args) {
+    int toChild[2];
+    int fromChild[2];
+    if (pipe2(toChild, O_CLOEXEC) != 0 || pipe2(fromChild, O_CLOEXEC) != 0) {
+        throw std::runtime_error("pipe2 failed");
+    }
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_adddup2(&actions, toChild[0], kChildInputFd);
+    posix_spawn_file_actions_adddup2(&actions, fromChild[1], kChildOutputFd);
+
+    std::string roleArgument = "--child=" + role;
+    std::vector<char*> argv;
+    argv.push_back(const_cast<char*>("/proc/self/exe"));
+    argv.push_back(roleArgument.data());
+    std::vector<std::string> copies = args;
+    for (std::string& arg : copies) argv.push_back(arg.data());
+    argv.push_back(nullptr);
+    int error = posix_spawn(&mPid, "/proc/self/exe", &actions, nullptr, argv.data(), environ);
+    posix_spawn_file_actions_destroy(&actions);
+    close(toChild[0]);
+    close(fromChild[1]);
+    mToChild = toChild[1];
+    mFromChild = fromChild[0];
+    if (error != 0) {
+        close(mToChild);
+        close(mFromChild);
+        throw std::runtime_error(std::string("posix_spawn failed: ") + strerror(error));
+    }
+}
+
+ChildProcess::~ChildProcess() {
+    if (!mReaped) {
+        ::kill(mPid, SIGKILL);
+        waitpid(mPid, nullptr, 0);
+    }
+    close(mToChild);
+    close(mFromChild);
+}
+
+std::string ChildProcess::readLine(std::chrono::milliseconds timeout) {
+    return readLineFrom(mFromChild, &mPending, timeout);
+}
+
+void ChildProcess::writeLine(const std::string& line) {
+    writeLineTo(mToChild, line);
+}
+
+void ChildProcess::kill(int signal) {
+    if (!mReaped) ::kill(mPid, signal);
+}
+
+int ChildProcess::wait(std::chrono::milliseconds timeout) {
+    const int64_t deadline = nowMs() + timeout.count();
+    while (!mReaped) {
+        int status = 0;
+        pid_t done = waitpid(mPid, &status, WNOHANG);
+        if (done == mPid) {
+            mReaped = true;
+            return status;
+        }
+        if (nowMs() >= deadline) return -1;
+        usleep(2000);
+    }
+    return -1;
+}
+
+void ParentChannel::send(const std::string& line) {
+    writeLineTo(kChildOutputFd, line);
+}
+
+std::string ParentChannel::receive(std::chrono::milliseconds timeout) {
+    static std::string pending;
+    return readLineFrom(kChildInputFd, &pending, timeout);
+}
+
+ChildRoleRegistration::ChildRoleRegistration(const char* name, ChildRole role) {
+    roles()[name] = role;
+}
+
+int runChildRole(const std::string& name, const std::vector<std::string>& args) {
+    auto it = roles().find(name);
+    if (it == roles().end()) return 127;
+    // A child never outlives the test that started it.
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    if (getppid() == 1) return 126;
+    return it->second(args);
+}
+
+}  // namespace tvtest

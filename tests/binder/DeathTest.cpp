@@ -1,0 +1,127 @@
+#include <binder/Binder.h>
+#include <binder/IBinder.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <thread>
+
+#include "ServedChild.h"
+#include "TestService.h"
+#include "TestSupport.h"
+
+using android::BBinder;
+using android::DEAD_OBJECT;
+using android::IBinder;
+using android::INVALID_OPERATION;
+using android::NAME_NOT_FOUND;
+using android::NO_ERROR;
+using android::sp;
+using android::status_t;
+using android::wp;
+using tvtest::ServedChild;
+using tvtest::waitUntil;
+
+namespace {
+
+int currentTid() {
+    return static_cast<int>(syscall(SYS_gettid));
+}
+
+class CountingRecipient : public IBinder::DeathRecipient {
+  public:
+    explicit CountingRecipient(std::atomic<bool>* destroyed = nullptr) : mDestroyed(destroyed) {}
+    ~CountingRecipient() override {
+        if (mDestroyed != nullptr) *mDestroyed = true;
+    }
+    void binderDied(const wp<IBinder>& who) override {
+        died = who.promote().get();
+        tid = currentTid();
+        ++calls;
+    }
+    std::atomic<int> calls{0};
+    std::atomic<IBinder*> died{nullptr};
+    std::atomic<int> tid{0};
+
+  private:
+    std::atomic<bool>* mDestroyed;
+};
+
+// Unlinks itself from inside the notice.
+class SelfUnlinkingRecipient : public IBinder::DeathRecipient {
+  public:
+    void binderDied(const wp<IBinder>& who) override {
+        sp<IBinder> binder = who.promote();
+        unlinkStatus = binder != nullptr ? binder->unlinkToDeath(this) : NO_ERROR;
+        ++calls;
+    }
+    std::atomic<int> calls{0};
+    std::atomic<status_t> unlinkStatus{NO_ERROR};
+};
+
+TEST(DeathNotices, ArriveOnceOnAPoolThreadWhenTheOwnerIsKilled) {
+    ServedChild child;
+    ASSERT_TRUE(child.ready());
+    sp<CountingRecipient> first = new CountingRecipient();
+    sp<CountingRecipient> second = new CountingRecipient();
+    int cookie = 0;
+    ASSERT_EQ(NO_ERROR, child.binder()->linkToDeath(first));
+    ASSERT_EQ(NO_ERROR, child.binder()->linkToDeath(second, &cookie, 3));
+
+    child.process().kill(SIGKILL);
+    ASSERT_TRUE(waitUntil([&] { return first->calls == 1 && second->calls == 1; }));
+    EXPECT_EQ(child.binder().get(), first->died.load());
+    EXPECT_NE(currentTid(), first->tid.load());
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    EXPECT_EQ(1, first->calls.load());
+    EXPECT_EQ(1, second->calls.load());
+
+    EXPECT_EQ(DEAD_OBJECT, child.binder()->linkToDeath(new CountingRecipient()));
+    EXPECT_EQ(DEAD_OBJECT, child.binder()->unlinkToDeath(second, &cookie, 3));
+}
+
+TEST(DeathNotices, UnlinkedAndReleasedRecipientsAreNotCalled) {
+    ServedChild child;
+    ASSERT_TRUE(child.ready());
+    sp<CountingRecipient> unlinked = new CountingRecipient();
+    std::atomic<bool> releasedDestroyed{false};
+    sp<CountingRecipient> released = new CountingRecipient(&releasedDestroyed);
+    sp<CountingRecipient> kept = new CountingRecipient();
+    int cookie = 0;
+    ASSERT_EQ(NO_ERROR, child.binder()->linkToDeath(unlinked, &cookie));
+    ASSERT_EQ(NO_ERROR, child.binder()->linkToDeath(released));
+    ASSERT_EQ(NO_ERROR, child.binder()->linkToDeath(kept));
+
+    EXPECT_EQ(NAME_NOT_FOUND, child.binder()->unlinkToDeath(unlinked));  // wrong cookie
+    wp<IBinder::DeathRecipient> removed;
+    EXPECT_EQ(NO_ERROR, child.binder()->unlinkToDeath(unlinked, &cookie, 0, &removed));
+    EXPECT_EQ(unlinked.get(), removed.promote().get());
+    EXPECT_EQ(NAME_NOT_FOUND, child.binder()->unlinkToDeath(unlinked, &cookie));
+    released = nullptr;
+    EXPECT_TRUE(releasedDestroyed.load());
+
+    child.process().kill(SIGKILL);
+    ASSERT_TRUE(waitUntil([&] { return kept->calls == 1; }));
+    EXPECT_EQ(0, unlinked->calls.load());
+}
+
+TEST(DeathNotices, ARecipientMayUnlinkItselfWhileBeingNotified) {
+    ServedChild child;
+    ASSERT_TRUE(child.ready());
+    sp<SelfUnlinkingRecipient> recipient = new SelfUnlinkingRecipient();
+    ASSERT_EQ(NO_ERROR, child.binder()->linkToDeath(recipient));
+    child.process().kill(SIGKILL);
+    ASSERT_TRUE(waitUntil([&] { return recipient->calls == 1; }));
+    EXPECT_EQ(DEAD_OBJECT, recipient->unlinkStatus.load());
+}
+
+TEST(DeathNotices, OnlyProxiesCanBeLinkedTo) {
+    sp<BBinder> local = new BBinder();
+    EXPECT_EQ(INVALID_OPERATION, local->linkToDeath(new CountingRecipient()));
+    EXPECT_EQ(INVALID_OPERATION, local->unlinkToDeath(nullptr));
+}
+
+}  // namespace

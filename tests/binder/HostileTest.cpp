@@ -1,0 +1,328 @@
+#include <binder/BpBinder.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <stddef.h>
+#include <string.h>
+#include <sys/mman.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <string>
+#include <vector>
+
+#include "Connection.h"
+#include "FlatObject.h"
+#include "Frame.h"
+#include "Peer.h"
+#include "Runtime.h"
+#include "ServedChild.h"
+#include "TestService.h"
+#include "TestSupport.h"
+
+using android::IBinder;
+using android::tvbinder::endpointAddress;
+using android::tvbinder::FlatObject;
+using android::tvbinder::FrameHeader;
+using android::tvbinder::FrameKind;
+using android::tvbinder::kFrameMagic;
+using android::tvbinder::kLayoutBodyInMemfd;
+using android::tvbinder::Runtime;
+using tvtest::ServedChild;
+using tvtest::TestService;
+
+namespace {
+
+// A socket to a process's endpoint that speaks the wire protocol by hand.
+class RawConnection {
+  public:
+    explicit RawConnection(uint64_t endpoint) {
+        mFd = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
+        std::string name = endpointAddress(endpoint);
+        sockaddr_un address{};
+        address.sun_family = AF_UNIX;
+        memcpy(address.sun_path + 1, name.data(), name.size());
+        connected = connect(mFd, reinterpret_cast<sockaddr*>(&address),
+                            offsetof(sockaddr_un, sun_path) + 1 + name.size()) == 0;
+    }
+    ~RawConnection() { close(mFd); }
+
+    bool connected = false;
+
+    void send(const void* bytes, size_t size, const std::vector<int>& fds = {}) {
+        iovec part{const_cast<void*>(bytes), size};
+        msghdr message{};
+        message.msg_iov = &part;
+        message.msg_iovlen = 1;
+        alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int) * 8)];
+        if (!fds.empty()) {
+            message.msg_control = control;
+            message.msg_controllen = CMSG_SPACE(sizeof(int) * fds.size());
+            cmsghdr* cmsg = CMSG_FIRSTHDR(&message);
+            cmsg->cmsg_level = SOL_SOCKET;
+            cmsg->cmsg_type = SCM_RIGHTS;
+            cmsg->cmsg_len = CMSG_LEN(sizeof(int) * fds.size());
+            memcpy(CMSG_DATA(cmsg), fds.data(), sizeof(int) * fds.size());
+        }
+        sendmsg(mFd, &message, MSG_NOSIGNAL);
+    }
+    void sendFrame(FrameHeader header, const std::vector<uint8_t>& body = {},
+                   const std::vector<int>& fds = {}) {
+        std::vector<uint8_t> bytes(sizeof(header));
+        memcpy(bytes.data(), &header, sizeof(header));
+        bytes.insert(bytes.end(), body.begin(), body.end());
+        send(bytes.data(), bytes.size(), fds);
+    }
+    void hello(uint64_t endpoint) {
+        FrameHeader header = makeHeader(FrameKind::kHello);
+        header.argument = endpoint;
+        sendFrame(header);
+    }
+    // True when the peer closed the connection (within a generous bound).
+    bool closedByPeer() {
+        FrameHeader ignored;
+        return receive(&ignored) == 0;
+    }
+    // The size of the next frame (its header in *header), 0 at end, -1 on timeout.
+    ssize_t receive(FrameHeader* header) {
+        pollfd waiter{mFd, POLLIN, 0};
+        if (poll(&waiter, 1, 20000) <= 0) return -1;
+        uint8_t buffer[70000];
+        ssize_t n = recv(mFd, buffer, sizeof(buffer), 0);
+        if (n >= static_cast<ssize_t>(sizeof(FrameHeader))) memcpy(header, buffer, sizeof(*header));
+        return n;
+    }
+
+    static FrameHeader makeHeader(FrameKind kind) {
+        FrameHeader header{};
+        header.magic = kFrameMagic;
+        header.kind = static_cast<uint32_t>(kind);
+        return header;
+    }
+
+  private:
+    int mFd = -1;
+};
+
+uint64_t endpointOf(const android::sp<android::IBinder>& binder) {
+    return binder->remoteBinder()->owner()->endpoint();
+}
+
+uint64_t ownEndpoint() {
+    return Runtime::current()->endpoint();
+}
+
+FrameHeader transactionTo(const android::sp<android::IBinder>& binder, uint32_t code) {
+    FrameHeader header = RawConnection::makeHeader(FrameKind::kTransaction);
+    header.code = code;
+    header.tokenHi = binder->remoteBinder()->tokenHi();
+    header.tokenLo = binder->remoteBinder()->tokenLo();
+    return header;
+}
+
+// Data holding one object record at offset 0, then its offsets table.
+std::vector<uint8_t> bodyWithRecord(const FlatObject& record, uint32_t offset = 0,
+                                    size_t dataSize = sizeof(FlatObject)) {
+    std::vector<uint8_t> body(dataSize + sizeof(uint32_t));
+    if (offset + sizeof(record) <= dataSize) memcpy(body.data() + offset, &record, sizeof(record));
+    memcpy(body.data() + dataSize, &offset, sizeof(offset));
+    return body;
+}
+
+class HostilePeers : public testing::Test {
+  protected:
+    void SetUp() override {
+        ASSERT_TRUE(child.ready());
+        endpoint = endpointOf(child.binder());
+    }
+    void expectStillServing() {
+        EXPECT_EQ(0, waitpid(child.pid(), nullptr, WNOHANG));
+        EXPECT_EQ(21, tvtest::callInt(child.binder(), TestService::ECHO, 21));
+    }
+    // A connection whose hello the child accepted: it speaks for this process.
+    std::unique_ptr<RawConnection> introduced() {
+        auto raw = std::make_unique<RawConnection>(endpoint);
+        raw->hello(ownEndpoint());
+        return raw;
+    }
+    // Sends one frame on a fresh introduced connection; true if the child hung up.
+    bool hangsUpOn(const FrameHeader& header, const std::vector<uint8_t>& body = {},
+                   const std::vector<int>& fds = {}) {
+        auto raw = introduced();
+        raw->sendFrame(header, body, fds);
+        return raw->closedByPeer();
+    }
+    // Sends one frame; the status of the reply, or 1 when none came.
+    int32_t replyStatusTo(const FrameHeader& header, const std::vector<uint8_t>& body = {},
+                          const std::vector<int>& fds = {}) {
+        auto raw = introduced();
+        raw->sendFrame(header, body, fds);
+        FrameHeader reply{};
+        if (raw->receive(&reply) < static_cast<ssize_t>(sizeof(reply)) ||
+            reply.kind != static_cast<uint32_t>(FrameKind::kReply)) {
+            return 1;
+        }
+        return reply.status;
+    }
+
+    ServedChild child;
+    uint64_t endpoint = 0;
+};
+
+TEST_F(HostilePeers, ConnectionsThatDoNotIntroduceThemselvesProperlyAreClosed) {
+    {
+        RawConnection raw(endpoint);
+        ASSERT_TRUE(raw.connected);
+        raw.send("garbage!", 8);
+        EXPECT_TRUE(raw.closedByPeer());
+    }
+    {
+        RawConnection raw(endpoint);
+        raw.hello(0x1234567890abcdefULL);  // nobody listens there
+        EXPECT_TRUE(raw.closedByPeer());
+    }
+    {
+        ServedChild other;
+        ASSERT_TRUE(other.ready());
+        RawConnection raw(endpoint);
+        raw.hello(endpointOf(other.binder()));  // a live process that is not us
+        EXPECT_TRUE(raw.closedByPeer());
+    }
+    {
+        RawConnection raw(endpoint);
+        FrameHeader header = transactionTo(child.binder(), TestService::ECHO);
+        raw.sendFrame(header);  // a transaction before the hello
+        EXPECT_TRUE(raw.closedByPeer());
+    }
+    expectStillServing();
+}
+
+TEST_F(HostilePeers, MalformedFramesCloseTheConnection) {
+    FrameHeader valid = transactionTo(child.binder(), IBinder::PING_TRANSACTION);
+    ASSERT_EQ(0, replyStatusTo(valid));
+
+    {
+        auto raw = introduced();
+        raw->send("short", 5);
+        EXPECT_TRUE(raw->closedByPeer());
+    }
+    FrameHeader badMagic = valid;
+    badMagic.magic = 0xdeadbeef;
+    EXPECT_TRUE(hangsUpOn(badMagic));
+
+    FrameHeader badKind = valid;
+    badKind.kind = 99;
+    EXPECT_TRUE(hangsUpOn(badKind));
+
+    FrameHeader longerThanSent = valid;
+    longerThanSent.dataSize = 100;
+    EXPECT_TRUE(hangsUpOn(longerThanSent, std::vector<uint8_t>(50)));
+
+    FrameHeader tooManyObjects = valid;
+    tooManyObjects.dataSize = 64;
+    tooManyObjects.objectCount = 1000;
+    EXPECT_TRUE(hangsUpOn(tooManyObjects, std::vector<uint8_t>(64 + 4000)));
+
+    FlatObject fd{};
+    fd.type = FlatObject::kTypeFd;
+    FrameHeader oneObject = valid;
+    oneObject.dataSize = 64;
+    oneObject.objectCount = 1;
+    EXPECT_TRUE(hangsUpOn(oneObject, bodyWithRecord(fd, 40, 64)));  // past the end
+    EXPECT_TRUE(hangsUpOn(oneObject, bodyWithRecord(fd, 2, 64)));   // unaligned
+    EXPECT_TRUE(hangsUpOn(oneObject, bodyWithRecord(fd, 0, 64)));   // no descriptor sent
+
+    FlatObject unknownType{};
+    unknownType.type = 0x12345678;
+    EXPECT_TRUE(hangsUpOn(oneObject, bodyWithRecord(unknownType, 0, 64)));
+
+    int pipeFds[2];
+    ASSERT_EQ(0, pipe2(pipeFds, O_CLOEXEC));
+    FrameHeader noObjects = valid;
+    EXPECT_TRUE(hangsUpOn(noObjects, {}, {pipeFds[0]}));  // a descriptor with no record
+    close(pipeFds[0]);
+    close(pipeFds[1]);
+
+    FrameHeader unsolicitedReply = RawConnection::makeHeader(FrameKind::kReply);
+    EXPECT_TRUE(hangsUpOn(unsolicitedReply));
+
+    FrameHeader oversized = valid;
+    oversized.dataSize = 68000;
+    EXPECT_TRUE(hangsUpOn(oversized, std::vector<uint8_t>(68000)));  // larger than a message may be
+
+    expectStillServing();
+}
+
+TEST_F(HostilePeers, LargeFrameBodiesMustComeInASealedMemfdOfTheRightSize) {
+    FrameHeader header = transactionTo(child.binder(), IBinder::PING_TRANSACTION);
+    header.layout = kLayoutBodyInMemfd;
+    header.dataSize = 100000;
+    auto memfdOf = [](size_t size, bool sealed) {
+        int fd = memfd_create("hostile", MFD_CLOEXEC | MFD_ALLOW_SEALING);
+        EXPECT_EQ(0, ftruncate(fd, static_cast<off_t>(size)));
+        if (sealed) fcntl(fd, F_ADD_SEALS, F_SEAL_SHRINK | F_SEAL_GROW | F_SEAL_WRITE);
+        return fd;
+    };
+    int wrongSize = memfdOf(1000, true);
+    EXPECT_TRUE(hangsUpOn(header, {}, {wrongSize}));
+    int unsealed = memfdOf(100000, false);
+    EXPECT_TRUE(hangsUpOn(header, {}, {unsealed}));
+    EXPECT_TRUE(hangsUpOn(header));  // no memfd at all
+    int good = memfdOf(100000, true);
+    EXPECT_EQ(0, replyStatusTo(header, {}, {good}));
+    close(wrongSize);
+    close(unsealed);
+    close(good);
+    expectStillServing();
+}
+
+TEST_F(HostilePeers, ObjectsThePeerWasNeverHandedAreRefused) {
+    FrameHeader unknownTarget = transactionTo(child.binder(), TestService::ECHO);
+    unknownTarget.tokenHi ^= 1;
+    EXPECT_EQ(android::FAILED_TRANSACTION, replyStatusTo(unknownTarget));
+
+    // A record naming one of the child's own objects under a guessed token.
+    FlatObject forged{};
+    forged.type = FlatObject::kTypeBinder;
+    forged.endpoint = endpoint;
+    forged.tokenHi = 0x0123456789abcdefULL;
+    forged.tokenLo = 42;
+    FrameHeader carrying = transactionTo(child.binder(), TestService::HOLD);
+    carrying.dataSize = sizeof(FlatObject);
+    carrying.objectCount = 1;
+    EXPECT_NE(0, replyStatusTo(carrying, bodyWithRecord(forged)));
+
+    FrameHeader grant = RawConnection::makeHeader(FrameKind::kGrant);
+    grant.tokenHi = forged.tokenHi;
+    grant.tokenLo = forged.tokenLo;
+    grant.argument = 0x1111222233334444ULL;
+    EXPECT_NE(0, replyStatusTo(grant));
+
+    // Releasing what it never held changes nothing; the connection stays usable.
+    FrameHeader release = RawConnection::makeHeader(FrameKind::kRelease);
+    release.tokenHi = forged.tokenHi;
+    release.tokenLo = forged.tokenLo;
+    release.argument = 1000000;
+    auto raw = introduced();
+    raw->sendFrame(release);
+    raw->sendFrame(transactionTo(child.binder(), IBinder::PING_TRANSACTION));
+    FrameHeader reply{};
+    ASSERT_GE(raw->receive(&reply), static_cast<ssize_t>(sizeof(reply)));
+    EXPECT_EQ(0, reply.status);
+    expectStillServing();
+}
+
+TEST_F(HostilePeers, AFloodOfIdleConnectionsIsCappedAndDoesNotStopTheService) {
+    expectStillServing();  // leaves this process an idle connection from before the flood
+    std::vector<std::unique_ptr<RawConnection>> idle;
+    for (int i = 0; i < 300; ++i) idle.push_back(std::make_unique<RawConnection>(endpoint));
+    expectStillServing();
+    // One process gets at most 256 of them; the rest are closed at once.
+    EXPECT_TRUE(idle.back()->closedByPeer());
+    idle.clear();
+    expectStillServing();
+}
+
+}  // namespace

@@ -1,0 +1,33 @@
+#pragma once
+
+#include <binder/IBinder.h>
+
+#include <string>
+#include <vector>
+
+#include "ChildProcess.h"
+
+namespace tvtest {
+
+// A child serving a TestService, and the test's proxy of it.
+class ServedChild {
+  public:
+    explicit ServedChild(const std::vector<std::string>& options = {});
+
+    const std::string& name() const { return mName; }
+    ChildProcess& process() { return mProcess; }
+    pid_t pid() const { return mProcess.pid(); }
+    const android::sp<android::IBinder>& binder() const { return mBinder; }
+    bool ready() const { return mReady && mBinder != nullptr; }
+
+  private:
+    static std::vector<std::string> arguments(const std::string& name,
+                                              const std::vector<std::string>& options);
+
+    std::string mName;
+    ChildProcess mProcess;
+    bool mReady = false;
+    android::sp<android::IBinder> mBinder;
+};
+
+}  // namespace tvtest

@@ -1,0 +1,217 @@
+#include "TestService.h"
+
+#include <binder/IPCThreadState.h>
+#include <binder/ProcessState.h>
+#include <errno.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <string>
+
+#include "ChildProcess.h"
+#include "TestSupport.h"
+
+using android::IBinder;
+using android::IPCThreadState;
+using android::NO_ERROR;
+using android::Parcel;
+using android::ProcessState;
+using android::sp;
+using android::status_t;
+using android::String16;
+using android::String8;
+
+namespace tvtest {
+
+namespace {
+
+constexpr auto kWaitLimit = std::chrono::seconds(20);
+
+int currentTid() {
+    return static_cast<int>(syscall(SYS_gettid));
+}
+
+}  // namespace
+
+const String16& TestService::getInterfaceDescriptor() const {
+    static const String16* const kDescriptor = new String16("tavrin.test.Service");
+    return *kDescriptor;
+}
+
+status_t TestService::onTransact(uint32_t code, const Parcel& data, Parcel* reply, uint32_t flags) {
+    switch (code) {
+        case ECHO:
+            return reply->writeInt32(data.readInt32());
+        case GET_CALLER:
+            reply->writeInt32(IPCThreadState::self()->getCallingPid());
+            return reply->writeInt32(static_cast<int32_t>(IPCThreadState::self()->getCallingUid()));
+        case GET_TID:
+            return reply->writeInt32(currentTid());
+        case CALL_BACK: {
+            sp<IBinder> target = data.readStrongBinder();
+            int32_t value = data.readInt32();
+            if (target == nullptr) return android::BAD_VALUE;
+            Parcel out;
+            Parcel in;
+            out.writeInt32(value);
+            status_t status = target->transact(ECHO, out, &in);
+            if (status != NO_ERROR) return status;
+            reply->writeInt32(in.readInt32());
+            // The caller's identity is back once the nested call is done.
+            return reply->writeInt32(IPCThreadState::self()->getCallingPid());
+        }
+        case HOLD: {
+            std::lock_guard<std::mutex> guard(mLock);
+            mHeld = data.readStrongBinder();
+            return NO_ERROR;
+        }
+        case DROP: {
+            sp<IBinder> dropped;
+            std::lock_guard<std::mutex> guard(mLock);
+            dropped = std::move(mHeld);
+            return NO_ERROR;
+        }
+        case SEQUENCE:
+            return recordSequence(data.readInt32());
+        case SEQUENCE_REPORT:
+            return reportSequence(data.readInt32(), reply);
+        case BLOCK: {
+            std::unique_lock<std::mutex> guard(mLock);
+            mBlocked = true;
+            mChanged.notify_all();
+            mChanged.wait_for(guard, kWaitLimit, [this] { return mUnblocked; });
+            return NO_ERROR;
+        }
+        case UNBLOCK: {
+            std::lock_guard<std::mutex> guard(mLock);
+            mUnblocked = true;
+            mChanged.notify_all();
+            return reply->writeInt32(mBlocked ? 1 : 0);
+        }
+        case CALL_OBJECT: {
+            sp<IBinder> target = data.readStrongBinder();
+            int32_t value = data.readInt32();
+            if (target == nullptr) return android::BAD_VALUE;
+            status_t status;
+            int32_t result = callInt(target, ECHO, value, &status);
+            return status != NO_ERROR ? status : reply->writeInt32(result);
+        }
+        case WRITE_FD: {
+            int fd = data.readFileDescriptor();
+            const char* text = data.readCString();
+            if (fd < 0 || text == nullptr) return android::BAD_VALUE;
+            ssize_t written = write(fd, text, strlen(text));
+            return reply->writeInt32(static_cast<int32_t>(written));
+        }
+        case BARRIER:
+            return barrier(data.readInt32(), reply);
+        case FAIL:
+            return -EINVAL;
+        case SAME_AS_HELD: {
+            sp<IBinder> candidate = data.readStrongBinder();
+            std::lock_guard<std::mutex> guard(mLock);
+            return reply->writeInt32(candidate != nullptr && candidate == mHeld ? 1 : 0);
+        }
+        case HELD_CALL: {
+            sp<IBinder> held;
+            {
+                std::lock_guard<std::mutex> guard(mLock);
+                held = mHeld;
+            }
+            if (held == nullptr) return android::BAD_VALUE;
+            uint32_t heldCode = data.readUint32();
+            status_t status;
+            int32_t result = callInt(held, heldCode, data.readInt32(), &status);
+            return status != NO_ERROR ? status : reply->writeInt32(result);
+        }
+        case GET_HELD: {
+            std::lock_guard<std::mutex> guard(mLock);
+            return reply->writeStrongBinder(mHeld);
+        }
+        case GIVE_HELD: {
+            sp<IBinder> target = data.readStrongBinder();
+            Parcel out;
+            Parcel in;
+            {
+                std::lock_guard<std::mutex> guard(mLock);
+                out.writeStrongBinder(mHeld);
+            }
+            return target == nullptr ? android::BAD_VALUE : target->transact(HOLD, out, &in);
+        }
+        case ECHO_BYTES: {
+            int32_t size = data.readInt32();
+            const void* bytes = size >= 0 ? data.readInplace(static_cast<size_t>(size)) : nullptr;
+            if (bytes == nullptr) return android::BAD_VALUE;
+            reply->writeInt32(size);
+            return reply->write(bytes, static_cast<size_t>(size));
+        }
+        default:
+            return BBinder::onTransact(code, data, reply, flags);
+    }
+}
+
+status_t TestService::recordSequence(int32_t value) {
+    {
+        std::lock_guard<std::mutex> guard(mLock);
+        ++mRunningOneWays;
+        mMaxRunningOneWays = std::max(mMaxRunningOneWays, mRunningOneWays);
+    }
+    // Gives a second one-way every chance to overlap, were it allowed to.
+    usleep(200);
+    std::lock_guard<std::mutex> guard(mLock);
+    --mRunningOneWays;
+    mSequence.push_back(value);
+    mChanged.notify_all();
+    return NO_ERROR;
+}
+
+status_t TestService::reportSequence(int32_t expected, Parcel* reply) {
+    std::unique_lock<std::mutex> guard(mLock);
+    mChanged.wait_for(guard, kWaitLimit,
+                      [&] { return mSequence.size() >= static_cast<size_t>(expected); });
+    bool inOrder = mSequence.size() == static_cast<size_t>(expected);
+    for (size_t i = 0; inOrder && i < mSequence.size(); ++i) {
+        inOrder = mSequence[i] == static_cast<int32_t>(i);
+    }
+    reply->writeInt32(static_cast<int32_t>(mSequence.size()));
+    reply->writeInt32(inOrder ? 1 : 0);
+    return reply->writeInt32(mMaxRunningOneWays);
+}
+
+status_t TestService::barrier(int32_t parties, Parcel* reply) {
+    std::unique_lock<std::mutex> guard(mLock);
+    ++mInsideBarrier;
+    mBarrierThreads.insert(currentTid());
+    mChanged.notify_all();
+    bool met = mChanged.wait_for(guard, kWaitLimit, [&] { return mInsideBarrier >= parties; });
+    reply->writeInt32(met ? 1 : 0);
+    return reply->writeInt32(static_cast<int32_t>(mBarrierThreads.size()));
+}
+
+int serveTestService(const std::vector<std::string>& args) {
+    if (args.empty()) return 2;
+    sp<ProcessState> process = ProcessState::self();
+    for (const std::string& option : args) {
+        if (option.rfind("--max-threads=", 0) == 0) {
+            process->setThreadPoolMaxThreadCount(std::stoul(option.substr(14)));
+        } else if (option.rfind("--name=", 0) == 0) {
+            process->setProcessName(option.substr(7).c_str());
+        }
+    }
+    process->startThreadPool();
+    sp<TestService> service = new TestService();
+    publish(args[0], service);
+    ParentChannel::send("ready");
+    // "" means the test went away.
+    for (;;) {
+        std::string command = ParentChannel::receive(std::chrono::hours(1));
+        if (command == "quit" || command.empty()) return 0;
+    }
+}
+
+TVTEST_CHILD_ROLE(service) {
+    return serveTestService(args);
+}
+
+}  // namespace tvtest

@@ -1,0 +1,68 @@
+#pragma once
+
+#include <binder/Binder.h>
+#include <binder/Parcel.h>
+#include <stdint.h>
+
+#include <condition_variable>
+#include <mutex>
+#include <set>
+#include <vector>
+
+namespace tvtest {
+
+// The object that test children serve. Each code exercises one behaviour of
+// the transport from the serving side.
+class TestService : public android::BBinder {
+  public:
+    enum : uint32_t {
+        ECHO = android::IBinder::FIRST_CALL_TRANSACTION,  // int32 -> int32
+        GET_CALLER,                                       // -> calling pid, calling uid
+        GET_TID,                                          // -> the executing thread's id
+        CALL_BACK,        // binder, int32 -> what binder's ECHO returned, tid seen by it
+        HOLD,             // binder: keep it
+        DROP,             // forget the kept binder
+        SEQUENCE,         // one-way int32: recorded in order
+        SEQUENCE_REPORT,  // int32 n: waits for n records -> in order?, max concurrency
+        BLOCK,            // one-way: blocks until UNBLOCK
+        UNBLOCK,
+        CALL_OBJECT,   // binder, int32 -> binder's ECHO of it
+        WRITE_FD,      // fd, string8 -> written to the fd
+        BARRIER,       // int32 n: waits until n callers are inside -> distinct threads
+        FAIL,          // -> returns -EINVAL
+        SAME_AS_HELD,  // binder -> 1 if it is the held object
+        HELD_CALL,     // int32 code, int32 arg -> first int32 of the held binder's reply
+        GET_HELD,      // -> the held binder
+        ECHO_BYTES,    // int32 n, n bytes -> the same
+        GIVE_HELD,     // binder: sends it HOLD with the held binder
+    };
+
+    const android::String16& getInterfaceDescriptor() const override;
+
+  protected:
+    android::status_t onTransact(uint32_t code, const android::Parcel& data, android::Parcel* reply,
+                                 uint32_t flags) override;
+
+  private:
+    android::status_t recordSequence(int32_t value);
+    android::status_t reportSequence(int32_t expected, android::Parcel* reply);
+    android::status_t barrier(int32_t parties, android::Parcel* reply);
+
+    std::mutex mLock;
+    std::condition_variable mChanged;
+    android::sp<android::IBinder> mHeld;
+    std::vector<int32_t> mSequence;
+    int mRunningOneWays = 0;
+    int mMaxRunningOneWays = 0;
+    bool mBlocked = false;
+    bool mUnblocked = false;
+    int mInsideBarrier = 0;
+    std::set<int> mBarrierThreads;
+};
+
+// Serves a TestService under the name given as first argument, tells the
+// test "ready", then waits for "quit". Options: --max-threads=N, --name=NAME
+// (process name).
+int serveTestService(const std::vector<std::string>& args);
+
+}  // namespace tvtest

@@ -1,0 +1,148 @@
+#include "TestSupport.h"
+
+#include <binder/IPCThreadState.h>
+#include <binder/ProcessState.h>
+#include <dirent.h>
+#include <stdlib.h>
+#include <unistd.h>
+
+#include <fstream>
+#include <map>
+#include <mutex>
+#include <thread>
+
+using android::IBinder;
+using android::NO_ERROR;
+using android::Parcel;
+using android::ProcessState;
+using android::sp;
+using android::status_t;
+using android::String16;
+using android::String8;
+
+namespace tvtest {
+
+namespace {
+
+std::mutex gRegistryLock;
+std::map<std::string, sp<IBinder>>& registryEntries() {
+    static auto* entries = new std::map<std::string, sp<IBinder>>;
+    return *entries;
+}
+
+size_t countEntries(const std::string& path) {
+    DIR* dir = opendir(path.c_str());
+    if (dir == nullptr) return 0;
+    size_t count = 0;
+    while (dirent* entry = readdir(dir)) {
+        if (entry->d_name[0] != '.') ++count;
+    }
+    closedir(dir);
+    return count;
+}
+
+}  // namespace
+
+status_t TestRegistry::onTransact(uint32_t code, const Parcel& data, Parcel* reply,
+                                  uint32_t flags) {
+    switch (code) {
+        case PUBLISH: {
+            std::string name = String8(data.readString16()).c_str();
+            sp<IBinder> object = data.readStrongBinder();
+            std::lock_guard<std::mutex> guard(gRegistryLock);
+            registryEntries()[name] = object;
+            return NO_ERROR;
+        }
+        case LOOKUP: {
+            std::string name = String8(data.readString16()).c_str();
+            std::lock_guard<std::mutex> guard(gRegistryLock);
+            auto it = registryEntries().find(name);
+            return reply->writeStrongBinder(it == registryEntries().end() ? nullptr : it->second);
+        }
+        default:
+            return BBinder::onTransact(code, data, reply, flags);
+    }
+}
+
+void becomeTestContextManager() {
+    std::string context = "tvtest-" + std::to_string(getpid());
+    setenv("TAVRIN_BINDER_CONTEXT", context.c_str(), 1);
+    sp<ProcessState> process = ProcessState::self();
+    if (!process->becomeContextManager()) abort();
+    android::IPCThreadState::self()->setTheContextObject(new TestRegistry());
+    process->startThreadPool();
+}
+
+void publish(const std::string& name, const sp<IBinder>& object) {
+    sp<IBinder> registry = ProcessState::self()->getContextObject(nullptr);
+    Parcel data;
+    Parcel reply;
+    data.writeString16(String16(name.c_str()));
+    data.writeStrongBinder(object);
+    if (registry == nullptr ||
+        registry->transact(TestRegistry::PUBLISH, data, &reply) != NO_ERROR) {
+        abort();
+    }
+}
+
+sp<IBinder> lookup(const std::string& name, std::chrono::milliseconds timeout) {
+    sp<IBinder> found;
+    waitUntil(
+        [&] {
+            sp<IBinder> registry = ProcessState::self()->getContextObject(nullptr);
+            if (registry == nullptr) return false;
+            Parcel data;
+            Parcel reply;
+            data.writeString16(String16(name.c_str()));
+            if (registry->transact(TestRegistry::LOOKUP, data, &reply) != NO_ERROR) return false;
+            found = reply.readStrongBinder();
+            return found != nullptr;
+        },
+        timeout);
+    return found;
+}
+
+bool waitUntil(const std::function<bool()>& condition, std::chrono::milliseconds timeout) {
+    const auto deadline = std::chrono::steady_clock::now() + timeout;
+    while (!condition()) {
+        if (std::chrono::steady_clock::now() >= deadline) return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    return true;
+}
+
+size_t countOpenFds(pid_t pid) {
+    return countEntries("/proc/" + std::to_string(pid) + "/fd");
+}
+
+size_t countPoolThreads(pid_t pid) {
+    const std::string tasks = "/proc/" + std::to_string(pid) + "/task";
+    DIR* dir = opendir(tasks.c_str());
+    if (dir == nullptr) return 0;
+    size_t count = 0;
+    while (dirent* entry = readdir(dir)) {
+        if (entry->d_name[0] == '.') continue;
+        std::ifstream comm(tasks + "/" + entry->d_name + "/comm");
+        std::string name;
+        std::getline(comm, name);
+        if (name.rfind("tvbinder:", 0) == 0) ++count;
+    }
+    closedir(dir);
+    return count;
+}
+
+std::string uniqueName(const std::string& base) {
+    static int counter = 0;
+    return base + "-" + std::to_string(getpid()) + "-" + std::to_string(++counter);
+}
+
+int32_t callInt(const sp<IBinder>& binder, uint32_t code, int32_t argument, status_t* status) {
+    Parcel data;
+    Parcel reply;
+    data.writeInt32(argument);
+    status_t result = binder->transact(code, data, &reply);
+    if (status != nullptr) *status = result;
+    return reply.readInt32();
+}
+
+}  // namespace tvtest
