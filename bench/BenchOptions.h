@@ -1,0 +1,28 @@
+#pragma once
+
+// How much work each measurement does. The defaults keep a full run under a
+// minute on two CPUs; --quick is a smoke run that only checks that all works.
+struct BenchOptions {
+    int roundTrips = 20000;
+    int oneWayMessages = 200000;
+    int parallelClients = 4;
+    int parallelCallsEach = 20000;
+    int deathRounds = 20;
+    int manyClients = 200;
+
+    static BenchOptions quick() {
+        BenchOptions options;
+        options.roundTrips = 200;
+        options.oneWayMessages = 2000;
+        options.parallelCallsEach = 200;
+        options.deathRounds = 3;
+        options.manyClients = 20;
+        return options;
+    }
+};
+
+// One-way senders wait for the receiver after each batch, so that neither
+// side's backlog grows without bound; raw sockets are measured the same way.
+constexpr int kOneWayBatch = 256;
+// Every payload of the comparisons is this many bytes.
+constexpr int kPayloadSize = 16;

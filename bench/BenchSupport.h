@@ -1,0 +1,24 @@
+#pragma once
+
+#include <stddef.h>
+#include <stdint.h>
+#include <sys/types.h>
+
+#include <vector>
+
+// CLOCK_MONOTONIC in nanoseconds: one clock for every process of the machine,
+// so that timestamps taken in different processes can be subtracted.
+int64_t monotonicNanos();
+
+// Equivalent of running under `taskset -c 0`; threads started later inherit it.
+void pinToFirstCpu();
+
+int64_t median(std::vector<int64_t> samples);
+
+// Read from /proc/<pid>: the number of threads and of open descriptors.
+size_t threadCountOf(pid_t pid);
+size_t descriptorCountOf(pid_t pid);
+
+// Blocking exact-size socket transfers; false on end of file or error.
+bool writeFully(int fd, const void* data, size_t size);
+bool readFully(int fd, void* data, size_t size);

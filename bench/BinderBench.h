@@ -1,0 +1,39 @@
+#pragma once
+
+#include <stddef.h>
+
+#include <optional>
+#include <vector>
+
+#include "BenchOptions.h"
+
+// The binder measurements. Every client and service runs in a process of its
+// own, forked by the driver before it touches the transport; they meet through
+// the service manager of the benchmark's context. Results are empty when a
+// process failed.
+namespace binder {
+
+// Median round trip of a synchronous transaction carrying 16 bytes each way.
+std::optional<double> roundTripMicros(bool pinned, int iterations);
+// One-way 16-byte transactions per second to one object.
+std::optional<double> oneWayPerSecond(int messages);
+// Synchronous calls per second of `clients` processes calling one service.
+std::optional<double> parallelCallsPerSecond(int clients, int callsEach);
+// Median time from SIGKILL of a service's process to binderDied in a client.
+std::optional<double> deathNoticeMillis(int rounds);
+
+struct Sample {
+    size_t clients;
+    size_t threads;
+    size_t descriptors;
+};
+struct ManyClientsResult {
+    size_t poolLimit = 0;         // threads the pool may spawn on demand
+    size_t idleThreads = 0;       // the service's threads before any client
+    size_t peakThreads = 0;       // while every client calls at once
+    std::vector<Sample> samples;  // as clients bind
+};
+// A service bound by `clients` client processes that then all call it at once.
+std::optional<ManyClientsResult> manyClients(int clients);
+
+}  // namespace binder

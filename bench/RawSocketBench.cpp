@@ -1,0 +1,141 @@
+#include "RawSocketBench.h"
+
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <memory>
+#include <vector>
+
+#include "BenchSupport.h"
+#include "ChildProcess.h"
+#include "Together.h"
+
+namespace raw {
+namespace {
+
+constexpr std::chrono::seconds kResultTimeout{60};
+constexpr int kWarmUp = 1000;
+
+struct SocketPair {
+    int ends[2] = {-1, -1};
+    SocketPair() { socketpair(AF_UNIX, SOCK_STREAM, 0, ends); }
+    ~SocketPair() {
+        close(ends[0]);
+        close(ends[1]);
+    }
+    bool valid() const { return ends[0] >= 0; }
+};
+
+int echoUntilClosed(int fd) {
+    char payload[kPayloadSize];
+    while (readFully(fd, payload, sizeof payload)) {
+        if (!writeFully(fd, payload, sizeof payload)) return 1;
+    }
+    return 0;
+}
+
+bool roundTrip(int fd) {
+    char payload[kPayloadSize] = "ping-pong-bytes";
+    return writeFully(fd, payload, sizeof payload) && readFully(fd, payload, sizeof payload);
+}
+
+std::unique_ptr<ChildProcess> startEcho(const SocketPair& pair, bool pinned) {
+    return std::make_unique<ChildProcess>([&pair, pinned](int) {
+        close(pair.ends[0]);
+        if (pinned) pinToFirstCpu();
+        return echoUntilClosed(pair.ends[1]);
+    });
+}
+
+int measureRoundTrips(int fd, int iterations, int channel) {
+    for (int i = 0; i < kWarmUp; ++i) {
+        if (!roundTrip(fd)) return 1;
+    }
+    std::vector<int64_t> samples;
+    samples.reserve(static_cast<size_t>(iterations));
+    for (int i = 0; i < iterations; ++i) {
+        const int64_t start = monotonicNanos();
+        if (!roundTrip(fd)) return 1;
+        samples.push_back(monotonicNanos() - start);
+    }
+    return sendValue(channel, median(std::move(samples))) ? 0 : 1;
+}
+
+int receiveMessages(int fd, int messages) {
+    char payload[kPayloadSize];
+    for (int received = 1; received <= messages; ++received) {
+        if (!readFully(fd, payload, sizeof payload)) return 1;
+        if ((received % kOneWayBatch == 0 || received == messages) && !writeFully(fd, "k", 1)) {
+            return 1;
+        }
+    }
+    return 0;
+}
+
+bool sendMessages(int fd, int messages) {
+    const char payload[kPayloadSize] = "one-way-message";
+    char ack;
+    for (int sent = 1; sent <= messages; ++sent) {
+        if (!writeFully(fd, payload, sizeof payload)) return false;
+        if ((sent % kOneWayBatch == 0 || sent == messages) && !readFully(fd, &ack, 1)) {
+            return false;
+        }
+    }
+    return true;
+}
+
+}  // namespace
+
+std::optional<double> roundTripMicros(bool pinned, int iterations) {
+    SocketPair pair;
+    if (!pair.valid()) return std::nullopt;
+    auto echo = startEcho(pair, pinned);
+    ChildProcess caller([&](int channel) {
+        close(pair.ends[1]);
+        if (pinned) pinToFirstCpu();
+        return measureRoundTrips(pair.ends[0], iterations, channel);
+    });
+    const std::optional<int64_t> medianNanos = caller.receive(kResultTimeout);
+    if (!medianNanos) return std::nullopt;
+    return static_cast<double>(*medianNanos) / 1000.0;
+}
+
+std::optional<double> oneWayPerSecond(int messages) {
+    SocketPair pair;
+    if (!pair.valid()) return std::nullopt;
+    ChildProcess receiver([&](int) {
+        close(pair.ends[0]);
+        return receiveMessages(pair.ends[1], messages);
+    });
+    std::vector<std::unique_ptr<ChildProcess>> sender;
+    sender.push_back(std::make_unique<ChildProcess>([&](int channel) {
+        close(pair.ends[1]);
+        return runWhenTold(channel, [&] { return sendMessages(pair.ends[0], messages); }) ? 0 : 1;
+    }));
+    return operationsPerSecond(sender, messages);
+}
+
+std::optional<double> parallelCallsPerSecond(int pairs, int callsEach) {
+    std::vector<std::unique_ptr<SocketPair>> sockets;
+    std::vector<std::unique_ptr<ChildProcess>> echoes;
+    std::vector<std::unique_ptr<ChildProcess>> callers;
+    for (int i = 0; i < pairs; ++i) {
+        sockets.push_back(std::make_unique<SocketPair>());
+        const SocketPair& pair = *sockets.back();
+        if (!pair.valid()) return std::nullopt;
+        echoes.push_back(startEcho(pair, false));
+        callers.push_back(std::make_unique<ChildProcess>([&pair, callsEach](int channel) {
+            close(pair.ends[1]);
+            auto calls = [&] {
+                for (int call = 0; call < callsEach; ++call) {
+                    if (!roundTrip(pair.ends[0])) return false;
+                }
+                return true;
+            };
+            return runWhenTold(channel, calls) ? 0 : 1;
+        }));
+    }
+    return operationsPerSecond(callers, static_cast<int64_t>(pairs) * callsEach);
+}
+
+}  // namespace raw

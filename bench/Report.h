@@ -1,0 +1,37 @@
+#pragma once
+
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "BinderBench.h"
+
+// The table that the benchmark prints: binder next to raw sockets, with the
+// target of each line and whether this run met it.
+class Report {
+  public:
+    // Lower is better: met when binder <= maxRatio * raw.
+    void addLatency(const std::string& what, std::optional<double> binderMicros,
+                    std::optional<double> rawMicros, double maxRatio);
+    // Higher is better: met when binder >= minRatio * raw.
+    void addThroughput(const std::string& what, std::optional<double> binderPerSecond,
+                       std::optional<double> rawPerSecond, double minRatio);
+    void addDeathNotice(std::optional<double> millis, double maxMillis);
+    void print() const;
+    // False when a measurement failed (a process did not do its part).
+    bool complete() const;
+
+    static void printManyClients(int clients,
+                                 const std::optional<binder::ManyClientsResult>& result);
+
+  private:
+    struct Row {
+        std::string what;
+        std::string binder;
+        std::string raw;
+        std::string ratio;
+        std::string target;
+        std::string verdict;
+    };
+    std::vector<Row> mRows;
+};

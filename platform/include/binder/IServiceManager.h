@@ -1,0 +1,86 @@
+#pragma once
+
+#include <binder/IBinder.h>
+#include <binder/IInterface.h>
+#include <stddef.h>
+#include <stdint.h>
+#include <sys/types.h>
+#include <utils/Errors.h>
+#include <utils/RefBase.h>
+#include <utils/String16.h>
+#include <utils/String8.h>
+#include <utils/Vector.h>
+
+#include <chrono>
+#include <vector>
+
+namespace android {
+
+// The registry of named objects of one binder context: the well-known object
+// that every process of the context reaches without holding a reference.
+//
+// A name belongs to the process that registered it for as long as the
+// registered object lives. Another process asking for a name that is held by a
+// live registration is refused with ALREADY_EXISTS; the holder itself may
+// replace its registration. When the registered object's process dies, the
+// name is freed.
+class IServiceManager : public IInterface {
+  public:
+    DECLARE_META_INTERFACE(ServiceManager)
+
+    // Transaction codes understood by the service manager object.
+    enum {
+        CHECK_SERVICE_TRANSACTION = IBinder::FIRST_CALL_TRANSACTION,
+        ADD_SERVICE_TRANSACTION,
+        LIST_SERVICES_TRANSACTION,
+        // Registers a callback binder that is called once the name appears,
+        // or answers the object at once when the name is already registered.
+        WAIT_FOR_SERVICE_TRANSACTION,
+        CANCEL_WAIT_TRANSACTION,
+    };
+    // The one-way call that a waiter's callback receives: name, then object.
+    enum { SERVICE_REGISTERED_TRANSACTION = IBinder::FIRST_CALL_TRANSACTION };
+
+    // Names are 1 to kMaxNameLength printable ASCII characters.
+    static constexpr size_t kMaxNameLength = 255;
+    // How long getService() waits for a missing name unless told otherwise;
+    // the environment variable TAVRIN_GETSERVICE_TIMEOUT_MS, read once when
+    // the process first uses the timeout, overrides it.
+    static constexpr std::chrono::milliseconds kDefaultGetServiceTimeout{5000};
+
+    // One entry of the registry, as shown by `tavrin-servicemanager --list`.
+    struct Registration {
+        String16 name;
+        pid_t pid = 0;        // the registering process
+        String8 processName;  // its /proc/<pid>/comm at listing time, "?" when gone
+    };
+
+    // The registered object, waiting for the name to be registered for up to
+    // the get-service timeout; null when it did not appear in time. The wait
+    // ends when the service manager calls back, so a call that has to wait
+    // starts this process's binder thread pool.
+    virtual sp<IBinder> getService(const String16& name) const = 0;
+    // The registered object, or null; never waits.
+    virtual sp<IBinder> checkService(const String16& name) const = 0;
+    // NO_ERROR; BAD_VALUE for an invalid name, a null object or one that
+    // lives in the service manager itself;
+    // ALREADY_EXISTS when another process holds the name; NO_MEMORY when the
+    // registry is full; a transport error when the service manager is gone.
+    virtual status_t addService(const String16& name, const sp<IBinder>& service,
+                                bool allowIsolated = false) = 0;
+    virtual Vector<String16> listServices() = 0;
+    virtual std::vector<Registration> listRegistrations() = 0;
+
+    // Sets how long getService() of this process waits; zero makes it not wait.
+    virtual void setGetServiceTimeout(std::chrono::milliseconds timeout) = 0;
+    virtual std::chrono::milliseconds getServiceTimeout() const = 0;
+};
+
+// The service manager of this process's context. When none answers, starts
+// the daemon (`$TAVRIN_SERVICEMANAGER`, else `../bin/tavrin-servicemanager`
+// beside the binder library) and retries with a bounded backoff. If it still
+// does not answer, returns a service manager whose operations fail, and the
+// next call tries again.
+sp<IServiceManager> defaultServiceManager();
+
+}  // namespace android

@@ -1,0 +1,39 @@
+#pragma once
+
+#include <binder/IServiceManager.h>
+
+namespace android {
+
+// The client side of the service manager: turns each operation into one
+// transaction on the context object and checks every reply it reads.
+class BpServiceManager : public BpInterface<IServiceManager> {
+  public:
+    // `remote` may be null when no service manager answered: every operation
+    // then fails without trying.
+    explicit BpServiceManager(const sp<IBinder>& remote);
+
+    sp<IBinder> getService(const String16& name) const override;
+    sp<IBinder> checkService(const String16& name) const override;
+    status_t addService(const String16& name, const sp<IBinder>& service,
+                        bool allowIsolated = false) override;
+    Vector<String16> listServices() override;
+    std::vector<Registration> listRegistrations() override;
+
+    // The timeout is one setting for the whole process, shared by every
+    // BpServiceManager, so that it survives reconnecting to a new daemon.
+    void setGetServiceTimeout(std::chrono::milliseconds timeout) override;
+    std::chrono::milliseconds getServiceTimeout() const override;
+
+    // True while the service manager behind this proxy can still answer.
+    bool isAlive() const;
+
+  private:
+    // Sends `request` and reads the status that starts every reply.
+    status_t call(uint32_t code, const Parcel& request, Parcel* reply) const;
+    // Asks to be called when `name` appears; the object when it is there already.
+    status_t registerWaiter(const String16& name, const sp<IBinder>& waiter,
+                            sp<IBinder>* present) const;
+    status_t cancelWaiter(const String16& name, const sp<IBinder>& waiter) const;
+};
+
+}  // namespace android

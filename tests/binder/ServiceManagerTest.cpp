@@ -1,0 +1,547 @@
+// The service manager daemon and its client, with real processes: each test
+// runs its own daemon in a context of its own and kills it at the end.
+#include <binder/Binder.h>
+#include <binder/IServiceManager.h>
+#include <binder/Parcel.h>
+#include <binder/ProcessState.h>
+#include <dirent.h>
+#include <errno.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <map>
+#include <memory>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "ChildProcess.h"
+#include "TestSupport.h"
+
+using android::defaultServiceManager;
+using android::IBinder;
+using android::IServiceManager;
+using android::NO_ERROR;
+using android::Parcel;
+using android::sp;
+using android::status_t;
+using android::String16;
+using android::String8;
+using namespace std::chrono_literals;
+
+namespace {
+
+constexpr char kContextVariable[] = "TAVRIN_BINDER_CONTEXT";
+constexpr char kDaemonVariable[] = "TAVRIN_SERVICEMANAGER";
+
+std::string daemonPath() {
+    char self[4096];
+    const ssize_t length = readlink("/proc/self/exe", self, sizeof self - 1);
+    const std::string exe(self, length > 0 ? static_cast<size_t>(length) : 0);
+    return exe.substr(0, exe.rfind('/') + 1) + "tavrin-servicemanager";
+}
+
+std::string processNameOf(pid_t pid) {
+    std::string name;
+    FILE* comm = fopen(("/proc/" + std::to_string(pid) + "/comm").c_str(), "re");
+    if (comm == nullptr) return name;
+    char buffer[64];
+    if (fgets(buffer, sizeof buffer, comm) != nullptr) name = buffer;
+    fclose(comm);
+    if (!name.empty() && name.back() == '\n') name.pop_back();
+    return name;
+}
+
+// Runs the daemon's --list tool: its exit status, its output in *out.
+int runListTool(const std::string& context, std::string* out = nullptr) {
+    const std::string command = daemonPath() + " --list --context " + context + " 2>/dev/null";
+    FILE* pipe = popen(command.c_str(), "r");
+    if (pipe == nullptr) return -1;
+    char buffer[512];
+    while (fgets(buffer, sizeof buffer, pipe) != nullptr) {
+        if (out != nullptr) out->append(buffer);
+    }
+    const int status = pclose(pipe);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+// Replaces the child with the daemon in the foreground; the child's death
+// signal (set by the role runner) survives the exec, so the daemon dies with
+// the test even when the test itself crashes.
+TVTEST_CHILD_ROLE(sm_daemon) {
+    const std::string path = daemonPath();
+    const char* argv[] = {path.c_str(), "--foreground", "--context", args.at(0).c_str(), nullptr};
+    execv(argv[0], const_cast<char**>(argv));
+    return 127;
+}
+
+// A daemon in the foreground, serving `context` until destroyed.
+class ForegroundDaemon {
+  public:
+    explicit ForegroundDaemon(const std::string& context) : mProcess("sm_daemon", {context}) {
+        mServing = tvtest::waitUntil([&] { return runListTool(context) == 0; }, 10s);
+    }
+    bool serving() const { return mServing; }
+    pid_t pid() const { return mProcess.pid(); }
+
+  private:
+    tvtest::ChildProcess mProcess;
+    bool mServing = false;
+};
+
+// Answers TAG with the tag it was made with, so tests can tell registrations apart.
+class TaggedService : public android::BBinder {
+  public:
+    enum { TAG = FIRST_CALL_TRANSACTION };
+    explicit TaggedService(const std::string& tag) : mTag(tag.c_str()) {}
+
+  protected:
+    status_t onTransact(uint32_t code, const Parcel& data, Parcel* reply, uint32_t flags) override {
+        if (code != TAG) return BBinder::onTransact(code, data, reply, flags);
+        return reply->writeString16(mTag);
+    }
+
+  private:
+    const String16 mTag;
+};
+
+std::string describe(const sp<IBinder>& binder) {
+    if (binder == nullptr) return "null";
+    Parcel request, reply;
+    if (binder->transact(TaggedService::TAG, request, &reply) != NO_ERROR) return "dead";
+    return "tag " + std::string(String8(reply.readString16()).string());
+}
+
+std::string joinRegistrations() {
+    std::string text;
+    for (const IServiceManager::Registration& entry :
+         defaultServiceManager()->listRegistrations()) {
+        text += String8(entry.name).string() + std::string(":") + std::to_string(entry.pid) + ":" +
+                entry.processName.string() + " ";
+    }
+    return text;
+}
+
+// Runs one command of the agent role; the answer line.
+std::string runAgentCommand(const std::string& verb, const std::string& name,
+                            const std::string& argument) {
+    sp<IServiceManager> manager = defaultServiceManager();
+    if (verb == "add") {
+        android::ProcessState::self()->startThreadPool();
+        return "status " + std::to_string(manager->addService(String16(name.c_str()),
+                                                              new TaggedService(argument)));
+    }
+    if (verb == "check") return describe(manager->checkService(String16(name.c_str())));
+    if (verb == "get") return describe(manager->getService(String16(name.c_str())));
+    if (verb == "timeout") {
+        manager->setGetServiceTimeout(std::chrono::milliseconds(std::stoll(name)));
+        return "ok";
+    }
+    if (verb == "registrations") return joinRegistrations();
+    return "unknown command";
+}
+
+// A process that uses the service manager as the test tells it, one line per
+// command: "add NAME TAG", "check NAME", "get NAME", "timeout MS", "registrations".
+TVTEST_CHILD_ROLE(sm_agent) {
+    (void)args;
+    for (;;) {
+        const std::string line = tvtest::ParentChannel::receive(120s);
+        if (line.empty()) return 0;
+        std::istringstream words(line);
+        std::string verb, name, argument;
+        words >> verb >> name >> argument;
+        tvtest::ParentChannel::send(runAgentCommand(verb, name, argument));
+    }
+}
+
+std::string ask(tvtest::ChildProcess& agent, const std::string& command,
+                std::chrono::milliseconds timeout = 20s) {
+    agent.writeLine(command);
+    return agent.readLine(timeout);
+}
+
+std::string statusLine(status_t status) {
+    return "status " + std::to_string(status);
+}
+
+class ServiceManagerTest : public testing::Test {
+  protected:
+    void SetUp() override {
+        mContext = tvtest::uniqueName("smtest");
+        setenv(kContextVariable, mContext.c_str(), 1);
+        // Children must use this test's daemon, never start one of their own.
+        setenv(kDaemonVariable, "/nonexistent/tavrin-servicemanager", 1);
+        mDaemon = std::make_unique<ForegroundDaemon>(mContext);
+        ASSERT_TRUE(mDaemon->serving());
+    }
+    void TearDown() override {
+        mDaemon.reset();
+        unsetenv(kDaemonVariable);
+    }
+
+    std::string mContext;
+    std::unique_ptr<ForegroundDaemon> mDaemon;
+};
+
+TEST_F(ServiceManagerTest, RegistersFindsAndListsServices) {
+    tvtest::ChildProcess owner("sm_agent");
+    tvtest::ChildProcess client("sm_agent");
+    ASSERT_EQ(statusLine(NO_ERROR), ask(owner, "add sm.alpha one"));
+
+    EXPECT_EQ("tag one", ask(client, "check sm.alpha"));
+    EXPECT_EQ("tag one", ask(client, "get sm.alpha"));
+    EXPECT_EQ("null", ask(client, "check sm.absent"));
+
+    const std::string registrations = ask(client, "registrations");
+    const std::string ownerEntry =
+        "sm.alpha:" + std::to_string(owner.pid()) + ":" + processNameOf(owner.pid());
+    EXPECT_NE(std::string::npos, registrations.find(ownerEntry)) << registrations;
+    const std::string managerEntry =
+        "manager:" + std::to_string(mDaemon->pid()) + ":servicemanager";
+    EXPECT_NE(std::string::npos, registrations.find(managerEntry)) << registrations;
+
+    std::string listing;
+    ASSERT_EQ(0, runListTool(mContext, &listing));
+    EXPECT_NE(std::string::npos, listing.find("sm.alpha")) << listing;
+    EXPECT_NE(std::string::npos, listing.find(std::to_string(owner.pid()))) << listing;
+}
+
+TEST_F(ServiceManagerTest, RefusesANameHeldByAnotherLiveProcess) {
+    tvtest::ChildProcess owner("sm_agent");
+    tvtest::ChildProcess intruder("sm_agent");
+    ASSERT_EQ(statusLine(NO_ERROR), ask(owner, "add sm.held one"));
+    EXPECT_EQ(statusLine(android::ALREADY_EXISTS), ask(intruder, "add sm.held two"));
+    EXPECT_EQ(statusLine(android::ALREADY_EXISTS), ask(intruder, "add manager two"));
+    // The holder itself may replace its registration.
+    EXPECT_EQ(statusLine(NO_ERROR), ask(owner, "add sm.held three"));
+    EXPECT_EQ("tag three", ask(intruder, "check sm.held"));
+}
+
+TEST_F(ServiceManagerTest, FreesTheNameWhenItsOwnerDies) {
+    tvtest::ChildProcess successor("sm_agent");
+    {
+        tvtest::ChildProcess owner("sm_agent");
+        ASSERT_EQ(statusLine(NO_ERROR), ask(owner, "add sm.mortal one"));
+        ASSERT_EQ("tag one", ask(successor, "check sm.mortal"));
+        owner.kill(SIGKILL);
+        ASSERT_NE(-1, owner.wait());
+    }
+    EXPECT_TRUE(
+        tvtest::waitUntil([&] { return ask(successor, "check sm.mortal") == "null"; }, 10s));
+    EXPECT_EQ(statusLine(NO_ERROR), ask(successor, "add sm.mortal two"));
+    EXPECT_EQ("tag two", ask(successor, "check sm.mortal"));
+}
+
+TEST_F(ServiceManagerTest, GetServiceIsWokenByALaterRegistration) {
+    constexpr int kWaiters = 3;
+    std::vector<std::unique_ptr<tvtest::ChildProcess>> waiters;
+    for (int i = 0; i < kWaiters; ++i) {
+        waiters.push_back(std::make_unique<tvtest::ChildProcess>("sm_agent"));
+        // Far beyond the test's own patience: only the registration can end the wait.
+        ASSERT_EQ("ok", ask(*waiters.back(), "timeout 60000"));
+        waiters.back()->writeLine("get sm.late");
+    }
+    tvtest::ChildProcess owner("sm_agent");
+    std::this_thread::sleep_for(300ms);
+    ASSERT_EQ(statusLine(NO_ERROR), ask(owner, "add sm.late one"));
+    for (auto& waiter : waiters) EXPECT_EQ("tag one", waiter->readLine(30s));
+}
+
+TEST_F(ServiceManagerTest, GetServiceGivesUpOnAMissingName) {
+    // Both ways of shortening the wait; the default of 5 s would outlast
+    // the 4 s that the test waits for an answer.
+    tvtest::ChildProcess byCall("sm_agent");
+    ASSERT_EQ("ok", ask(byCall, "timeout 100"));
+    setenv("TAVRIN_GETSERVICE_TIMEOUT_MS", "100", 1);
+    tvtest::ChildProcess byEnvironment("sm_agent");
+    unsetenv("TAVRIN_GETSERVICE_TIMEOUT_MS");
+
+    EXPECT_EQ("null", ask(byCall, "get sm.never", 4s));
+    EXPECT_EQ("null", ask(byEnvironment, "get sm.never", 4s));
+    // Having given up leaves nothing behind that gets in the way of the name.
+    ASSERT_EQ(statusLine(NO_ERROR), ask(byEnvironment, "add sm.never one"));
+    EXPECT_EQ("tag one", ask(byCall, "get sm.never"));
+}
+
+// One request to the context object, written by `write`; the status that the
+// transport returned, else the one the service manager answered.
+template <typename Write>
+status_t sendRequest(uint32_t code, Write write, uint32_t flags = 0) {
+    sp<IBinder> manager = android::ProcessState::self()->getContextObject(nullptr);
+    if (manager == nullptr) return android::NO_INIT;
+    Parcel request, reply;
+    write(request);
+    const status_t sent = manager->transact(code, request, &reply, flags);
+    if (sent != NO_ERROR || (flags & IBinder::FLAG_ONEWAY) != 0) return sent;
+    return reply.readInt32();
+}
+
+void writeHeader(Parcel& request, const char* name) {
+    request.writeInterfaceToken(IServiceManager::descriptor);
+    request.writeString16(String16(name));
+}
+
+void report(const std::string& what, status_t status) {
+    tvtest::ParentChannel::send(what + " " + std::to_string(status));
+}
+
+void sendMalformedNames() {
+    const std::string longest(IServiceManager::kMaxNameLength, 'n');
+    const std::string tooLong(IServiceManager::kMaxNameLength + 1, 'n');
+    auto check = [](const std::string& name) {
+        return sendRequest(IServiceManager::CHECK_SERVICE_TRANSACTION,
+                           [&](Parcel& p) { writeHeader(p, name.c_str()); });
+    };
+    report("longest-name", check(longest));
+    report("too-long-name", check(tooLong));
+    report("empty-name", check(""));
+    report("control-character", check("bad\nname"));
+    report("non-ascii", sendRequest(IServiceManager::CHECK_SERVICE_TRANSACTION, [](Parcel& p) {
+               p.writeInterfaceToken(IServiceManager::descriptor);
+               p.writeString16(String16(u"caf\u00e9"));
+           }));
+    report("null-string", sendRequest(IServiceManager::CHECK_SERVICE_TRANSACTION, [](Parcel& p) {
+               p.writeInterfaceToken(IServiceManager::descriptor);
+               p.writeInt32(-1);
+           }));
+    report("huge-length", sendRequest(IServiceManager::CHECK_SERVICE_TRANSACTION, [](Parcel& p) {
+               p.writeInterfaceToken(IServiceManager::descriptor);
+               p.writeInt32(0x7fffffff);
+               p.writeInt32(0x00410041);
+           }));
+}
+
+void sendMalformedRequests() {
+    const uint32_t add = IServiceManager::ADD_SERVICE_TRANSACTION;
+    report("no-token", sendRequest(IServiceManager::CHECK_SERVICE_TRANSACTION,
+                                   [](Parcel& p) { p.writeString16(String16("sm.x")); }));
+    report("wrong-token", sendRequest(IServiceManager::CHECK_SERVICE_TRANSACTION, [](Parcel& p) {
+               p.writeInterfaceToken(String16("evil.IThing"));
+               p.writeString16(String16("sm.x"));
+           }));
+    report("trailing-bytes", sendRequest(IServiceManager::CHECK_SERVICE_TRANSACTION, [](Parcel& p) {
+               writeHeader(p, "sm.x");
+               p.writeInt32(0);
+           }));
+    sp<IBinder> service = new TaggedService("hostile");
+    report("null-binder", sendRequest(add, [](Parcel& p) {
+               writeHeader(p, "sm.x");
+               p.writeStrongBinder(nullptr);
+               p.writeInt32(0);
+           }));
+    report("descriptor-for-binder", sendRequest(add, [](Parcel& p) {
+               writeHeader(p, "sm.x");
+               p.writeDupFileDescriptor(STDIN_FILENO);
+               p.writeInt32(0);
+           }));
+    report("missing-flag", sendRequest(add, [&](Parcel& p) {
+               writeHeader(p, "sm.x");
+               p.writeStrongBinder(service);
+           }));
+    report("bad-flag", sendRequest(add, [&](Parcel& p) {
+               writeHeader(p, "sm.x");
+               p.writeStrongBinder(service);
+               p.writeInt32(7);
+           }));
+    report("manager-itself", sendRequest(add, [](Parcel& p) {
+               writeHeader(p, "sm.x");
+               p.writeStrongBinder(android::ProcessState::self()->getContextObject(nullptr));
+               p.writeInt32(0);
+           }));
+    report("unknown-code", sendRequest(0x00abcdef, [](Parcel& p) { writeHeader(p, "sm.x"); }));
+    report("one-way-add", sendRequest(
+                              add,
+                              [&](Parcel& p) {
+                                  writeHeader(p, "sm.oneway");
+                                  p.writeStrongBinder(service);
+                                  p.writeInt32(0);
+                              },
+                              IBinder::FLAG_ONEWAY));
+    report("one-way-add-ignored", sendRequest(IServiceManager::CHECK_SERVICE_TRANSACTION,
+                                              [](Parcel& p) { writeHeader(p, "sm.oneway"); }));
+}
+
+status_t sendWaiterRequest(uint32_t code, const std::string& name, const sp<IBinder>& callback) {
+    return sendRequest(code, [&](Parcel& p) {
+        writeHeader(p, name.c_str());
+        p.writeStrongBinder(callback);
+    });
+}
+
+// Fills this process's waiter slots, overflows them, and frees one.
+void exhaustWaiters() {
+    std::vector<sp<IBinder>> callbacks;
+    status_t status = NO_ERROR;
+    for (int i = 0; status == NO_ERROR && i < 1000; ++i) {
+        callbacks.push_back(new android::BBinder());
+        status = sendWaiterRequest(IServiceManager::WAIT_FOR_SERVICE_TRANSACTION,
+                                   "sm.wait." + std::to_string(i), callbacks.back());
+    }
+    report("waiters-accepted", static_cast<status_t>(callbacks.size() - 1));
+    report("waiter-overflow", status);
+    report("cancel-waiter",
+           sendWaiterRequest(IServiceManager::CANCEL_WAIT_TRANSACTION, "sm.wait.0", callbacks[0]));
+    report("cancel-unknown-waiter",
+           sendWaiterRequest(IServiceManager::CANCEL_WAIT_TRANSACTION, "sm.wait.0", callbacks[0]));
+    report("waiter-after-cancel", sendWaiterRequest(IServiceManager::WAIT_FOR_SERVICE_TRANSACTION,
+                                                    "sm.wait.again", callbacks[0]));
+}
+
+// Registers names until the service manager refuses.
+void exhaustRegistrations() {
+    sp<IBinder> service = new TaggedService("many");
+    status_t status = NO_ERROR;
+    int accepted = 0;
+    for (; status == NO_ERROR && accepted <= 10000; ++accepted) {
+        status = defaultServiceManager()->addService(
+            String16(("sm.many." + std::to_string(accepted)).c_str()), service);
+    }
+    report("registrations-accepted", accepted - 1);
+    report("registration-overflow", status);
+}
+
+// Sends the service manager requests that no well-behaved client sends, one
+// line per case: "<case> <status>".
+TVTEST_CHILD_ROLE(sm_hostile) {
+    (void)args;
+    android::ProcessState::self()->startThreadPool();
+    sendMalformedNames();
+    sendMalformedRequests();
+    exhaustWaiters();
+    exhaustRegistrations();
+    tvtest::ParentChannel::send("done");
+    return tvtest::ParentChannel::receive(60s).empty() ? 0 : 1;
+}
+
+TEST_F(ServiceManagerTest, RejectsMalformedAndExcessiveRequests) {
+    const std::map<std::string, status_t> expected = {
+        {"longest-name", android::NAME_NOT_FOUND},
+        {"too-long-name", android::BAD_VALUE},
+        {"empty-name", android::BAD_VALUE},
+        {"control-character", android::BAD_VALUE},
+        {"non-ascii", android::BAD_VALUE},
+        {"null-string", android::BAD_VALUE},
+        {"huge-length", android::BAD_VALUE},
+        {"no-token", android::BAD_VALUE},
+        {"wrong-token", android::BAD_VALUE},
+        {"trailing-bytes", android::BAD_VALUE},
+        {"null-binder", android::BAD_VALUE},
+        {"descriptor-for-binder", android::BAD_VALUE},
+        {"missing-flag", android::BAD_VALUE},
+        {"bad-flag", android::BAD_VALUE},
+        {"manager-itself", android::BAD_VALUE},
+        {"unknown-code", android::UNKNOWN_TRANSACTION},
+        {"one-way-add", NO_ERROR},
+        {"one-way-add-ignored", android::NAME_NOT_FOUND},
+        {"waiters-accepted", 64},
+        {"waiter-overflow", android::NO_MEMORY},
+        {"cancel-waiter", NO_ERROR},
+        {"cancel-unknown-waiter", android::NAME_NOT_FOUND},
+        {"waiter-after-cancel", NO_ERROR},
+        {"registrations-accepted", 512},
+        {"registration-overflow", android::NO_MEMORY},
+    };
+    tvtest::ChildProcess hostile("sm_hostile");
+    std::map<std::string, status_t> seen;
+    for (std::string line = hostile.readLine(60s); line != "done" && !line.empty();
+         line = hostile.readLine(60s)) {
+        std::istringstream words(line);
+        std::string what;
+        status_t status = 0;
+        words >> what >> status;
+        seen[what] = status;
+    }
+    EXPECT_EQ(expected, seen);
+
+    // The daemon survived all of it and still serves others.
+    tvtest::ChildProcess agent("sm_agent");
+    EXPECT_EQ(statusLine(NO_ERROR), ask(agent, "add sm.after one"));
+    EXPECT_EQ("tag one", ask(agent, "check sm.after"));
+}
+
+std::vector<pid_t> childrenOf(pid_t parent) {
+    std::vector<pid_t> children;
+    DIR* proc = opendir("/proc");
+    if (proc == nullptr) return children;
+    while (const dirent* entry = readdir(proc)) {
+        const pid_t pid = static_cast<pid_t>(atoi(entry->d_name));
+        FILE* stat =
+            pid > 0 ? fopen(("/proc/" + std::to_string(pid) + "/stat").c_str(), "re") : nullptr;
+        if (stat == nullptr) continue;
+        pid_t ppid = 0;
+        if (fscanf(stat, "%*d (%*[^)]) %*c %d", &ppid) == 1 && ppid == parent) {
+            children.push_back(pid);
+        }
+        fclose(stat);
+    }
+    closedir(proc);
+    return children;
+}
+
+// Daemons that defaultServiceManager() started detach from the process that
+// started them. The test process becomes a subreaper, so that they (the one
+// that serves and any that lost the race to serve) are reparented to it; on
+// destruction every such adopted process is killed and reaped, whatever the
+// test's outcome. Declared before the test's own children, so destroyed
+// after them: by then the only children left are adopted daemons.
+class AdoptedDaemons {
+  public:
+    AdoptedDaemons() { prctl(PR_SET_CHILD_SUBREAPER, 1); }
+    ~AdoptedDaemons() {
+        // A daemon still being started is adopted only once its launcher is
+        // gone: kill and reap until no child is left.
+        tvtest::waitUntil([] { return killAndReapChildren(); }, 10s);
+        prctl(PR_SET_CHILD_SUBREAPER, 0);
+    }
+
+  private:
+    // True once this process has no child left.
+    static bool killAndReapChildren() {
+        for (pid_t child : childrenOf(getpid())) kill(child, SIGKILL);
+        pid_t reaped;
+        do {
+            reaped = waitpid(-1, nullptr, WNOHANG);
+        } while (reaped > 0);
+        return reaped < 0 && errno == ECHILD;
+    }
+};
+
+pid_t managerPidIn(const std::string& registrations) {
+    const size_t entry = registrations.find("manager:");
+    if (entry == std::string::npos) return -1;
+    return static_cast<pid_t>(atoi(registrations.c_str() + entry + strlen("manager:")));
+}
+
+TEST(ServiceManagerAutostartTest, StartsOneDaemonForRacingNewcomers) {
+    const std::string context = tvtest::uniqueName("smauto");
+    setenv(kContextVariable, context.c_str(), 1);
+    unsetenv(kDaemonVariable);  // found beside the binder library
+    ASSERT_EQ(1, runListTool(context)) << "--list must not start a daemon";
+
+    AdoptedDaemons daemons;
+    tvtest::ChildProcess first("sm_agent");
+    tvtest::ChildProcess second("sm_agent");
+    first.writeLine("add sm.first one");
+    second.writeLine("add sm.second two");
+    EXPECT_EQ(statusLine(NO_ERROR), first.readLine(30s));
+    EXPECT_EQ(statusLine(NO_ERROR), second.readLine(30s));
+
+    const std::string seenByFirst = ask(first, "registrations");
+    const pid_t manager = managerPidIn(seenByFirst);
+    ASSERT_GT(manager, 0) << seenByFirst;
+    EXPECT_EQ(manager, managerPidIn(ask(second, "registrations")));
+    EXPECT_EQ("servicemanager", processNameOf(manager));
+    EXPECT_EQ("tag two", ask(first, "check sm.second"));
+    EXPECT_EQ("tag one", ask(second, "check sm.first"));
+}
+
+}  // namespace
