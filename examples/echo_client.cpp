@@ -1,5 +1,10 @@
 // Binds to the echo service, subscribes to its notifications, sends a few
 // lines and prints the answers and the notifications it receives.
+#include <binder/Binder.h>
+#include <binder/IPCThreadState.h>
+#include <binder/IServiceManager.h>
+#include <binder/Parcel.h>
+#include <binder/ProcessState.h>
 #include <stdio.h>
 #include <unistd.h>
 
@@ -8,12 +13,6 @@
 #include <string>
 #include <thread>
 
-#include <binder/Binder.h>
-#include <binder/IPCThreadState.h>
-#include <binder/IServiceManager.h>
-#include <binder/Parcel.h>
-#include <binder/ProcessState.h>
-
 #include "EchoProtocol.h"
 
 using namespace android;
@@ -21,12 +20,11 @@ using namespace android;
 namespace {
 
 class Listener : public BBinder {
-public:
+  public:
     std::atomic<int> received{0};
 
-protected:
-    status_t onTransact(uint32_t code, const Parcel& data, Parcel* reply,
-                        uint32_t flags) override {
+  protected:
+    status_t onTransact(uint32_t code, const Parcel& data, Parcel* reply, uint32_t flags) override {
         if (code != echo::NOTIFY) return BBinder::onTransact(code, data, reply, flags);
         const char* text = data.readCString();
         printf("echo_client %d: notified \"%s\"\n", getpid(), text != nullptr ? text : "?");

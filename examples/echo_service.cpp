@@ -1,15 +1,14 @@
 // A service that echoes what it is sent, tells each caller who it is as the
 // transport saw it, and notifies subscribers of every echo.
-#include <stdio.h>
-
-#include <mutex>
-#include <vector>
-
 #include <binder/Binder.h>
 #include <binder/IPCThreadState.h>
 #include <binder/IServiceManager.h>
 #include <binder/Parcel.h>
 #include <binder/ProcessState.h>
+#include <stdio.h>
+
+#include <mutex>
+#include <vector>
 
 #include "EchoProtocol.h"
 
@@ -18,9 +17,8 @@ using namespace android;
 namespace {
 
 class EchoService : public BBinder {
-protected:
-    status_t onTransact(uint32_t code, const Parcel& data, Parcel* reply,
-                        uint32_t flags) override {
+  protected:
+    status_t onTransact(uint32_t code, const Parcel& data, Parcel* reply, uint32_t flags) override {
         switch (code) {
             case echo::ECHO:
                 return echoBack(data, reply);
@@ -31,7 +29,7 @@ protected:
         }
     }
 
-private:
+  private:
     status_t echoBack(const Parcel& data, Parcel* reply) {
         const char* text = data.readCString();
         if (text == nullptr) return BAD_VALUE;

@@ -1,5 +1,5 @@
+#include <binder/IBinder.h>
 #include <binder/Parcel.h>
-
 #include <fcntl.h>
 #include <stdlib.h>
 #include <string.h>
@@ -8,38 +8,54 @@
 #include <algorithm>
 #include <limits>
 
-#include <binder/IBinder.h>
-
 #include "FlatObject.h"
 
 namespace android {
 
 namespace {
 
-constexpr size_t pad4(size_t len) { return (len + 3) & ~size_t(3); }
+constexpr size_t pad4(size_t len) {
+    return (len + 3) & ~size_t(3);
+}
 
 // Largest Parcel we build: keeps every offset representable in 32 bits, as on
 // the platform, and stops a runaway writer long before memory runs out.
 constexpr size_t kMaxParcelSize = std::numeric_limits<int32_t>::max();
 
 bool isNullBinderRecord(const tvbinder::FlatObject& rec) {
-    return rec.type == tvbinder::FlatObject::kTypeBinder && rec.endpoint == 0 &&
-           rec.tokenHi == 0 && rec.tokenLo == 0;
+    return rec.type == tvbinder::FlatObject::kTypeBinder && rec.endpoint == 0 && rec.tokenHi == 0 &&
+           rec.tokenLo == 0;
 }
 
 }  // namespace
 
 Parcel::Parcel() = default;
 
-Parcel::~Parcel() { freeData(); }
+Parcel::~Parcel() {
+    freeData();
+}
 
-const uint8_t* Parcel::data() const { return mData; }
-size_t Parcel::dataSize() const { return mDataSize; }
-size_t Parcel::dataAvail() const { return mDataPos < mDataSize ? mDataSize - mDataPos : 0; }
-size_t Parcel::dataPosition() const { return mDataPos; }
-size_t Parcel::dataCapacity() const { return mDataCapacity; }
-status_t Parcel::errorCheck() const { return mError; }
-void Parcel::setError(status_t err) { mError = err; }
+const uint8_t* Parcel::data() const {
+    return mData;
+}
+size_t Parcel::dataSize() const {
+    return mDataSize;
+}
+size_t Parcel::dataAvail() const {
+    return mDataPos < mDataSize ? mDataSize - mDataPos : 0;
+}
+size_t Parcel::dataPosition() const {
+    return mDataPos;
+}
+size_t Parcel::dataCapacity() const {
+    return mDataCapacity;
+}
+status_t Parcel::errorCheck() const {
+    return mError;
+}
+void Parcel::setError(status_t err) {
+    mError = err;
+}
 
 status_t Parcel::setDataSize(size_t size) {
     if (size > mDataCapacity) {
@@ -50,8 +66,7 @@ status_t Parcel::setDataSize(size_t size) {
     mDataSize = size;
     if (mDataPos > size) mDataPos = size;
     // Objects cut off by the new size are gone.
-    while (!mObjects.empty() &&
-           mObjects.back().offset + sizeof(tvbinder::FlatObject) > mDataSize) {
+    while (!mObjects.empty() && mObjects.back().offset + sizeof(tvbinder::FlatObject) > mDataSize) {
         Object& last = mObjects.back();
         if (last.ownsFd) close(last.fd);
         mObjects.pop_back();
@@ -59,7 +74,9 @@ status_t Parcel::setDataSize(size_t size) {
     return NO_ERROR;
 }
 
-void Parcel::setDataPosition(size_t pos) const { mDataPos = pos; }
+void Parcel::setDataPosition(size_t pos) const {
+    mDataPos = pos;
+}
 
 status_t Parcel::setDataCapacity(size_t size) {
     return size > mDataCapacity ? growTo(size) : NO_ERROR;
@@ -124,15 +141,31 @@ status_t Parcel::write(const void* data, size_t len) {
     return NO_ERROR;
 }
 
-void* Parcel::writeInplace(size_t len) { return writeSlot(len); }
+void* Parcel::writeInplace(size_t len) {
+    return writeSlot(len);
+}
 
-status_t Parcel::writeInt32(int32_t val) { return write(&val, sizeof(val)); }
-status_t Parcel::writeUint32(uint32_t val) { return write(&val, sizeof(val)); }
-status_t Parcel::writeInt64(int64_t val) { return write(&val, sizeof(val)); }
-status_t Parcel::writeUint64(uint64_t val) { return write(&val, sizeof(val)); }
-status_t Parcel::writeFloat(float val) { return write(&val, sizeof(val)); }
-status_t Parcel::writeDouble(double val) { return write(&val, sizeof(val)); }
-status_t Parcel::writeBool(bool val) { return writeInt32(val ? 1 : 0); }
+status_t Parcel::writeInt32(int32_t val) {
+    return write(&val, sizeof(val));
+}
+status_t Parcel::writeUint32(uint32_t val) {
+    return write(&val, sizeof(val));
+}
+status_t Parcel::writeInt64(int64_t val) {
+    return write(&val, sizeof(val));
+}
+status_t Parcel::writeUint64(uint64_t val) {
+    return write(&val, sizeof(val));
+}
+status_t Parcel::writeFloat(float val) {
+    return write(&val, sizeof(val));
+}
+status_t Parcel::writeDouble(double val) {
+    return write(&val, sizeof(val));
+}
+status_t Parcel::writeBool(bool val) {
+    return writeInt32(val ? 1 : 0);
+}
 
 status_t Parcel::writeCString(const char* str) {
     if (str == nullptr) return BAD_VALUE;
@@ -219,7 +252,9 @@ status_t Parcel::read(void* outData, size_t len) const {
     return NO_ERROR;
 }
 
-const void* Parcel::readInplace(size_t len) const { return readSlot(len); }
+const void* Parcel::readInplace(size_t len) const {
+    return readSlot(len);
+}
 
 namespace {
 
@@ -238,19 +273,45 @@ status_t readValue(const Parcel& parcel, T* out) {
 
 }  // namespace
 
-int32_t Parcel::readInt32() const { return readValue<int32_t>(*this); }
-status_t Parcel::readInt32(int32_t* pArg) const { return readValue(*this, pArg); }
-uint32_t Parcel::readUint32() const { return readValue<uint32_t>(*this); }
-status_t Parcel::readUint32(uint32_t* pArg) const { return readValue(*this, pArg); }
-int64_t Parcel::readInt64() const { return readValue<int64_t>(*this); }
-status_t Parcel::readInt64(int64_t* pArg) const { return readValue(*this, pArg); }
-uint64_t Parcel::readUint64() const { return readValue<uint64_t>(*this); }
-status_t Parcel::readUint64(uint64_t* pArg) const { return readValue(*this, pArg); }
-float Parcel::readFloat() const { return readValue<float>(*this); }
-status_t Parcel::readFloat(float* pArg) const { return readValue(*this, pArg); }
-double Parcel::readDouble() const { return readValue<double>(*this); }
-status_t Parcel::readDouble(double* pArg) const { return readValue(*this, pArg); }
-bool Parcel::readBool() const { return readInt32() != 0; }
+int32_t Parcel::readInt32() const {
+    return readValue<int32_t>(*this);
+}
+status_t Parcel::readInt32(int32_t* pArg) const {
+    return readValue(*this, pArg);
+}
+uint32_t Parcel::readUint32() const {
+    return readValue<uint32_t>(*this);
+}
+status_t Parcel::readUint32(uint32_t* pArg) const {
+    return readValue(*this, pArg);
+}
+int64_t Parcel::readInt64() const {
+    return readValue<int64_t>(*this);
+}
+status_t Parcel::readInt64(int64_t* pArg) const {
+    return readValue(*this, pArg);
+}
+uint64_t Parcel::readUint64() const {
+    return readValue<uint64_t>(*this);
+}
+status_t Parcel::readUint64(uint64_t* pArg) const {
+    return readValue(*this, pArg);
+}
+float Parcel::readFloat() const {
+    return readValue<float>(*this);
+}
+status_t Parcel::readFloat(float* pArg) const {
+    return readValue(*this, pArg);
+}
+double Parcel::readDouble() const {
+    return readValue<double>(*this);
+}
+status_t Parcel::readDouble(double* pArg) const {
+    return readValue(*this, pArg);
+}
+bool Parcel::readBool() const {
+    return readInt32() != 0;
+}
 
 status_t Parcel::readBool(bool* pArg) const {
     if (pArg == nullptr) return BAD_VALUE;
@@ -364,9 +425,13 @@ int Parcel::readFileDescriptor() const {
     return object->fd;
 }
 
-size_t Parcel::objectsCount() const { return mObjects.size(); }
+size_t Parcel::objectsCount() const {
+    return mObjects.size();
+}
 
-const std::vector<Parcel::Object>& Parcel::ipcObjects() const { return mObjects; }
+const std::vector<Parcel::Object>& Parcel::ipcObjects() const {
+    return mObjects;
+}
 
 void Parcel::ipcSetReceived(uint8_t* data, size_t size, std::vector<Object> objects) {
     freeData();

@@ -19,7 +19,7 @@ class Parcel;
 // Local objects are BBinders; references to another process's objects are
 // BpBinder proxies (one per remote object and process).
 class IBinder : public virtual RefBase {
-public:
+  public:
     enum {
         FIRST_CALL_TRANSACTION = 0x00000001,
         LAST_CALL_TRANSACTION = 0x00ffffff,
@@ -44,7 +44,7 @@ public:
                               uint32_t flags = 0) = 0;
 
     class DeathRecipient : public virtual RefBase {
-    public:
+      public:
         virtual void binderDied(const wp<IBinder>& who) = 0;
     };
 
@@ -61,7 +61,7 @@ public:
     virtual BBinder* localBinder();
     virtual BpBinder* remoteBinder();
 
-protected:
+  protected:
     virtual ~IBinder();
 };
 

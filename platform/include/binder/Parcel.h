@@ -1,15 +1,14 @@
 #pragma once
 
+#include <binder/IBinder.h>
 #include <stddef.h>
 #include <stdint.h>
-
-#include <vector>
-
-#include <binder/IBinder.h>
 #include <utils/Errors.h>
 #include <utils/RefBase.h>
 #include <utils/String16.h>
 #include <utils/String8.h>
+
+#include <vector>
 
 namespace android {
 
@@ -17,7 +16,7 @@ namespace android {
 // descriptors embedded in it. Every item starts on a 4-byte boundary and is
 // padded to a multiple of 4 bytes with zero bytes.
 class Parcel {
-public:
+  public:
     Parcel();
     ~Parcel();
     Parcel(const Parcel&) = delete;
@@ -101,7 +100,7 @@ public:
     // caller has already checked that every object lies inside the data.
     void ipcSetReceived(uint8_t* data, size_t size, std::vector<Object> objects);
 
-private:
+  private:
     status_t growTo(size_t minCapacity);
     void* writeSlot(size_t len);
     const void* readSlot(size_t len) const;
