@@ -1,15 +1,14 @@
 #include "BenchSupport.h"
 
-#include <dirent.h>
-#include <errno.h>
 #include <sched.h>
 #include <stdio.h>
 #include <string.h>
 #include <time.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <string>
+
+#include "ProcSupport.h"
 
 int64_t monotonicNanos() {
     struct timespec now;
@@ -45,37 +44,5 @@ size_t threadCountOf(pid_t pid) {
 }
 
 size_t descriptorCountOf(pid_t pid) {
-    const std::string path = "/proc/" + std::to_string(pid) + "/fd";
-    DIR* directory = opendir(path.c_str());
-    if (directory == nullptr) return 0;
-    size_t count = 0;
-    while (const struct dirent* entry = readdir(directory)) {
-        if (entry->d_name[0] != '.') ++count;
-    }
-    closedir(directory);
-    return count;
-}
-
-bool writeFully(int fd, const void* data, size_t size) {
-    const char* bytes = static_cast<const char*>(data);
-    while (size > 0) {
-        const ssize_t written = write(fd, bytes, size);
-        if (written < 0 && errno == EINTR) continue;
-        if (written <= 0) return false;
-        bytes += written;
-        size -= static_cast<size_t>(written);
-    }
-    return true;
-}
-
-bool readFully(int fd, void* data, size_t size) {
-    char* bytes = static_cast<char*>(data);
-    while (size > 0) {
-        const ssize_t got = read(fd, bytes, size);
-        if (got < 0 && errno == EINTR) continue;
-        if (got <= 0) return false;
-        bytes += got;
-        size -= static_cast<size_t>(got);
-    }
-    return true;
+    return tvproc::countEntries("/proc/" + std::to_string(pid) + "/fd");
 }

@@ -18,7 +18,3 @@ int64_t median(std::vector<int64_t> samples);
 // Read from /proc/<pid>: the number of threads and of open descriptors.
 size_t threadCountOf(pid_t pid);
 size_t descriptorCountOf(pid_t pid);
-
-// Blocking exact-size socket transfers; false on end of file or error.
-bool writeFully(int fd, const void* data, size_t size);
-bool readFully(int fd, void* data, size_t size);

@@ -1,7 +1,5 @@
 #include "ChildProcess.h"
 
-#include <errno.h>
-#include <poll.h>
 #include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -10,40 +8,15 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <thread>
-
-#include "BenchSupport.h"
-
-namespace {
-
-bool readFullyWithin(int fd, void* data, size_t size, std::chrono::milliseconds timeout) {
-    const auto deadline = std::chrono::steady_clock::now() + timeout;
-    char* bytes = static_cast<char*>(data);
-    while (size > 0) {
-        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-            deadline - std::chrono::steady_clock::now());
-        struct pollfd readable = {fd, POLLIN, 0};
-        const int polled = poll(&readable, 1, static_cast<int>(std::max<int64_t>(0, left.count())));
-        if (polled < 0 && errno == EINTR) continue;
-        if (polled <= 0) return false;
-        const ssize_t got = read(fd, bytes, size);
-        if (got < 0 && errno == EINTR) continue;
-        if (got <= 0) return false;
-        bytes += got;
-        size -= static_cast<size_t>(got);
-    }
-    return true;
-}
-
-}  // namespace
+#include "ProcSupport.h"
 
 bool sendValue(int channel, int64_t value) {
-    return writeFully(channel, &value, sizeof value);
+    return tvproc::writeFully(channel, &value, sizeof value);
 }
 
 std::optional<int64_t> receiveValue(int channel, std::chrono::milliseconds timeout) {
     int64_t value = 0;
-    if (!readFullyWithin(channel, &value, sizeof value, timeout)) return std::nullopt;
+    if (!tvproc::readFullyWithin(channel, &value, sizeof value, timeout)) return std::nullopt;
     return value;
 }
 
@@ -93,17 +66,8 @@ void ChildProcess::closeChannel() {
 bool ChildProcess::finish(std::chrono::milliseconds timeout) {
     closeChannel();
     if (mPid <= 0) return false;
-    const auto deadline = std::chrono::steady_clock::now() + timeout;
-    int status = 0;
-    pid_t waited = waitpid(mPid, &status, WNOHANG);
-    while (waited == 0 && std::chrono::steady_clock::now() < deadline) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-        waited = waitpid(mPid, &status, WNOHANG);
-    }
-    if (waited == 0) {
-        kill(mPid, SIGKILL);
-        waitpid(mPid, &status, 0);
-    }
+    const int status = tvproc::waitForExit(mPid, timeout);
+    if (status == -1) tvproc::killAndReap(mPid);
     mPid = -1;
-    return waited > 0 && WIFEXITED(status) && WEXITSTATUS(status) == 0;
+    return status != -1 && WIFEXITED(status) && WEXITSTATUS(status) == 0;
 }

@@ -8,6 +8,7 @@
 
 #include "BenchSupport.h"
 #include "ChildProcess.h"
+#include "ProcSupport.h"
 #include "Together.h"
 
 namespace raw {
@@ -28,15 +29,16 @@ struct SocketPair {
 
 int echoUntilClosed(int fd) {
     char payload[kPayloadSize];
-    while (readFully(fd, payload, sizeof payload)) {
-        if (!writeFully(fd, payload, sizeof payload)) return 1;
+    while (tvproc::readFully(fd, payload, sizeof payload)) {
+        if (!tvproc::writeFully(fd, payload, sizeof payload)) return 1;
     }
     return 0;
 }
 
 bool roundTrip(int fd) {
     char payload[kPayloadSize] = "ping-pong-bytes";
-    return writeFully(fd, payload, sizeof payload) && readFully(fd, payload, sizeof payload);
+    return tvproc::writeFully(fd, payload, sizeof payload) &&
+           tvproc::readFully(fd, payload, sizeof payload);
 }
 
 std::unique_ptr<ChildProcess> startEcho(const SocketPair& pair, bool pinned) {
@@ -64,8 +66,9 @@ int measureRoundTrips(int fd, int iterations, int channel) {
 int receiveMessages(int fd, int messages) {
     char payload[kPayloadSize];
     for (int received = 1; received <= messages; ++received) {
-        if (!readFully(fd, payload, sizeof payload)) return 1;
-        if ((received % kOneWayBatch == 0 || received == messages) && !writeFully(fd, "k", 1)) {
+        if (!tvproc::readFully(fd, payload, sizeof payload)) return 1;
+        if ((received % kOneWayBatch == 0 || received == messages) &&
+            !tvproc::writeFully(fd, "k", 1)) {
             return 1;
         }
     }
@@ -76,8 +79,8 @@ bool sendMessages(int fd, int messages) {
     const char payload[kPayloadSize] = "one-way-message";
     char ack;
     for (int sent = 1; sent <= messages; ++sent) {
-        if (!writeFully(fd, payload, sizeof payload)) return false;
-        if ((sent % kOneWayBatch == 0 || sent == messages) && !readFully(fd, &ack, 1)) {
+        if (!tvproc::writeFully(fd, payload, sizeof payload)) return false;
+        if ((sent % kOneWayBatch == 0 || sent == messages) && !tvproc::readFully(fd, &ack, 1)) {
             return false;
         }
     }

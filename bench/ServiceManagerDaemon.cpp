@@ -11,6 +11,8 @@
 
 #include <thread>
 
+#include "ProcSupport.h"
+
 extern char** environ;
 
 namespace {
@@ -18,11 +20,7 @@ namespace {
 std::string daemonPath() {
     const char* configured = getenv("TAVRIN_SERVICEMANAGER");
     if (configured != nullptr && configured[0] != '\0') return configured;
-    char self[4096];
-    const ssize_t length = readlink("/proc/self/exe", self, sizeof self - 1);
-    if (length <= 0) return "tavrin-servicemanager";
-    std::string path(self, static_cast<size_t>(length));
-    return path.substr(0, path.rfind('/') + 1) + "tavrin-servicemanager";
+    return tvproc::besideThisProgram("tavrin-servicemanager");
 }
 
 pid_t spawnQuietly(const char* const* argv) {
@@ -59,9 +57,7 @@ ServiceManagerDaemon::ServiceManagerDaemon(const std::string& context)
 }
 
 ServiceManagerDaemon::~ServiceManagerDaemon() {
-    if (mPid <= 0) return;
-    kill(mPid, SIGKILL);
-    waitpid(mPid, nullptr, 0);
+    if (mPid > 0) tvproc::killAndReap(mPid);
 }
 
 bool ServiceManagerDaemon::awaitServing(std::chrono::milliseconds timeout) {
@@ -81,7 +77,10 @@ bool ServiceManagerDaemon::awaitServing(std::chrono::milliseconds timeout) {
 int ServiceManagerDaemon::runToCompletion(const char* const* argv) const {
     const pid_t pid = spawnQuietly(argv);
     if (pid < 0) return -1;
-    int status = 0;
-    if (waitpid(pid, &status, 0) != pid || !WIFEXITED(status)) return -1;
-    return WEXITSTATUS(status);
+    const int status = tvproc::waitForExit(pid, std::chrono::seconds(5));
+    if (status == -1) {
+        tvproc::killAndReap(pid);
+        return -1;
+    }
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }

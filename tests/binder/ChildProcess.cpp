@@ -1,18 +1,17 @@
 #include "ChildProcess.h"
 
-#include <errno.h>
 #include <fcntl.h>
-#include <poll.h>
 #include <signal.h>
 #include <spawn.h>
 #include <string.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <map>
 #include <stdexcept>
+
+#include "ProcSupport.h"
 
 extern char** environ;
 
@@ -29,47 +28,23 @@ std::map<std::string, ChildRole>& roles() {
     return *registry;
 }
 
-int64_t nowMs() {
-    timespec ts;
-    clock_gettime(CLOCK_MONOTONIC, &ts);
-    return int64_t{ts.tv_sec} * 1000 + ts.tv_nsec / 1000000;
-}
-
 // Reads one line from `fd` into `pending`'s front; "" on timeout or end.
 std::string readLineFrom(int fd, std::string* pending, std::chrono::milliseconds timeout) {
-    const int64_t deadline = nowMs() + timeout.count();
-    for (;;) {
-        size_t newline = pending->find('\n');
-        if (newline != std::string::npos) {
-            std::string line = pending->substr(0, newline);
-            pending->erase(0, newline + 1);
-            return line;
-        }
-        int64_t left = deadline - nowMs();
-        if (left <= 0) return "";
-        pollfd waiter{fd, POLLIN, 0};
-        int ready = poll(&waiter, 1, static_cast<int>(left));
-        if (ready < 0 && errno == EINTR) continue;
-        if (ready <= 0) return "";
-        char buffer[256];
-        ssize_t n = read(fd, buffer, sizeof(buffer));
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) return "";
-        pending->append(buffer, static_cast<size_t>(n));
+    const auto deadline = std::chrono::steady_clock::now() + timeout;
+    size_t newline;
+    while ((newline = pending->find('\n')) == std::string::npos) {
+        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+            deadline - std::chrono::steady_clock::now());
+        if (left.count() <= 0 || !tvproc::readSomeWithin(fd, pending, left)) return "";
     }
+    std::string line = pending->substr(0, newline);
+    pending->erase(0, newline + 1);
+    return line;
 }
 
 void writeLineTo(int fd, const std::string& line) {
-    std::string text = line + "\n";
-    const char* data = text.data();
-    size_t left = text.size();
-    while (left > 0) {
-        ssize_t n = write(fd, data, left);
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) return;
-        data += n;
-        left -= static_cast<size_t>(n);
-    }
+    const std::string text = line + "\n";
+    tvproc::writeFully(fd, text.data(), text.size());
 }
 
 }  // namespace
@@ -106,10 +81,7 @@ ChildProcess::ChildProcess(const std::string& role, const std::vector<std::strin
 }
 
 ChildProcess::~ChildProcess() {
-    if (!mReaped) {
-        ::kill(mPid, SIGKILL);
-        waitpid(mPid, nullptr, 0);
-    }
+    if (!mReaped) tvproc::killAndReap(mPid);
     close(mToChild);
     close(mFromChild);
 }
@@ -127,18 +99,10 @@ void ChildProcess::kill(int signal) {
 }
 
 int ChildProcess::wait(std::chrono::milliseconds timeout) {
-    const int64_t deadline = nowMs() + timeout.count();
-    while (!mReaped) {
-        int status = 0;
-        pid_t done = waitpid(mPid, &status, WNOHANG);
-        if (done == mPid) {
-            mReaped = true;
-            return status;
-        }
-        if (nowMs() >= deadline) return -1;
-        usleep(2000);
-    }
-    return -1;
+    if (mReaped) return -1;
+    const int status = tvproc::waitForExit(mPid, timeout);
+    mReaped = status != -1;
+    return status;
 }
 
 void ParentChannel::send(const std::string& line) {

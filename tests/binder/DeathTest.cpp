@@ -2,7 +2,6 @@
 #include <binder/IBinder.h>
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -22,14 +21,11 @@ using android::NO_ERROR;
 using android::sp;
 using android::status_t;
 using android::wp;
+using tvtest::currentTid;
 using tvtest::ServedChild;
 using tvtest::waitUntil;
 
 namespace {
-
-int currentTid() {
-    return static_cast<int>(syscall(SYS_gettid));
-}
 
 class CountingRecipient : public IBinder::DeathRecipient {
   public:
@@ -50,7 +46,7 @@ class CountingRecipient : public IBinder::DeathRecipient {
     std::atomic<bool>* mDestroyed;
 };
 
-// Unlinks itself from inside the notice.
+// Unlinks itself from inside the notice, which is allowed.
 class SelfUnlinkingRecipient : public IBinder::DeathRecipient {
   public:
     void binderDied(const wp<IBinder>& who) override {
@@ -67,12 +63,16 @@ TEST(DeathNotices, ArriveOnceOnAPoolThreadWhenTheOwnerIsKilled) {
     ASSERT_TRUE(child.ready());
     sp<CountingRecipient> first = new CountingRecipient();
     sp<CountingRecipient> second = new CountingRecipient();
+    sp<SelfUnlinkingRecipient> selfUnlinking = new SelfUnlinkingRecipient();
     int cookie = 0;
     ASSERT_EQ(NO_ERROR, child.binder()->linkToDeath(first));
     ASSERT_EQ(NO_ERROR, child.binder()->linkToDeath(second, &cookie, 3));
+    ASSERT_EQ(NO_ERROR, child.binder()->linkToDeath(selfUnlinking));
 
     child.process().kill(SIGKILL);
-    ASSERT_TRUE(waitUntil([&] { return first->calls == 1 && second->calls == 1; }));
+    ASSERT_TRUE(waitUntil(
+        [&] { return first->calls == 1 && second->calls == 1 && selfUnlinking->calls == 1; }));
+    EXPECT_EQ(DEAD_OBJECT, selfUnlinking->unlinkStatus.load());
     EXPECT_EQ(child.binder().get(), first->died.load());
     EXPECT_NE(currentTid(), first->tid.load());
     std::this_thread::sleep_for(std::chrono::milliseconds(50));
@@ -83,7 +83,11 @@ TEST(DeathNotices, ArriveOnceOnAPoolThreadWhenTheOwnerIsKilled) {
     EXPECT_EQ(DEAD_OBJECT, child.binder()->unlinkToDeath(second, &cookie, 3));
 }
 
-TEST(DeathNotices, UnlinkedAndReleasedRecipientsAreNotCalled) {
+TEST(DeathNotices, UnlinkedAndReleasedRecipientsAreNotCalledAndOnlyProxiesCanBeLinkedTo) {
+    sp<BBinder> local = new BBinder();
+    EXPECT_EQ(INVALID_OPERATION, local->linkToDeath(new CountingRecipient()));
+    EXPECT_EQ(INVALID_OPERATION, local->unlinkToDeath(nullptr));
+
     ServedChild child;
     ASSERT_TRUE(child.ready());
     sp<CountingRecipient> unlinked = new CountingRecipient();
@@ -106,22 +110,6 @@ TEST(DeathNotices, UnlinkedAndReleasedRecipientsAreNotCalled) {
     child.process().kill(SIGKILL);
     ASSERT_TRUE(waitUntil([&] { return kept->calls == 1; }));
     EXPECT_EQ(0, unlinked->calls.load());
-}
-
-TEST(DeathNotices, ARecipientMayUnlinkItselfWhileBeingNotified) {
-    ServedChild child;
-    ASSERT_TRUE(child.ready());
-    sp<SelfUnlinkingRecipient> recipient = new SelfUnlinkingRecipient();
-    ASSERT_EQ(NO_ERROR, child.binder()->linkToDeath(recipient));
-    child.process().kill(SIGKILL);
-    ASSERT_TRUE(waitUntil([&] { return recipient->calls == 1; }));
-    EXPECT_EQ(DEAD_OBJECT, recipient->unlinkStatus.load());
-}
-
-TEST(DeathNotices, OnlyProxiesCanBeLinkedTo) {
-    sp<BBinder> local = new BBinder();
-    EXPECT_EQ(INVALID_OPERATION, local->linkToDeath(new CountingRecipient()));
-    EXPECT_EQ(INVALID_OPERATION, local->unlinkToDeath(nullptr));
 }
 
 }  // namespace

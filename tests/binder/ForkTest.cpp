@@ -1,7 +1,6 @@
 #include <binder/IBinder.h>
 #include <binder/ProcessState.h>
 #include <gtest/gtest.h>
-#include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -37,10 +36,9 @@ TEST(Fork, AForkedChildGetsItsOwnEndpointAndLeavesTheParentsAlone) {
     ASSERT_NE(-1, child);
     if (child == 0) _exit(checkForkedChild(service.name(), parentEndpoint));
 
-    int status = 0;
-    if (!tvtest::waitUntil([&] { return waitpid(child, &status, WNOHANG) == child; })) {
-        kill(child, SIGKILL);
-        waitpid(child, &status, 0);
+    const int status = tvproc::waitForExit(child, std::chrono::seconds(20));
+    if (status == -1) {
+        tvproc::killAndReap(child);
         FAIL() << "the forked child did not finish";
     }
     EXPECT_TRUE(WIFEXITED(status));

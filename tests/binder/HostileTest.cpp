@@ -10,6 +10,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -34,6 +35,8 @@ using tvtest::ServedChild;
 using tvtest::TestService;
 
 namespace {
+
+using Bytes = std::vector<uint8_t>;
 
 // A socket to a process's endpoint that speaks the wire protocol by hand.
 class RawConnection {
@@ -68,9 +71,8 @@ class RawConnection {
         }
         sendmsg(mFd, &message, MSG_NOSIGNAL);
     }
-    void sendFrame(FrameHeader header, const std::vector<uint8_t>& body = {},
-                   const std::vector<int>& fds = {}) {
-        std::vector<uint8_t> bytes(sizeof(header));
+    void sendFrame(FrameHeader header, const Bytes& body = {}, const std::vector<int>& fds = {}) {
+        Bytes bytes(sizeof(header));
         memcpy(bytes.data(), &header, sizeof(header));
         bytes.insert(bytes.end(), body.begin(), body.end());
         send(bytes.data(), bytes.size(), fds);
@@ -123,9 +125,9 @@ FrameHeader transactionTo(const android::sp<android::IBinder>& binder, uint32_t 
 }
 
 // Data holding one object record at offset 0, then its offsets table.
-std::vector<uint8_t> bodyWithRecord(const FlatObject& record, uint32_t offset = 0,
-                                    size_t dataSize = sizeof(FlatObject)) {
-    std::vector<uint8_t> body(dataSize + sizeof(uint32_t));
+Bytes bodyWithRecord(const FlatObject& record, uint32_t offset = 0,
+                     size_t dataSize = sizeof(FlatObject)) {
+    Bytes body(dataSize + sizeof(uint32_t));
     if (offset + sizeof(record) <= dataSize) memcpy(body.data() + offset, &record, sizeof(record));
     memcpy(body.data() + dataSize, &offset, sizeof(offset));
     return body;
@@ -148,14 +150,14 @@ class HostilePeers : public testing::Test {
         return raw;
     }
     // Sends one frame on a fresh introduced connection; true if the child hung up.
-    bool hangsUpOn(const FrameHeader& header, const std::vector<uint8_t>& body = {},
+    bool hangsUpOn(const FrameHeader& header, const Bytes& body = {},
                    const std::vector<int>& fds = {}) {
         auto raw = introduced();
         raw->sendFrame(header, body, fds);
         return raw->closedByPeer();
     }
     // Sends one frame; the status of the reply, or 1 when none came.
-    int32_t replyStatusTo(const FrameHeader& header, const std::vector<uint8_t>& body = {},
+    int32_t replyStatusTo(const FrameHeader& header, const Bytes& body = {},
                           const std::vector<int>& fds = {}) {
         auto raw = introduced();
         raw->sendFrame(header, body, fds);
@@ -208,49 +210,42 @@ TEST_F(HostilePeers, MalformedFramesCloseTheConnection) {
         raw->send("short", 5);
         EXPECT_TRUE(raw->closedByPeer());
     }
-    FrameHeader badMagic = valid;
-    badMagic.magic = 0xdeadbeef;
-    EXPECT_TRUE(hangsUpOn(badMagic));
+    auto with = [&](const std::function<void(FrameHeader&)>& change) {
+        FrameHeader header = valid;
+        change(header);
+        return header;
+    };
+    EXPECT_TRUE(hangsUpOn(with([](FrameHeader& h) { h.magic = 0xdeadbeef; })));
+    EXPECT_TRUE(hangsUpOn(with([](FrameHeader& h) { h.kind = 99; })));
+    EXPECT_TRUE(hangsUpOn(with([](FrameHeader& h) { h.dataSize = 100; }), Bytes(50)));
+    const FrameHeader tooManyObjects = with([](FrameHeader& h) {
+        h.dataSize = 64;
+        h.objectCount = 1000;
+    });
+    EXPECT_TRUE(hangsUpOn(tooManyObjects, Bytes(64 + 4000)));
+    // Larger than a message may be.
+    EXPECT_TRUE(hangsUpOn(with([](FrameHeader& h) { h.dataSize = 68000; }), Bytes(68000)));
 
-    FrameHeader badKind = valid;
-    badKind.kind = 99;
-    EXPECT_TRUE(hangsUpOn(badKind));
-
-    FrameHeader longerThanSent = valid;
-    longerThanSent.dataSize = 100;
-    EXPECT_TRUE(hangsUpOn(longerThanSent, std::vector<uint8_t>(50)));
-
-    FrameHeader tooManyObjects = valid;
-    tooManyObjects.dataSize = 64;
-    tooManyObjects.objectCount = 1000;
-    EXPECT_TRUE(hangsUpOn(tooManyObjects, std::vector<uint8_t>(64 + 4000)));
-
+    const FrameHeader oneObject = with([](FrameHeader& h) {
+        h.dataSize = 64;
+        h.objectCount = 1;
+    });
     FlatObject fd{};
     fd.type = FlatObject::kTypeFd;
-    FrameHeader oneObject = valid;
-    oneObject.dataSize = 64;
-    oneObject.objectCount = 1;
     EXPECT_TRUE(hangsUpOn(oneObject, bodyWithRecord(fd, 40, 64)));  // past the end
     EXPECT_TRUE(hangsUpOn(oneObject, bodyWithRecord(fd, 2, 64)));   // unaligned
     EXPECT_TRUE(hangsUpOn(oneObject, bodyWithRecord(fd, 0, 64)));   // no descriptor sent
-
     FlatObject unknownType{};
     unknownType.type = 0x12345678;
     EXPECT_TRUE(hangsUpOn(oneObject, bodyWithRecord(unknownType, 0, 64)));
 
     int pipeFds[2];
     ASSERT_EQ(0, pipe2(pipeFds, O_CLOEXEC));
-    FrameHeader noObjects = valid;
-    EXPECT_TRUE(hangsUpOn(noObjects, {}, {pipeFds[0]}));  // a descriptor with no record
+    EXPECT_TRUE(hangsUpOn(valid, {}, {pipeFds[0]}));  // a descriptor with no record
     close(pipeFds[0]);
     close(pipeFds[1]);
 
-    FrameHeader unsolicitedReply = RawConnection::makeHeader(FrameKind::kReply);
-    EXPECT_TRUE(hangsUpOn(unsolicitedReply));
-
-    FrameHeader oversized = valid;
-    oversized.dataSize = 68000;
-    EXPECT_TRUE(hangsUpOn(oversized, std::vector<uint8_t>(68000)));  // larger than a message may be
+    EXPECT_TRUE(hangsUpOn(RawConnection::makeHeader(FrameKind::kReply)));  // unsolicited
 
     expectStillServing();
 }

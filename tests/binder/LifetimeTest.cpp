@@ -25,6 +25,8 @@ using android::status_t;
 using android::wp;
 using tvtest::callInt;
 using tvtest::ChildProcess;
+using tvtest::heldCall;
+using tvtest::sendObject;
 using tvtest::ServedChild;
 using tvtest::TestService;
 using tvtest::waitUntil;
@@ -39,40 +41,31 @@ class Echo : public BBinder {
     }
 };
 
-status_t sendObject(const sp<IBinder>& service, uint32_t code, const sp<IBinder>& object,
-                    uint32_t flags = 0) {
-    Parcel data;
-    Parcel reply;
-    data.writeStrongBinder(object);
-    return service->transact(code, data, &reply, flags);
-}
-
-status_t simpleCall(const sp<IBinder>& service, uint32_t code) {
-    Parcel data;
-    Parcel reply;
-    return service->transact(code, data, &reply);
-}
-
 size_t objectsHeldByOthers() {
     return android::tvbinder::Runtime::current()->exports().heldCount();
 }
 
-TEST(Lifetimes, AnObjectLivesWhileAnotherProcessHoldsIt) {
-    ServedChild child;
-    ASSERT_TRUE(child.ready());
+// Gives `service` an object of this process to hold; the object can be
+// watched but this process keeps no strong reference of its own.
+wp<IBinder> handOver(const sp<IBinder>& service, uint32_t flags = 0) {
     sp<IBinder> object = new Echo();
     wp<IBinder> watch = object;
-    ASSERT_EQ(NO_ERROR, sendObject(child.binder(), TestService::HOLD, object));
-    object = nullptr;
-    EXPECT_NE(nullptr, watch.promote());
-    Parcel call;
-    Parcel reply;
-    call.writeUint32(TestService::ECHO);
-    call.writeInt32(11);
-    ASSERT_EQ(NO_ERROR, child.binder()->transact(TestService::HELD_CALL, call, &reply));
-    EXPECT_EQ(11, reply.readInt32());
+    EXPECT_EQ(NO_ERROR, sendObject(service, TestService::HOLD, object, flags));
+    return watch;
+}
 
-    ASSERT_EQ(NO_ERROR, simpleCall(child.binder(), TestService::DROP));
+TEST(Lifetimes, AnObjectLivesWhileAnotherProcessHoldsItAndGoesWhenItDropsItOrDies) {
+    ServedChild child;
+    ASSERT_TRUE(child.ready());
+    wp<IBinder> watch = handOver(child.binder());
+    EXPECT_NE(nullptr, watch.promote());
+    EXPECT_EQ(11, heldCall(child.binder(), TestService::ECHO, 11));
+    ASSERT_EQ(NO_ERROR, sendObject(child.binder(), TestService::DROP));
+    EXPECT_TRUE(waitUntil([&] { return watch.promote() == nullptr; }));
+
+    watch = handOver(child.binder());
+    EXPECT_NE(nullptr, watch.promote());
+    child.process().kill(SIGKILL);
     EXPECT_TRUE(waitUntil([&] { return watch.promote() == nullptr; }));
 }
 
@@ -81,59 +74,28 @@ TEST(Lifetimes, AnObjectPassedOnByAThirdProcessLivesWhileTheLastHolderKeepsIt) {
     ServedChild second;
     ASSERT_TRUE(first.ready());
     ASSERT_TRUE(second.ready());
-    sp<IBinder> object = new Echo();
-    wp<IBinder> watch = object;
-    ASSERT_EQ(NO_ERROR, sendObject(first.binder(), TestService::HOLD, object));
+    wp<IBinder> watch = handOver(first.binder());
     ASSERT_EQ(NO_ERROR, sendObject(first.binder(), TestService::GIVE_HELD, second.binder()));
-    ASSERT_EQ(NO_ERROR, simpleCall(first.binder(), TestService::DROP));
-    object = nullptr;
+    ASSERT_EQ(NO_ERROR, sendObject(first.binder(), TestService::DROP));
     // Lets the first holder's release arrive; only the second's grant may keep the object.
     std::this_thread::sleep_for(std::chrono::milliseconds(100));
-
-    Parcel call;
-    Parcel reply;
-    call.writeUint32(TestService::ECHO);
-    call.writeInt32(13);
-    ASSERT_EQ(NO_ERROR, second.binder()->transact(TestService::HELD_CALL, call, &reply));
-    EXPECT_EQ(13, reply.readInt32());
+    EXPECT_EQ(13, heldCall(second.binder(), TestService::ECHO, 13));
     EXPECT_NE(nullptr, watch.promote());
-
-    ASSERT_EQ(NO_ERROR, simpleCall(second.binder(), TestService::DROP));
-    EXPECT_TRUE(waitUntil([&] { return watch.promote() == nullptr; }));
-}
-
-TEST(Lifetimes, AHoldersDeathLetsTheObjectGo) {
-    ServedChild child;
-    ASSERT_TRUE(child.ready());
-    sp<IBinder> object = new Echo();
-    wp<IBinder> watch = object;
-    ASSERT_EQ(NO_ERROR, sendObject(child.binder(), TestService::HOLD, object));
-    object = nullptr;
-    EXPECT_NE(nullptr, watch.promote());
-    child.process().kill(SIGKILL);
+    ASSERT_EQ(NO_ERROR, sendObject(second.binder(), TestService::DROP));
     EXPECT_TRUE(waitUntil([&] { return watch.promote() == nullptr; }));
 }
 
 TEST(Lifetimes, AnObjectInsideAOneWayInFlightStaysAlive) {
     ServedChild child;
     ASSERT_TRUE(child.ready());
-    Parcel block;
     ASSERT_EQ(NO_ERROR,
-              child.binder()->transact(TestService::BLOCK, block, nullptr, IBinder::FLAG_ONEWAY));
-    sp<IBinder> object = new Echo();
-    wp<IBinder> watch = object;
+              sendObject(child.binder(), TestService::BLOCK, nullptr, IBinder::FLAG_ONEWAY));
     // Queued behind the blocked one-way while the test lets go of the object.
-    ASSERT_EQ(NO_ERROR,
-              sendObject(child.binder(), TestService::HOLD, object, IBinder::FLAG_ONEWAY));
-    object = nullptr;
-    ASSERT_EQ(NO_ERROR, simpleCall(child.binder(), TestService::UNBLOCK));
-    Parcel call;
-    call.writeUint32(TestService::ECHO);
-    call.writeInt32(12);
+    handOver(child.binder(), IBinder::FLAG_ONEWAY);
+    ASSERT_EQ(NO_ERROR, sendObject(child.binder(), TestService::UNBLOCK));
     EXPECT_TRUE(waitUntil([&] {
-        Parcel reply;
-        return child.binder()->transact(TestService::HELD_CALL, call, &reply) == NO_ERROR &&
-               reply.readInt32() == 12;
+        status_t status;
+        return heldCall(child.binder(), TestService::ECHO, 12, &status) == 12 && status == NO_ERROR;
     }));
 }
 
@@ -145,15 +107,9 @@ TEST(Soak, BindingCallingAndDroppingKeepsTheOwnersResourcesFlat) {
     ServedChild child({"--max-threads=" + std::to_string(kSoakPoolMax)});
     ASSERT_TRUE(child.ready());
     auto round = [&](int i) {
-        sp<IBinder> object = new Echo();
-        ASSERT_EQ(NO_ERROR, sendObject(child.binder(), TestService::HOLD, object));
-        Parcel call;
-        Parcel reply;
-        call.writeUint32(TestService::ECHO);
-        call.writeInt32(i);
-        ASSERT_EQ(NO_ERROR, child.binder()->transact(TestService::HELD_CALL, call, &reply));
-        ASSERT_EQ(i, reply.readInt32());
-        ASSERT_EQ(NO_ERROR, simpleCall(child.binder(), TestService::DROP));
+        handOver(child.binder());
+        ASSERT_EQ(i, heldCall(child.binder(), TestService::ECHO, i));
+        ASSERT_EQ(NO_ERROR, sendObject(child.binder(), TestService::DROP));
         ASSERT_EQ(i, callInt(tvtest::lookup(child.name()), TestService::ECHO, i));
     };
     for (int i = 0; i < 50; ++i) round(i);

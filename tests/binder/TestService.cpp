@@ -3,7 +3,6 @@
 #include <binder/IPCThreadState.h>
 #include <binder/ProcessState.h>
 #include <errno.h>
-#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -13,14 +12,10 @@
 #include "TestSupport.h"
 
 using android::IBinder;
-using android::IPCThreadState;
 using android::NO_ERROR;
 using android::Parcel;
-using android::ProcessState;
 using android::sp;
 using android::status_t;
-using android::String16;
-using android::String8;
 
 namespace tvtest {
 
@@ -28,14 +23,19 @@ namespace {
 
 constexpr auto kWaitLimit = std::chrono::seconds(20);
 
-int currentTid() {
-    return static_cast<int>(syscall(SYS_gettid));
+// Makes call `code` with `value` on `target` and answers with its result.
+status_t relay(const sp<IBinder>& target, uint32_t code, int32_t value, Parcel* reply) {
+    if (target == nullptr) return android::BAD_VALUE;
+    status_t status;
+    const int32_t result = callInt(target, code, value, &status);
+    return status != NO_ERROR ? status : reply->writeInt32(result);
 }
 
 }  // namespace
 
-const String16& TestService::getInterfaceDescriptor() const {
-    static const String16* const kDescriptor = new String16("tavrin.test.Service");
+const android::String16& TestService::getInterfaceDescriptor() const {
+    static const android::String16* const kDescriptor =
+        new android::String16("tavrin.test.Service");
     return *kDescriptor;
 }
 
@@ -44,22 +44,18 @@ status_t TestService::onTransact(uint32_t code, const Parcel& data, Parcel* repl
         case ECHO:
             return reply->writeInt32(data.readInt32());
         case GET_CALLER:
-            reply->writeInt32(IPCThreadState::self()->getCallingPid());
-            return reply->writeInt32(static_cast<int32_t>(IPCThreadState::self()->getCallingUid()));
+            reply->writeInt32(android::IPCThreadState::self()->getCallingPid());
+            return reply->writeInt32(
+                static_cast<int32_t>(android::IPCThreadState::self()->getCallingUid()));
         case GET_TID:
             return reply->writeInt32(currentTid());
-        case CALL_BACK: {
-            sp<IBinder> target = data.readStrongBinder();
-            int32_t value = data.readInt32();
-            if (target == nullptr) return android::BAD_VALUE;
-            Parcel out;
-            Parcel in;
-            out.writeInt32(value);
-            status_t status = target->transact(ECHO, out, &in);
-            if (status != NO_ERROR) return status;
-            reply->writeInt32(in.readInt32());
+        case CALL_BACK:
+        case CALL_OBJECT: {
+            const sp<IBinder> target = data.readStrongBinder();
+            const status_t status = relay(target, ECHO, data.readInt32(), reply);
+            if (status != NO_ERROR || code == CALL_OBJECT) return status;
             // The caller's identity is back once the nested call is done.
-            return reply->writeInt32(IPCThreadState::self()->getCallingPid());
+            return reply->writeInt32(android::IPCThreadState::self()->getCallingPid());
         }
         case HOLD: {
             std::lock_guard<std::mutex> guard(mLock);
@@ -89,14 +85,6 @@ status_t TestService::onTransact(uint32_t code, const Parcel& data, Parcel* repl
             mChanged.notify_all();
             return reply->writeInt32(mBlocked ? 1 : 0);
         }
-        case CALL_OBJECT: {
-            sp<IBinder> target = data.readStrongBinder();
-            int32_t value = data.readInt32();
-            if (target == nullptr) return android::BAD_VALUE;
-            status_t status;
-            int32_t result = callInt(target, ECHO, value, &status);
-            return status != NO_ERROR ? status : reply->writeInt32(result);
-        }
         case WRITE_FD: {
             int fd = data.readFileDescriptor();
             const char* text = data.readCString();
@@ -109,35 +97,18 @@ status_t TestService::onTransact(uint32_t code, const Parcel& data, Parcel* repl
         case FAIL:
             return -EINVAL;
         case SAME_AS_HELD: {
-            sp<IBinder> candidate = data.readStrongBinder();
-            std::lock_guard<std::mutex> guard(mLock);
-            return reply->writeInt32(candidate != nullptr && candidate == mHeld ? 1 : 0);
+            const sp<IBinder> candidate = data.readStrongBinder();
+            return reply->writeInt32(candidate != nullptr && candidate == held() ? 1 : 0);
         }
         case HELD_CALL: {
-            sp<IBinder> held;
-            {
-                std::lock_guard<std::mutex> guard(mLock);
-                held = mHeld;
-            }
-            if (held == nullptr) return android::BAD_VALUE;
-            uint32_t heldCode = data.readUint32();
-            status_t status;
-            int32_t result = callInt(held, heldCode, data.readInt32(), &status);
-            return status != NO_ERROR ? status : reply->writeInt32(result);
+            const uint32_t heldCode = data.readUint32();
+            return relay(held(), heldCode, data.readInt32(), reply);
         }
-        case GET_HELD: {
-            std::lock_guard<std::mutex> guard(mLock);
-            return reply->writeStrongBinder(mHeld);
-        }
+        case GET_HELD:
+            return reply->writeStrongBinder(held());
         case GIVE_HELD: {
-            sp<IBinder> target = data.readStrongBinder();
-            Parcel out;
-            Parcel in;
-            {
-                std::lock_guard<std::mutex> guard(mLock);
-                out.writeStrongBinder(mHeld);
-            }
-            return target == nullptr ? android::BAD_VALUE : target->transact(HOLD, out, &in);
+            const sp<IBinder> target = data.readStrongBinder();
+            return target == nullptr ? android::BAD_VALUE : sendObject(target, HOLD, held());
         }
         case ECHO_BYTES: {
             int32_t size = data.readInt32();
@@ -149,6 +120,11 @@ status_t TestService::onTransact(uint32_t code, const Parcel& data, Parcel* repl
         default:
             return BBinder::onTransact(code, data, reply, flags);
     }
+}
+
+sp<IBinder> TestService::held() {
+    std::lock_guard<std::mutex> guard(mLock);
+    return mHeld;
 }
 
 status_t TestService::recordSequence(int32_t value) {
@@ -191,7 +167,7 @@ status_t TestService::barrier(int32_t parties, Parcel* reply) {
 
 int serveTestService(const std::vector<std::string>& args) {
     if (args.empty()) return 2;
-    sp<ProcessState> process = ProcessState::self();
+    sp<android::ProcessState> process = android::ProcessState::self();
     for (const std::string& option : args) {
         if (option.rfind("--max-threads=", 0) == 0) {
             process->setThreadPoolMaxThreadCount(std::stoul(option.substr(14)));

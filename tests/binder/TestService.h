@@ -44,6 +44,7 @@ class TestService : public android::BBinder {
                                  uint32_t flags) override;
 
   private:
+    android::sp<android::IBinder> held();
     android::status_t recordSequence(int32_t value);
     android::status_t reportSequence(int32_t expected, android::Parcel* reply);
     android::status_t barrier(int32_t parties, android::Parcel* reply);

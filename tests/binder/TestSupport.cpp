@@ -4,12 +4,14 @@
 #include <binder/ProcessState.h>
 #include <dirent.h>
 #include <stdlib.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <fstream>
 #include <map>
 #include <mutex>
-#include <thread>
+
+#include "TestService.h"
 
 using android::IBinder;
 using android::NO_ERROR;
@@ -28,17 +30,6 @@ std::mutex gRegistryLock;
 std::map<std::string, sp<IBinder>>& registryEntries() {
     static auto* entries = new std::map<std::string, sp<IBinder>>;
     return *entries;
-}
-
-size_t countEntries(const std::string& path) {
-    DIR* dir = opendir(path.c_str());
-    if (dir == nullptr) return 0;
-    size_t count = 0;
-    while (dirent* entry = readdir(dir)) {
-        if (entry->d_name[0] != '.') ++count;
-    }
-    closedir(dir);
-    return count;
 }
 
 }  // namespace
@@ -102,17 +93,12 @@ sp<IBinder> lookup(const std::string& name, std::chrono::milliseconds timeout) {
     return found;
 }
 
-bool waitUntil(const std::function<bool()>& condition, std::chrono::milliseconds timeout) {
-    const auto deadline = std::chrono::steady_clock::now() + timeout;
-    while (!condition()) {
-        if (std::chrono::steady_clock::now() >= deadline) return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
-    return true;
+int currentTid() {
+    return static_cast<int>(syscall(SYS_gettid));
 }
 
 size_t countOpenFds(pid_t pid) {
-    return countEntries("/proc/" + std::to_string(pid) + "/fd");
+    return tvproc::countEntries("/proc/" + std::to_string(pid) + "/fd");
 }
 
 size_t countPoolThreads(pid_t pid) {
@@ -141,6 +127,24 @@ int32_t callInt(const sp<IBinder>& binder, uint32_t code, int32_t argument, stat
     Parcel reply;
     data.writeInt32(argument);
     status_t result = binder->transact(code, data, &reply);
+    if (status != nullptr) *status = result;
+    return reply.readInt32();
+}
+
+status_t sendObject(const sp<IBinder>& service, uint32_t code, const sp<IBinder>& object,
+                    uint32_t flags) {
+    Parcel data;
+    Parcel reply;
+    if (object != nullptr) data.writeStrongBinder(object);
+    return service->transact(code, data, &reply, flags);
+}
+
+int32_t heldCall(const sp<IBinder>& service, uint32_t code, int32_t argument, status_t* status) {
+    Parcel data;
+    Parcel reply;
+    data.writeUint32(code);
+    data.writeInt32(argument);
+    status_t result = service->transact(TestService::HELD_CALL, data, &reply);
     if (status != nullptr) *status = result;
     return reply.readInt32();
 }

@@ -8,6 +8,8 @@
 #include <functional>
 #include <string>
 
+#include "ProcSupport.h"
+
 namespace tvtest {
 
 // The test program's own registry of named objects: the test process serves
@@ -30,9 +32,12 @@ android::sp<android::IBinder> lookup(const std::string& name,
                                      std::chrono::milliseconds timeout = std::chrono::seconds(20));
 
 // Polls `condition` until it holds or `timeout` passes.
-bool waitUntil(const std::function<bool()>& condition,
-               std::chrono::milliseconds timeout = std::chrono::seconds(20));
+inline bool waitUntil(const std::function<bool()>& condition,
+                      std::chrono::milliseconds timeout = std::chrono::seconds(20)) {
+    return tvproc::waitUntil(condition, timeout);
+}
 
+int currentTid();
 size_t countOpenFds(pid_t pid);
 // Threads of the transport's pool (named "tvbinder:<n>").
 size_t countPoolThreads(pid_t pid);
@@ -43,5 +48,14 @@ std::string uniqueName(const std::string& base);
 // Calls with one int32 argument and an int32 result; status in *status.
 int32_t callInt(const android::sp<android::IBinder>& binder, uint32_t code, int32_t argument,
                 android::status_t* status = nullptr);
+
+// Sends `object` (none when null) under `code`.
+android::status_t sendObject(const android::sp<android::IBinder>& service, uint32_t code,
+                             const android::sp<android::IBinder>& object = nullptr,
+                             uint32_t flags = 0);
+// Has a TestService make call `code` with `argument` on the object it holds;
+// the first int32 of that reply, status in *status.
+int32_t heldCall(const android::sp<android::IBinder>& service, uint32_t code, int32_t argument,
+                 android::status_t* status = nullptr);
 
 }  // namespace tvtest

@@ -5,7 +5,6 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -27,14 +26,12 @@ using android::status_t;
 using android::String16;
 using android::UNKNOWN_TRANSACTION;
 using tvtest::callInt;
+using tvtest::currentTid;
+using tvtest::sendObject;
 using tvtest::ServedChild;
 using tvtest::TestService;
 
 namespace {
-
-int currentTid() {
-    return static_cast<int>(syscall(SYS_gettid));
-}
 
 // A local object that answers ECHO and notes who ran it and for whom.
 class Recorder : public BBinder {
@@ -101,17 +98,17 @@ TEST(BinderObjects, OneProxyPerObjectAndTheOwnerGetsItsOwnObjectBack) {
     EXPECT_EQ(child.binder().get(), tvtest::lookup(child.name()).get());
 
     sp<Recorder> local = new Recorder();
+    ASSERT_EQ(NO_ERROR, sendObject(child.binder(), TestService::HOLD, local));
     Parcel data;
     Parcel reply;
     data.writeStrongBinder(local);
-    ASSERT_EQ(NO_ERROR, child.binder()->transact(TestService::HOLD, data, &reply));
     // Sent again, it arrives as the very proxy the child already holds.
     EXPECT_EQ(NO_ERROR, child.binder()->transact(TestService::SAME_AS_HELD, data, &reply));
     EXPECT_EQ(1, reply.readInt32());
 
     Parcel none;
     ASSERT_EQ(NO_ERROR, child.binder()->transact(TestService::GET_HELD, none, &reply));
-    sp<IBinder> back = reply.readStrongBinder();
+    const sp<IBinder> back = reply.readStrongBinder();
     EXPECT_EQ(static_cast<IBinder*>(local.get()), back.get());
 }
 
@@ -120,24 +117,19 @@ TEST(BinderObjects, APassedProxyTalksToItsOwnerDirectly) {
     ServedChild user;
     ASSERT_TRUE(owner.ready());
     ASSERT_TRUE(user.ready());
-    Parcel data;
-    Parcel reply;
-    data.writeStrongBinder(owner.binder());
-    ASSERT_EQ(NO_ERROR, user.binder()->transact(TestService::HOLD, data, &reply));
-
-    Parcel call;
-    call.writeUint32(TestService::GET_CALLER);
-    call.writeInt32(0);
-    ASSERT_EQ(NO_ERROR, user.binder()->transact(TestService::HELD_CALL, call, &reply));
-    EXPECT_EQ(user.pid(), reply.readInt32());
+    ASSERT_EQ(NO_ERROR, sendObject(user.binder(), TestService::HOLD, owner.binder()));
+    EXPECT_EQ(user.pid(), tvtest::heldCall(user.binder(), TestService::GET_CALLER, 0));
 
     Parcel echo;
+    Parcel reply;
     echo.writeStrongBinder(owner.binder());
     echo.writeInt32(31);
     ASSERT_EQ(NO_ERROR, user.binder()->transact(TestService::CALL_OBJECT, echo, &reply));
     EXPECT_EQ(31, reply.readInt32());
 }
 
+// Nested calls: the call back runs on the thread waiting for its reply, and
+// the caller's identity is the right one at every level.
 TEST(CallerIdentity, IsTheKernelsViewOfTheCallerAndRestoredAfterNestedCalls) {
     ServedChild child;
     ASSERT_TRUE(child.ready());
@@ -151,29 +143,17 @@ TEST(CallerIdentity, IsTheKernelsViewOfTheCallerAndRestoredAfterNestedCalls) {
     EXPECT_EQ(static_cast<int32_t>(getuid()), reply.readInt32());
 
     sp<Recorder> recorder = new Recorder();
-    Parcel callBack;
-    callBack.writeStrongBinder(recorder);
-    callBack.writeInt32(5);
-    ASSERT_EQ(NO_ERROR, child.binder()->transact(TestService::CALL_BACK, callBack, &reply));
-    EXPECT_EQ(5, reply.readInt32());
-    EXPECT_EQ(getpid(), reply.readInt32());  // the child's caller again after its nested call
-    EXPECT_EQ(child.pid(), recorder->lastCallingPid.load());
-    EXPECT_EQ(getpid(), IPCThreadState::self()->getCallingPid());
-}
-
-TEST(NestedCalls, ACallBackDuringACallRunsOnTheWaitingThread) {
-    ServedChild child;
-    ASSERT_TRUE(child.ready());
-    sp<Recorder> recorder = new Recorder();
     for (int round = 0; round < 3; ++round) {
-        Parcel data;
-        Parcel reply;
-        data.writeStrongBinder(recorder);
-        data.writeInt32(round);
-        ASSERT_EQ(NO_ERROR, child.binder()->transact(TestService::CALL_BACK, data, &reply));
+        Parcel callBack;
+        callBack.writeStrongBinder(recorder);
+        callBack.writeInt32(round);
+        ASSERT_EQ(NO_ERROR, child.binder()->transact(TestService::CALL_BACK, callBack, &reply));
         EXPECT_EQ(round, reply.readInt32());
+        EXPECT_EQ(getpid(), reply.readInt32());  // the child's caller again after its nested call
+        EXPECT_EQ(child.pid(), recorder->lastCallingPid.load());
         EXPECT_EQ(currentTid(), recorder->lastTid.load());
     }
+    EXPECT_EQ(getpid(), IPCThreadState::self()->getCallingPid());
 }
 
 TEST(OneWayCalls, RunOneAtATimeInTheOrderSent) {
@@ -198,9 +178,8 @@ TEST(OneWayCalls, RunOneAtATimeInTheOrderSent) {
 TEST(OneWayCalls, AFloodToASlowReceiverIsRefusedAndTheReceiverRecovers) {
     ServedChild child;
     ASSERT_TRUE(child.ready());
-    Parcel block;
     ASSERT_EQ(NO_ERROR,
-              child.binder()->transact(TestService::BLOCK, block, nullptr, IBinder::FLAG_ONEWAY));
+              sendObject(child.binder(), TestService::BLOCK, nullptr, IBinder::FLAG_ONEWAY));
     std::vector<uint8_t> payload(16 * 1024);
     status_t status = NO_ERROR;
     int sent = 0;

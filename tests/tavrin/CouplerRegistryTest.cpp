@@ -94,10 +94,18 @@ TEST(CouplerRegistry, FirstRegistrationWinsAndNamesMatchExactly) {
     EXPECT_EQ(tavrin::findAnnouncerFactory(""), nullptr);
 }
 
-LogLine trace(const char* operation, const char* direction) {
+// The lines of two facade calls that found no coupler: each one's error
+// between its entry and exit traces.
+std::vector<LogLine> failedCalls(const char* operation, const std::string& firstError,
+                                 const std::string& secondError) {
     const std::string facade = operation == std::string("bindTo") ? "Discoverer" : "Announcer";
-    return {ANDROID_LOG_VERBOSE, "[Tavrin]",
-            "[" + facade + "][" + operation + "] [" + direction + "]\n"};
+    const LogLine in{ANDROID_LOG_VERBOSE, "[Tavrin]",
+                     "[" + facade + "][" + operation + "] [-IN-]\n"};
+    const LogLine out{ANDROID_LOG_VERBOSE, "[Tavrin]",
+                      "[" + facade + "][" + operation + "] [-OUT-]\n"};
+    const std::string tag = "[Tavrin][" + facade + "]";
+    return {in, {ANDROID_LOG_ERROR, tag, firstError},  out,
+            in, {ANDROID_LOG_ERROR, tag, secondError}, out};
 }
 
 class Facades : public testing::Test {
@@ -121,16 +129,11 @@ TEST_F(Facades, BindWithUnknownIpcFailsWithErrorThenExitTrace) {
     EXPECT_EQ(client.useCount(), 1);
     SubServiceInfo subInfo("tuner", "media.player", "");
     EXPECT_TRUE(Discoverer::self().bindTo(subInfo, protocol, 500, 3).isNull());
-    EXPECT_THAT(log.lines(),
-                ElementsAre(trace("bindTo", "-IN-"),
-                            LogLine{ANDROID_LOG_ERROR, "[Tavrin][Discoverer]",
-                                    "bind service fail,cann't find coupler,ipc[binder] "
-                                    "service[media.player]"},
-                            trace("bindTo", "-OUT-"), trace("bindTo", "-IN-"),
-                            LogLine{ANDROID_LOG_ERROR, "[Tavrin][Discoverer]",
-                                    "bind subservice fail,cann't find coupler,ipc[] "
-                                    "subservice[tuner] service[media.player]"},
-                            trace("bindTo", "-OUT-")));
+    EXPECT_EQ(log.lines(),
+              failedCalls("bindTo",
+                          "bind service fail,cann't find coupler,ipc[binder] service[media.player]",
+                          "bind subservice fail,cann't find coupler,ipc[] subservice[tuner] "
+                          "service[media.player]"));
 }
 
 TEST_F(Facades, PublishWithUnknownIpcLogsErrorAndStillReturnsZero) {
@@ -140,15 +143,10 @@ TEST_F(Facades, PublishWithUnknownIpcLogsErrorAndStillReturnsZero) {
     SubServiceInfo subInfo("tuner", "media.player", "");
     tv_sp<ISubService> subService;
     EXPECT_EQ(Announcer::self().publish(subInfo, protocol, protocol, subService), 0);
-    EXPECT_THAT(log.lines(),
-                ElementsAre(trace("publish", "-IN-"),
-                            LogLine{ANDROID_LOG_ERROR, "[Tavrin][Announcer]",
-                                    "publish fail,cann't find coupler,ipc[binder] "
-                                    "service[media.player]"},
-                            trace("publish", "-OUT-"), trace("publish", "-IN-"),
-                            LogLine{ANDROID_LOG_ERROR, "[Tavrin][Announcer]",
-                                    "publish fail,cann't find coupler,ipc[] service[tuner]"},
-                            trace("publish", "-OUT-")));
+    EXPECT_EQ(
+        log.lines(),
+        failedCalls("publish", "publish fail,cann't find coupler,ipc[binder] service[media.player]",
+                    "publish fail,cann't find coupler,ipc[] service[tuner]"));
 }
 
 TEST_F(Facades, ForwardTheCallersArgumentsAndDropTheirCouplerReference) {

@@ -38,22 +38,7 @@ T* as(IPCClass* value) {
     return dynamic_cast<T*>(value);
 }
 
-TEST(UniversalSerialization, ValueTravelsAsClassNameThenBody) {
-    Foo foo;
-    foo.number.set(7);
-    android::Parcel parcel;
-    UniversalSerialization::writeValue(foo, parcel);
-    EXPECT_EQ(bytesOf(parcel), concat({{'F', 'o', 'o', 0}, words({7})}));
-
-    Protocol protocol;
-    protocol.add<Foo>("Foo");
-    parcel.setDataPosition(0);
-    std::unique_ptr<IPCClass> back(UniversalSerialization::readValue(protocol, parcel));
-    ASSERT_NE(as<Foo>(back.get()), nullptr);
-    EXPECT_EQ(as<Foo>(back.get())->number.get(), 7);
-}
-
-TEST(UniversalSerialization, SuccessiveValuesReadBackInOrder) {
+TEST(UniversalSerialization, ValuesTravelAsClassNameThenBodyAndReadBackInOrder) {
     Foo first;
     first.number.set(-3);
     Foo second;
@@ -61,6 +46,8 @@ TEST(UniversalSerialization, SuccessiveValuesReadBackInOrder) {
     android::Parcel parcel;
     UniversalSerialization::writeValue(first, parcel);
     UniversalSerialization::writeValue(second, parcel);
+    EXPECT_EQ(bytesOf(parcel),
+              concat({{'F', 'o', 'o', 0}, words({-3}), {'F', 'o', 'o', 0}, words({12})}));
 
     Protocol protocol;
     protocol.add<Foo>("Foo");
@@ -73,16 +60,24 @@ TEST(UniversalSerialization, SuccessiveValuesReadBackInOrder) {
     EXPECT_EQ(UniversalSerialization::readValue(protocol, parcel), nullptr);
 }
 
-TEST(UniversalSerialization, UnknownClassNameIsWarnedAndYieldsNothing) {
-    android::Parcel parcel;
-    fill(parcel, concat({{'F', 'o', 'o', 0}, words({7})}));
-    Protocol protocol;
-    protocol.add<Foo>("foo");
-    LogCapture log;
-    EXPECT_EQ(UniversalSerialization::readValue(protocol, parcel), nullptr);
-    EXPECT_THAT(log.lines(),
-                ElementsAre(LogLine{ANDROID_LOG_WARN, "[Tavrin][UniversalSerialization]",
-                                    "deserialization ipcclass fail,class name[Foo]"}));
+TEST(UniversalSerialization, UnknownClassOrFailedCreatorIsWarnedAndYieldsNothing) {
+    const Bytes message = concat({{'F', 'o', 'o', 0}, words({7})});
+    Protocol wrongCase;
+    wrongCase.add<Foo>("foo");
+    Protocol failing;
+    failing.addCreator("Foo", []() -> void* { return nullptr; });
+    const std::pair<Protocol*, const char*> cases[] = {
+        {&wrongCase, "deserialization ipcclass fail,class name[Foo]"},
+        {&failing, "creator returned nothing,class name[Foo]"},
+    };
+    for (const auto& [protocol, warning] : cases) {
+        android::Parcel parcel;
+        fill(parcel, message);
+        LogCapture log;
+        EXPECT_EQ(UniversalSerialization::readValue(*protocol, parcel), nullptr);
+        EXPECT_THAT(log.lines(), ElementsAre(LogLine{ANDROID_LOG_WARN,
+                                                     "[Tavrin][UniversalSerialization]", warning}));
+    }
 }
 
 TEST(UniversalSerialization, MessageWithoutClassNameYieldsNothingSilently) {
@@ -95,18 +90,6 @@ TEST(UniversalSerialization, MessageWithoutClassNameYieldsNothingSilently) {
     fill(unterminated, {'F', 'o', 'o', 'x'});
     EXPECT_EQ(UniversalSerialization::readValue(protocol, unterminated), nullptr);
     EXPECT_THAT(log.lines(), ElementsAre());
-}
-
-TEST(UniversalSerialization, CreatorReturningNothingIsWarned) {
-    android::Parcel parcel;
-    fill(parcel, concat({{'F', 'o', 'o', 0}, words({7})}));
-    Protocol protocol;
-    protocol.addCreator("Foo", []() -> void* { return nullptr; });
-    LogCapture log;
-    EXPECT_EQ(UniversalSerialization::readValue(protocol, parcel), nullptr);
-    ASSERT_EQ(log.lines().size(), 1u);
-    EXPECT_EQ(log.lines()[0].priority, ANDROID_LOG_WARN);
-    EXPECT_EQ(log.lines()[0].tag, "[Tavrin][UniversalSerialization]");
 }
 
 TEST(UniversalSerialization, ClientRecordIsThreeWordsPidTagObjID) {

@@ -159,6 +159,11 @@ TEST(ArrayValues, HaveTheirWireLayoutsAndRoundTrip) {
     byteArray.init(bytes, 5);
     expectWire(byteArray, concat({words({5}), {1, 2, 3, 4, 5, 0, 0, 0}}), byteBack);
     EXPECT_EQ(Bytes(byteBack.base(), byteBack.base() + 5), Bytes(bytes, bytes + 5));
+
+    // An index past the end refers to the first element.
+    EXPECT_EQ(&intArray[3], &intArray[0]);
+    EXPECT_EQ(&intArray[7], &intArray[0]);
+    EXPECT_EQ(&intArray[2], intArray.base() + 2);
 }
 
 TEST(ArrayValues, CountsOfZeroOrLessCarryNoBody) {
@@ -171,15 +176,6 @@ TEST(ArrayValues, CountsOfZeroOrLessCarryNoBody) {
     EXPECT_EQ(negative.size(), -5);
     EXPECT_EQ(negative.base(), nullptr);
     EXPECT_EQ(serialised(negative), words({-5}));
-}
-
-TEST(ArrayValues, IndexPastTheEndRefersToTheFirstElement) {
-    const int ints[] = {10, 20, 30};
-    tavrin::IPCIntArray array;
-    array.init(ints, 3);
-    EXPECT_EQ(&array[3], &array[0]);
-    EXPECT_EQ(&array[7], &array[0]);
-    EXPECT_EQ(&array[2], array.base() + 2);
 }
 
 // Leaks here show under the address sanitizer.
@@ -225,9 +221,8 @@ TEST(HostileArrayCounts, AreRefusedBeforeAnythingIsAllocated) {
     expectRefusedCount<tavrin::IPCUCharArray>(words({INT32_MAX, 0}), "IPCUCharArray", "left");
     expectRefusedCount<tavrin::IPCBoolArray>(words({3, 1, 1}), "IPCBoolArray", "left");
     expectRefusedCount<tavrin::IPCBoolArray>(words({INT32_MAX, 1}), "IPCBoolArray", "left");
-}
 
-TEST(HostileArrayCounts, ExactFitIsAccepted) {
+    // An exact fit is accepted.
     tavrin::IPCUCharArray bytes;
     EXPECT_EQ(readFrom(concat({words({5}), {1, 2, 3, 4, 5, 0, 0, 0}}), bytes), 12u);
     EXPECT_EQ(bytes.size(), 5);

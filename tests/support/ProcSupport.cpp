@@ -1,0 +1,125 @@
+#include "ProcSupport.h"
+
+#include <dirent.h>
+#include <errno.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <thread>
+
+namespace tvproc {
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+// Waits for `fd` to become readable before `deadline`.
+bool readableBefore(int fd, Clock::time_point deadline) {
+    for (;;) {
+        const auto left =
+            std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
+        pollfd waiter{fd, POLLIN, 0};
+        const int ready = poll(&waiter, 1, static_cast<int>(std::max<int64_t>(0, left.count())));
+        if (ready < 0 && errno == EINTR) continue;
+        return ready > 0;
+    }
+}
+
+ssize_t readRetrying(int fd, void* data, size_t size) {
+    ssize_t got;
+    do {
+        got = read(fd, data, size);
+    } while (got < 0 && errno == EINTR);
+    return got;
+}
+
+}  // namespace
+
+bool waitUntil(const std::function<bool()>& condition, std::chrono::milliseconds timeout) {
+    const auto deadline = Clock::now() + timeout;
+    while (!condition()) {
+        if (Clock::now() >= deadline) return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
+    return true;
+}
+
+int waitForExit(pid_t pid, std::chrono::milliseconds timeout) {
+    int status = -1;
+    const bool exited = waitUntil([&] { return waitpid(pid, &status, WNOHANG) == pid; }, timeout);
+    return exited ? status : -1;
+}
+
+void killAndReap(pid_t pid) {
+    kill(pid, SIGKILL);
+    while (waitpid(pid, nullptr, 0) < 0 && errno == EINTR) {
+    }
+}
+
+bool writeFully(int fd, const void* data, size_t size) {
+    const char* bytes = static_cast<const char*>(data);
+    while (size > 0) {
+        const ssize_t written = write(fd, bytes, size);
+        if (written < 0 && errno == EINTR) continue;
+        if (written <= 0) return false;
+        bytes += written;
+        size -= static_cast<size_t>(written);
+    }
+    return true;
+}
+
+bool readFully(int fd, void* data, size_t size) {
+    char* bytes = static_cast<char*>(data);
+    while (size > 0) {
+        const ssize_t got = readRetrying(fd, bytes, size);
+        if (got <= 0) return false;
+        bytes += got;
+        size -= static_cast<size_t>(got);
+    }
+    return true;
+}
+
+bool readFullyWithin(int fd, void* data, size_t size, std::chrono::milliseconds timeout) {
+    const auto deadline = Clock::now() + timeout;
+    char* bytes = static_cast<char*>(data);
+    while (size > 0) {
+        if (!readableBefore(fd, deadline)) return false;
+        const ssize_t got = readRetrying(fd, bytes, size);
+        if (got <= 0) return false;
+        bytes += got;
+        size -= static_cast<size_t>(got);
+    }
+    return true;
+}
+
+bool readSomeWithin(int fd, std::string* pending, std::chrono::milliseconds timeout) {
+    if (!readableBefore(fd, Clock::now() + timeout)) return false;
+    char buffer[256];
+    const ssize_t got = readRetrying(fd, buffer, sizeof buffer);
+    if (got <= 0) return false;
+    pending->append(buffer, static_cast<size_t>(got));
+    return true;
+}
+
+std::string besideThisProgram(const std::string& name) {
+    char self[4096];
+    const ssize_t length = readlink("/proc/self/exe", self, sizeof self - 1);
+    const std::string program(self, length > 0 ? static_cast<size_t>(length) : 0);
+    return program.substr(0, program.rfind('/') + 1) + name;
+}
+
+size_t countEntries(const std::string& directory) {
+    DIR* dir = opendir(directory.c_str());
+    if (dir == nullptr) return 0;
+    size_t count = 0;
+    while (const dirent* entry = readdir(dir)) {
+        if (entry->d_name[0] != '.') ++count;
+    }
+    closedir(dir);
+    return count;
+}
+
+}  // namespace tvproc

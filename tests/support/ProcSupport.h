@@ -1,0 +1,36 @@
+#pragma once
+
+#include <stddef.h>
+#include <sys/types.h>
+
+#include <chrono>
+#include <functional>
+#include <string>
+
+// Process and descriptor helpers shared by the tests and the benchmark: every
+// wait is bounded, and a child that overstays is killed and reaped.
+namespace tvproc {
+
+// Polls `condition` until it holds or `timeout` passes.
+bool waitUntil(const std::function<bool()>& condition, std::chrono::milliseconds timeout);
+
+// The exit status of `pid` (as from waitpid), or -1 if it is still running
+// after `timeout`.
+int waitForExit(pid_t pid, std::chrono::milliseconds timeout);
+void killAndReap(pid_t pid);
+
+// Exact-size transfers; false on end of file or error.
+bool writeFully(int fd, const void* data, size_t size);
+bool readFully(int fd, void* data, size_t size);
+// Like readFully, but also false when the bytes do not arrive within `timeout`.
+bool readFullyWithin(int fd, void* data, size_t size, std::chrono::milliseconds timeout);
+// Appends what one read brings to `pending`; false on timeout, end of file or error.
+bool readSomeWithin(int fd, std::string* pending, std::chrono::milliseconds timeout);
+
+// The path of `name` in the directory of the running program.
+std::string besideThisProgram(const std::string& name);
+
+// Entries of a directory such as /proc/<pid>/fd, without "." and "..".
+size_t countEntries(const std::string& directory);
+
+}  // namespace tvproc
