@@ -1,5 +1,6 @@
 #include "EchoService.h"
 
+#include <algorithm>
 #include <chrono>
 #include <thread>
 
@@ -18,8 +19,10 @@ status_t EchoService::onTransact(uint32_t code, const Parcel& data, Parcel* repl
             return echo(data, reply);
         case COUNT: {
             std::lock_guard<std::mutex> lock(mLock);
-            ++mCount;
-            mCounted.notify_all();
+            if (++mCount >= mNextTarget) {
+                mNextTarget = INT64_MAX;
+                mCounted.notify_all();
+            }
             return NO_ERROR;
         }
         case AWAIT_COUNT:
@@ -41,6 +44,11 @@ status_t EchoService::awaitCount(const Parcel& data, Parcel* reply) {
     int64_t target = 0;
     if (reply == nullptr || data.readInt64(&target) != NO_ERROR) return android::BAD_VALUE;
     std::unique_lock<std::mutex> lock(mLock);
-    mCounted.wait_for(lock, kLongestCountWait, [&] { return mCount >= target; });
+    const auto deadline = std::chrono::steady_clock::now() + kLongestCountWait;
+    while (mCount < target) {
+        // Every waiter that is still short sets its target again after a wake-up.
+        mNextTarget = std::min(mNextTarget, target);
+        if (mCounted.wait_until(lock, deadline) == std::cv_status::timeout) break;
+    }
     return reply->writeInt64(mCount);
 }

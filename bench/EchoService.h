@@ -32,4 +32,8 @@ class EchoService : public android::BBinder {
     std::mutex mLock;
     std::condition_variable mCounted;
     int64_t mCount = 0;
+    // The lowest count a waiter waits for: COUNT wakes waiters only when it
+    // is reached, not once per message, like the raw receiver that answers
+    // once per batch.
+    int64_t mNextTarget = INT64_MAX;
 };

@@ -17,6 +17,9 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <memory>
+
 #include "FlatObject.h"
 #include "Peer.h"
 
@@ -79,9 +82,32 @@ bool preadAll(int fd, void* buffer, size_t size, off_t offset) {
     return true;
 }
 
-uint8_t* receiveBuffer() {
-    thread_local uint8_t buffer[kMaxInlineFrame];
-    return buffer;
+constexpr size_t kControlSize = CMSG_SPACE(sizeof(int) * kMaxFdsPerFrame);
+
+// Where a thread receives: room for a batch of the largest inline frames.
+// Taken from the heap on first use; pages that no frame reaches stay
+// untouched.
+struct ReceiveArea {
+    uint8_t data[kReceiveBatch][kMaxInlineFrame];
+    alignas(cmsghdr) char control[kReceiveBatch][kControlSize];
+    mmsghdr messages[kReceiveBatch];
+    iovec parts[kReceiveBatch];
+};
+
+ReceiveArea& receiveArea() {
+    thread_local std::unique_ptr<ReceiveArea> area;
+    if (area == nullptr) area.reset(new ReceiveArea);  // left uninitialised: not touched
+    return *area;
+}
+
+void prepareSlot(ReceiveArea& area, size_t slot) {
+    area.parts[slot] = {area.data[slot], kMaxInlineFrame};
+    msghdr& message = area.messages[slot].msg_hdr;
+    message = msghdr{};
+    message.msg_iov = &area.parts[slot];
+    message.msg_iovlen = 1;
+    message.msg_control = area.control[slot];
+    message.msg_controllen = kControlSize;
 }
 
 }  // namespace
@@ -198,7 +224,7 @@ status_t Connection::send(const OutgoingFrame& frame) {
         memcpy(CMSG_DATA(cmsg), fds, sizeof(int) * fdCount);
     }
 
-    const int64_t deadline = nowMs() + kSendTimeoutMs;
+    int64_t deadline = 0;  // set when the socket is first found full
     for (;;) {
         ssize_t n = sendmsg(mFd.get(), &message, MSG_DONTWAIT | MSG_NOSIGNAL);
         if (n >= 0) return NO_ERROR;
@@ -208,6 +234,7 @@ status_t Connection::send(const OutgoingFrame& frame) {
             ALOGW("sendmsg failed: %s", strerror(errno));
             return FAILED_TRANSACTION;
         }
+        if (deadline == 0) deadline = nowMs() + kSendTimeoutMs;
         int64_t left = deadline - nowMs();
         pollfd waiter{mFd.get(), POLLOUT, 0};
         if (left <= 0 || poll(&waiter, 1, static_cast<int>(left)) == 0) {
@@ -218,21 +245,42 @@ status_t Connection::send(const OutgoingFrame& frame) {
 }
 
 status_t Connection::receive(Frame* out, bool block) {
-    uint8_t* buffer = receiveBuffer();
-    iovec part{buffer, kMaxInlineFrame};
-    alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int) * kMaxFdsPerFrame)];
-    msghdr message{};
-    message.msg_iov = &part;
-    message.msg_iovlen = 1;
-    message.msg_control = control;
-    message.msg_controllen = sizeof(control);
+    ReceiveArea& area = receiveArea();
+    prepareSlot(area, 0);
     ssize_t n;
     do {
-        n = recvmsg(mFd.get(), &message, MSG_CMSG_CLOEXEC | (block ? 0 : MSG_DONTWAIT));
+        n = recvmsg(mFd.get(), &area.messages[0].msg_hdr,
+                    MSG_CMSG_CLOEXEC | (block ? 0 : MSG_DONTWAIT));
     } while (n < 0 && errno == EINTR);
+    if (n < 0) return errno == EAGAIN ? WOULD_BLOCK : DEAD_OBJECT;
+    return parse(area.messages[0].msg_hdr, size_t(n), area.data[0], out);
+}
 
-    for (cmsghdr* cmsg = CMSG_FIRSTHDR(&message); n >= 0 && cmsg != nullptr;
-         cmsg = CMSG_NXTHDR(&message, cmsg)) {
+size_t Connection::receiveWaiting(Frame* out, status_t* statuses, size_t max) {
+    ReceiveArea& area = receiveArea();
+    max = std::min(max, kReceiveBatch);
+    for (size_t slot = 0; slot < max; ++slot) prepareSlot(area, slot);
+    int n;
+    do {
+        n = recvmmsg(mFd.get(), area.messages, static_cast<unsigned>(max),
+                     MSG_CMSG_CLOEXEC | MSG_DONTWAIT, nullptr);
+    } while (n < 0 && errno == EINTR);
+    if (n < 0) {
+        statuses[0] = errno == EAGAIN ? WOULD_BLOCK : DEAD_OBJECT;
+        return errno == EAGAIN ? 0 : 1;
+    }
+    // Every message is parsed, even after a bad one, so that each one's
+    // descriptors are owned (and closed) by its frame.
+    for (int slot = 0; slot < n; ++slot) {
+        statuses[slot] = parse(area.messages[slot].msg_hdr, area.messages[slot].msg_len,
+                               area.data[slot], &out[slot]);
+    }
+    return static_cast<size_t>(n);
+}
+
+status_t Connection::parse(const msghdr& message, size_t n, const uint8_t* buffer, Frame* out) {
+    for (cmsghdr* cmsg = CMSG_FIRSTHDR(&message); cmsg != nullptr;
+         cmsg = CMSG_NXTHDR(const_cast<msghdr*>(&message), cmsg)) {
         if (cmsg->cmsg_level != SOL_SOCKET || cmsg->cmsg_type != SCM_RIGHTS) continue;
         size_t count = (cmsg->cmsg_len - CMSG_LEN(0)) / sizeof(int);
         for (size_t i = 0; i < count; ++i) {
@@ -241,9 +289,8 @@ status_t Connection::receive(Frame* out, bool block) {
             out->fds.push_back(fd);
         }
     }
-    if (n < 0) return errno == EAGAIN ? WOULD_BLOCK : DEAD_OBJECT;
     if (n == 0) return DEAD_OBJECT;
-    if ((message.msg_flags & (MSG_TRUNC | MSG_CTRUNC)) != 0 || size_t(n) < sizeof(FrameHeader)) {
+    if ((message.msg_flags & (MSG_TRUNC | MSG_CTRUNC)) != 0 || n < sizeof(FrameHeader)) {
         return BAD_VALUE;
     }
     memcpy(&out->header, buffer, sizeof(FrameHeader));
@@ -253,14 +300,14 @@ status_t Connection::receive(Frame* out, bool block) {
         return BAD_VALUE;
     }
     if ((header.layout & kLayoutBodyInMemfd) != 0) {
-        if (size_t(n) != sizeof(FrameHeader) || out->fds.empty()) return BAD_VALUE;
+        if (n != sizeof(FrameHeader) || out->fds.empty()) return BAD_VALUE;
         int raw = out->fds.front();
         out->fds.erase(out->fds.begin());
         status_t status = readMemfdBody(raw, out);
         ::close(raw);
         return status;
     }
-    if (size_t(n) != sizeof(FrameHeader) + frameBodySize(header)) return BAD_VALUE;
+    if (n != sizeof(FrameHeader) + frameBodySize(header)) return BAD_VALUE;
     out->data = static_cast<uint8_t*>(malloc(header.dataSize > 0 ? header.dataSize : 1));
     if (out->data == nullptr) return NO_MEMORY;
     memcpy(out->data, buffer + sizeof(FrameHeader), header.dataSize);

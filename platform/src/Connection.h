@@ -1,6 +1,7 @@
 #pragma once
 
 #include <stdint.h>
+#include <sys/socket.h>
 #include <sys/types.h>
 #include <utils/RefBase.h>
 
@@ -15,6 +16,9 @@ namespace android {
 namespace tvbinder {
 
 class Peer;
+
+// Frames a receiveWaiting() call takes at most.
+constexpr size_t kReceiveBatch = 16;
 
 // One SOCK_SEQPACKET connection between two processes. The initiator starts
 // transactions on it and reads their replies itself; the acceptor sends only
@@ -44,6 +48,11 @@ class Connection : public RefBase, public EventSource {
     // nothing is waiting and `block` is false, BAD_VALUE for a frame that is
     // malformed at the transport level (it is dropped with its descriptors).
     status_t receive(Frame* out, bool block);
+    // Receives, in one system call, up to `max` (at most kReceiveBatch)
+    // frames that are already waiting, without blocking. Returns how many
+    // entries of `out` and `statuses` were filled: each status is what
+    // receive() would have said for that frame; 0 when nothing is waiting.
+    size_t receiveWaiting(Frame* out, status_t* statuses, size_t max);
 
     // Set once the connection must not be used again.
     void markBroken() { mBroken.store(true, std::memory_order_release); }
@@ -69,6 +78,8 @@ class Connection : public RefBase, public EventSource {
   private:
     explicit Connection(int fd);
     ~Connection() override;
+    // Turns a received message of `n` bytes into a frame.
+    status_t parse(const msghdr& message, size_t n, const uint8_t* buffer, Frame* out);
     status_t readMemfdBody(int memfd, Frame* out);
 
     ScopedFd mFd;

@@ -8,6 +8,8 @@
 #include <poll.h>
 #include <string.h>
 
+#include <algorithm>
+
 #include "FlatObject.h"
 #include "Peer.h"
 #include "Runtime.h"
@@ -201,6 +203,10 @@ void Dispatcher::sendRelease(const sp<Peer>& owner, const Token& token, uint32_t
 // ---- Receiving ----
 
 void Dispatcher::onReadable(const sp<Connection>& connection) {
+    if (connection->isLink) {
+        handleOneWay(connection, nullptr);
+        return;
+    }
     for (;;) {
         Frame frame;
         status_t status = connection->receive(&frame, false);
@@ -228,7 +234,7 @@ void Dispatcher::onReadable(const sp<Connection>& connection) {
         switch (frame.kind()) {
             case FrameKind::kTransaction:
                 if ((frame.header.flags & IBinder::FLAG_ONEWAY) != 0) {
-                    handleOneWay(connection, frame);
+                    handleOneWay(connection, &frame);
                     return;
                 }
                 serveRequest(*connection, frame);
@@ -350,46 +356,81 @@ void Dispatcher::sendReply(Connection& connection, status_t status, const Parcel
     }
 }
 
-void Dispatcher::handleOneWay(const sp<Connection>& connection, Frame& first) {
-    std::vector<Runnable> runnable;
-    Admission admission = admitOneWay(connection, first, &runnable);
-    // Frames that already wait are taken in the same go: a burst of one-ways
-    // costs one wake-up and one re-arm, not one per frame. While everything
-    // read so far only queued behind running calls, a link is read on with a
-    // blocking receive (bounded by its timeout) as long as other pool threads
-    // are free for the rest of the work.
-    size_t taken = 1;
+void Dispatcher::handleOneWay(const sp<Connection>& connection, Frame* first) {
+    std::vector<OneWayRun> admitted;
+    std::vector<OneWayRun> runnable;
+    Admission admission = Admission::kAccepted;
+    size_t taken = 0;
+    if (first != nullptr) {
+        admission = admitOneWay(connection, *first, &admitted, &runnable);
+        taken = 1;
+    }
+    // Frames that already wait are taken in the same go, several per system
+    // call: a burst of one-ways costs one wake-up and one re-arm, not one per
+    // frame, and reaches the object table once per object, not once per
+    // frame. While everything read so far only queued behind running calls,
+    // a link is read on with a blocking receive (bounded by its timeout) as
+    // long as other pool threads are free for the rest of the work.
+    bool drained = false;
     while (admission == Admission::kAccepted) {
-        const bool linger =
-            connection->isLink && runnable.empty() && mRuntime.pool().hasIdleThreads();
-        if (!linger && taken++ >= kOneWayBatch) break;
-        Frame next;
-        status_t status = connection->receive(&next, linger);
-        if (status == WOULD_BLOCK) break;
-        if (status == NO_ERROR) status = next.validate();
-        if (status != NO_ERROR) {
-            mRuntime.drop(connection);
-            admission = Admission::kDropped;
-        } else if (next.kind() == FrameKind::kTransaction &&
-                   (next.header.flags & IBinder::FLAG_ONEWAY) != 0) {
-            admission = admitOneWay(connection, next, &runnable);
-        } else if (next.kind() == FrameKind::kRelease) {
-            handleRelease(*connection, next);
-        } else if (next.kind() == FrameKind::kTransaction || next.kind() == FrameKind::kGrant) {
-            serveRequest(*connection, next);
+        Frame frames[kReceiveBatch];
+        status_t statuses[kReceiveBatch];
+        size_t count = 0;
+        if (drained || taken >= kOneWayBatch) {
+            handOver(&admitted, &runnable);
+            if (!connection->isLink || !runnable.empty() || !mRuntime.pool().hasIdleThreads()) {
+                break;
+            }
+            statuses[0] = connection->receive(&frames[0], true);
+            if (statuses[0] == WOULD_BLOCK) break;
+            count = 1;
+            taken = 0;
+            drained = false;
         } else {
-            ALOGW("unexpected frame of kind %u from pid %d", next.header.kind,
-                  connection->peerPid());
-            mRuntime.drop(connection);
-            admission = Admission::kDropped;
+            const size_t wanted = std::min(kReceiveBatch, kOneWayBatch - taken);
+            count = connection->receiveWaiting(frames, statuses, wanted);
+            drained = count < wanted;
+        }
+        taken += count;
+        for (size_t i = 0; i < count && admission == Admission::kAccepted; ++i) {
+            admission = takeLinkFrame(connection, frames[i], statuses[i], &admitted, &runnable);
         }
     }
+    handOver(&admitted, &runnable);
     if (admission == Admission::kAccepted) mRuntime.rearm(connection);
-    for (Runnable& call : runnable) runOneWays(std::move(call.call), call.token);
+    for (OneWayRun& run : runnable) runOneWays(std::move(run));
+}
+
+Dispatcher::Admission Dispatcher::takeLinkFrame(const sp<Connection>& connection, Frame& frame,
+                                                status_t status, std::vector<OneWayRun>* admitted,
+                                                std::vector<OneWayRun>* runnable) {
+    if (status == NO_ERROR) status = frame.validate();
+    if (status != NO_ERROR) {
+        if (status != DEAD_OBJECT) ALOGW("malformed frame from pid %d", connection->peerPid());
+        mRuntime.drop(connection);
+        return Admission::kDropped;
+    }
+    if (frame.kind() == FrameKind::kTransaction &&
+        (frame.header.flags & IBinder::FLAG_ONEWAY) != 0) {
+        return admitOneWay(connection, frame, admitted, runnable);
+    }
+    if (frame.kind() == FrameKind::kRelease) {
+        handleRelease(*connection, frame);
+    } else if (frame.kind() == FrameKind::kTransaction || frame.kind() == FrameKind::kGrant) {
+        // One-ways sent before it reach their objects first.
+        handOver(admitted, runnable);
+        serveRequest(*connection, frame);
+    } else {
+        ALOGW("unexpected frame of kind %u from pid %d", frame.header.kind, connection->peerPid());
+        mRuntime.drop(connection);
+        return Admission::kDropped;
+    }
+    return Admission::kAccepted;
 }
 
 Dispatcher::Admission Dispatcher::admitOneWay(const sp<Connection>& connection, Frame& frame,
-                                              std::vector<Runnable>* runnable) {
+                                              std::vector<OneWayRun>* admitted,
+                                              std::vector<OneWayRun>* runnable) {
     const Token token = frame.token();
     auto call = std::make_unique<PendingOneWay>();
     if (decodeParcel(frame, *connection, &call->data) != NO_ERROR) {
@@ -407,22 +448,31 @@ Dispatcher::Admission Dispatcher::admitOneWay(const sp<Connection>& connection, 
     call->flags = frame.header.flags;
     call->bytes = call->data.dataSize() + kOneWayOverhead;
     const size_t bytes = call->bytes;
-    // Counted before queueing: once queued, another thread may settle it.
+    // Counted before it is handed over: then another thread may settle it.
+    // Near a cap, what was read so far is handed over first, so that only
+    // calls that wait behind running ones are held against it.
     if (mQueuedBytes.fetch_add(bytes) + bytes > kProcessOneWayCap) {
         mQueuedBytes.fetch_sub(bytes);
-        ALOGW("one-way backlog of the process is full; dropping the connection of pid %d",
-              connection->peerPid());
-        mRuntime.drop(connection);
-        return Admission::kDropped;
+        handOver(admitted, runnable);
+        if (mQueuedBytes.fetch_add(bytes) + bytes > kProcessOneWayCap) {
+            mQueuedBytes.fetch_sub(bytes);
+            ALOGW("one-way backlog of the process is full; dropping the connection of pid %d",
+                  connection->peerPid());
+            mRuntime.drop(connection);
+            return Admission::kDropped;
+        }
     }
-    const size_t backlog = connection->queuedBytes.fetch_add(bytes) + bytes;
-    if (mRuntime.exports().beginOneWay(token, call)) {
-        connection->queuedBytes.fetch_sub(bytes);
-        mQueuedBytes.fetch_sub(bytes);
-        runnable->push_back(Runnable{std::move(call), token});
-        return Admission::kAccepted;
+    connection->queuedBytes.fetch_add(bytes);
+    auto run = std::find_if(admitted->begin(), admitted->end(),
+                            [&](const OneWayRun& candidate) { return candidate.token == token; });
+    if (run == admitted->end()) {
+        admitted->push_back(OneWayRun{token, {}});
+        run = admitted->end() - 1;
     }
-    if (backlog <= kOneWayBacklogCap) return Admission::kAccepted;
+    run->calls.push_back(std::move(call));
+    if (connection->queuedBytes.load() <= kOneWayBacklogCap) return Admission::kAccepted;
+    handOver(admitted, runnable);
+    if (connection->queuedBytes.load() <= kOneWayBacklogCap) return Admission::kAccepted;
     connection->parked.store(true);
     ALOGW("one-way backlog of pid %d is full; pausing its connection", connection->peerPid());
     // The queue may have drained meanwhile; whoever clears the flag re-arms.
@@ -434,12 +484,29 @@ Dispatcher::Admission Dispatcher::admitOneWay(const sp<Connection>& connection, 
     return Admission::kParked;
 }
 
-void Dispatcher::runOneWays(std::unique_ptr<PendingOneWay> call, const Token& token) {
-    while (call != nullptr) {
+void Dispatcher::handOver(std::vector<OneWayRun>* admitted, std::vector<OneWayRun>* runnable) {
+    for (OneWayRun& run : *admitted) {
+        if (mRuntime.exports().beginOneWays(run.token, run.calls)) {
+            // The first call runs now; the others wait behind it and stay counted.
+            settleBacklog(*run.calls.front());
+            runnable->push_back(std::move(run));
+        }
+    }
+    admitted->clear();
+}
+
+void Dispatcher::runOneWays(OneWayRun run) {
+    // The first was settled when it was handed over.
+    for (size_t i = 0; i < run.calls.size(); ++i) {
+        std::unique_ptr<PendingOneWay> call = std::move(run.calls[i]);
+        if (i > 0) settleBacklog(*call);
         Parcel ignored;
         execute(*call->from, *call->target, call->code, call->data, &ignored, call->flags);
-        call = mRuntime.exports().nextOneWay(token);
-        if (call != nullptr) settleBacklog(*call);
+    }
+    while (std::unique_ptr<PendingOneWay> call = mRuntime.exports().nextOneWay(run.token)) {
+        settleBacklog(*call);
+        Parcel ignored;
+        execute(*call->from, *call->target, call->code, call->data, &ignored, call->flags);
     }
 }
 

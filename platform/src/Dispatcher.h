@@ -42,9 +42,10 @@ class Dispatcher {
     // What became of a one-way taken off a connection: kAccepted (running or
     // queued; keep reading), kParked (backlog full), kDropped (connection gone).
     enum class Admission { kAccepted, kParked, kDropped };
-    struct Runnable {
-        std::unique_ptr<PendingOneWay> call;
+    // One-ways to one object, in the order sent.
+    struct OneWayRun {
         Token token;
+        std::vector<std::unique_ptr<PendingOneWay>> calls;
     };
 
     // The references granted for one outgoing frame, undone if it is not sent.
@@ -71,10 +72,21 @@ class Dispatcher {
     status_t handleHello(Connection& connection, const Frame& frame);
     // True when another frame arrived on `connection` within a short wait.
     bool lingerOn(const Connection& connection);
-    void handleOneWay(const sp<Connection>& connection, Frame& first);
+    // Reads a connection's waiting one-ways (after `first`, if given; a
+    // link is read here from its first frame) and runs those whose object
+    // is idle.
+    void handleOneWay(const sp<Connection>& connection, Frame* first);
+    // A frame that followed a one-way on its connection: admitted, run or
+    // refused.
+    Admission takeLinkFrame(const sp<Connection>& connection, Frame& frame, status_t status,
+                            std::vector<OneWayRun>* admitted, std::vector<OneWayRun>* runnable);
     Admission admitOneWay(const sp<Connection>& connection, Frame& frame,
-                          std::vector<Runnable>* runnable);
-    void runOneWays(std::unique_ptr<PendingOneWay> call, const Token& token);
+                          std::vector<OneWayRun>* admitted, std::vector<OneWayRun>* runnable);
+    // Hands the admitted calls to their objects: those whose object was idle
+    // move to `runnable` (the first no longer counted against the backlog),
+    // the others are queued behind the running call.
+    void handOver(std::vector<OneWayRun>* admitted, std::vector<OneWayRun>* runnable);
+    void runOneWays(OneWayRun run);
     void settleBacklog(const PendingOneWay& call);
     void handleRelease(Connection& connection, const Frame& frame);
     // Builds the received Parcel: descriptors and resolved objects.

@@ -108,7 +108,8 @@ sp<BBinder> ExportTable::contextObject() {
     return it == mEntries.end() ? nullptr : it->second.strong;
 }
 
-bool ExportTable::beginOneWay(const Token& token, std::unique_ptr<PendingOneWay>& call) {
+bool ExportTable::beginOneWays(const Token& token,
+                               std::vector<std::unique_ptr<PendingOneWay>>& calls) {
     std::lock_guard<std::mutex> guard(mLock);
     auto it = mEntries.find(token);
     if (it == mEntries.end()) return true;  // the caller holds the object: it cannot vanish
@@ -117,7 +118,8 @@ bool ExportTable::beginOneWay(const Token& token, std::unique_ptr<PendingOneWay>
         entry.oneWayBusy = true;
         return true;
     }
-    entry.oneWays.push_back(std::move(call));
+    for (auto& call : calls) entry.oneWays.push_back(std::move(call));
+    calls.clear();
     return false;
 }
 

@@ -43,9 +43,9 @@ class ExportTable {
     void setContextObject(const sp<BBinder>& object);
     sp<BBinder> contextObject();
 
-    // True when `call` may run now (its object is marked busy); otherwise the
-    // call was queued behind the object's running one-way.
-    bool beginOneWay(const Token& token, std::unique_ptr<PendingOneWay>& call);
+    // True when `calls` (in the order sent) may run now: the object is marked
+    // busy. Otherwise they were moved to the queue behind its running one-way.
+    bool beginOneWays(const Token& token, std::vector<std::unique_ptr<PendingOneWay>>& calls);
     // The next queued one-way of the object, or null (and the object no
     // longer busy).
     std::unique_ptr<PendingOneWay> nextOneWay(const Token& token);

@@ -29,6 +29,7 @@ using android::tvbinder::FlatObject;
 using android::tvbinder::FrameHeader;
 using android::tvbinder::FrameKind;
 using android::tvbinder::kFrameMagic;
+using android::tvbinder::kHelloLink;
 using android::tvbinder::kLayoutBodyInMemfd;
 using android::tvbinder::Runtime;
 using tvtest::ServedChild;
@@ -247,6 +248,38 @@ TEST_F(HostilePeers, MalformedFramesCloseTheConnection) {
 
     EXPECT_TRUE(hangsUpOn(RawConnection::makeHeader(FrameKind::kReply)));  // unsolicited
 
+    expectStillServing();
+}
+
+TEST_F(HostilePeers, AMalformedFrameAmongOneWaysClosesTheLinkAfterThoseSentBeforeIt) {
+    // Sent in one go, so that the child reads them in batches.
+    constexpr int32_t kCalls = 40;
+    RawConnection link(endpoint);
+    FrameHeader hello = RawConnection::makeHeader(FrameKind::kHello);
+    hello.argument = ownEndpoint();
+    hello.flags = kHelloLink;
+    link.sendFrame(hello);
+    for (int32_t i = 0; i < kCalls; ++i) {
+        FrameHeader call = transactionTo(child.binder(), TestService::SEQUENCE);
+        call.flags = IBinder::FLAG_ONEWAY;
+        call.dataSize = sizeof(i);
+        std::vector<uint8_t> body(sizeof(i));
+        memcpy(body.data(), &i, sizeof(i));
+        link.sendFrame(call, body);
+    }
+    FrameHeader badMagic = transactionTo(child.binder(), TestService::SEQUENCE);
+    badMagic.flags = IBinder::FLAG_ONEWAY;
+    badMagic.magic = 0xdeadbeef;
+    link.sendFrame(badMagic);
+    EXPECT_TRUE(link.closedByPeer());
+
+    android::Parcel data;
+    android::Parcel reply;
+    data.writeInt32(kCalls);
+    ASSERT_EQ(android::NO_ERROR,
+              child.binder()->transact(TestService::SEQUENCE_REPORT, data, &reply));
+    EXPECT_EQ(kCalls, reply.readInt32());
+    EXPECT_EQ(1, reply.readInt32()) << "one-ways ran out of order";
     expectStillServing();
 }
 
