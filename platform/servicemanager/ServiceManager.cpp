@@ -36,6 +36,13 @@ bool isRemote(const sp<IBinder>& binder) {
     return binder != nullptr && binder->remoteBinder() != nullptr;
 }
 
+// Reads a request made of a name and a waiter's call-back object, and nothing else.
+bool readNameAndCallback(const Parcel& data, String16* name, sp<IBinder>* callback) {
+    if (!readHeaderAndName(data, name)) return false;
+    *callback = data.readStrongBinder();
+    return isRemote(*callback) && endsWith(data, 1);
+}
+
 String8 processNameOf(pid_t pid) {
     const std::string path = "/proc/" + std::to_string(pid) + "/comm";
     int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
@@ -140,12 +147,8 @@ status_t ServiceManager::listServices(const Parcel& data, Parcel* reply) {
 
 status_t ServiceManager::waitForService(const Parcel& data, Parcel* reply) {
     String16 name;
-    if (!readHeaderAndName(data, &name)) {
-        reply->writeInt32(BAD_VALUE);
-        return NO_ERROR;
-    }
-    sp<IBinder> callback = data.readStrongBinder();
-    if (!isRemote(callback) || !endsWith(data, 1)) {
+    sp<IBinder> callback;
+    if (!readNameAndCallback(data, &name, &callback)) {
         reply->writeInt32(BAD_VALUE);
         return NO_ERROR;
     }
@@ -158,12 +161,8 @@ status_t ServiceManager::waitForService(const Parcel& data, Parcel* reply) {
 
 status_t ServiceManager::cancelWait(const Parcel& data, Parcel* reply) {
     String16 name;
-    if (!readHeaderAndName(data, &name)) {
-        reply->writeInt32(BAD_VALUE);
-        return NO_ERROR;
-    }
-    sp<IBinder> callback = data.readStrongBinder();
-    if (!isRemote(callback) || !endsWith(data, 1)) {
+    sp<IBinder> callback;
+    if (!readNameAndCallback(data, &name, &callback)) {
         reply->writeInt32(BAD_VALUE);
         return NO_ERROR;
     }
