@@ -179,7 +179,6 @@ sp<Connection> Connection::adoptAccepted(int fd) {
 
 status_t Connection::send(const OutgoingFrame& frame) {
     FrameHeader header = frame.header;
-    header.dataSize = frame.header.dataSize;
     header.objectCount = static_cast<uint32_t>(frame.offsets.size());
     const size_t bodySize = frameBodySize(header);
     if (header.dataSize > kMaxTransactionSize || frame.fds.size() > kMaxFdObjects) {
