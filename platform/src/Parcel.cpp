@@ -145,17 +145,30 @@ void* Parcel::writeInplace(size_t len) {
     return writeSlot(len);
 }
 
+namespace {
+
+// Fixed-size copies compile to plain stores.
+template <typename T>
+status_t writeValue(Parcel& parcel, T value) {
+    void* slot = parcel.writeInplace(sizeof(value));
+    if (slot == nullptr) return NO_MEMORY;
+    memcpy(slot, &value, sizeof(value));
+    return NO_ERROR;
+}
+
+}  // namespace
+
 status_t Parcel::writeInt32(int32_t val) {
-    return write(&val, sizeof(val));
+    return writeValue(*this, val);
 }
 status_t Parcel::writeUint32(uint32_t val) {
-    return write(&val, sizeof(val));
+    return writeValue(*this, val);
 }
 status_t Parcel::writeInt64(int64_t val) {
-    return write(&val, sizeof(val));
+    return writeValue(*this, val);
 }
 status_t Parcel::writeUint64(uint64_t val) {
-    return write(&val, sizeof(val));
+    return writeValue(*this, val);
 }
 status_t Parcel::writeFloat(float val) {
     return write(&val, sizeof(val));
@@ -258,10 +271,13 @@ const void* Parcel::readInplace(size_t len) const {
 
 namespace {
 
+// Fixed-size copies compile to plain loads: these readers run for every
+// field of every message.
 template <typename T>
 T readValue(const Parcel& parcel) {
     T value{};
-    if (parcel.read(&value, sizeof(value)) != NO_ERROR) return T{};
+    const void* slot = parcel.readInplace(sizeof(value));
+    if (slot != nullptr) memcpy(&value, slot, sizeof(value));
     return value;
 }
 
