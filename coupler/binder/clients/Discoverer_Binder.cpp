@@ -1,0 +1,87 @@
+#include "coupler/binder/clients/Discoverer_Binder.h"
+
+#include <android/log.h>
+#include <binder/ProcessState.h>
+
+#include "Log/AutoTrace.h"
+#include "coupler/binder/clients/Client_Binder.h"
+#include "coupler/binder/clients/ClientsManager.h"
+#include "coupler/binder/clients/ServiceProxy.h"
+#include "coupler/binder/clients/ServiceProxyManager.h"
+
+namespace tavrin_binder {
+namespace {
+
+constexpr const char* kLogTag = "[Tavrin][Discoverer_Binder]";
+
+tavrin::tv_sp<tavrin::IClient> handleOn(tavrin::tv_sp<ServiceProxy>& proxy,
+                                        tavrin::IClient* shadow) {
+    return tavrin::tv_sp<tavrin::IClient>(new Client_Binder(proxy->getClientsManager(), shadow));
+}
+
+}  // namespace
+
+tavrin::tv_sp<tavrin::IClient> Discoverer_Binder::bindTo(tavrin::ServiceInfo& info,
+                                                         tavrin::Protocol& protocol, int tag) {
+    AutoTrace trace("[Tavrin]", "Discoverer_Binder", "bindTo", false);
+    tavrin::tv_sp<ServiceProxy> proxy = proxyFor(info.serviceName, info.serviceName, protocol,
+                                                 "create service proxy failed,connect faild[%s]");
+    if (!proxy) return tavrin::tv_sp<tavrin::IClient>(nullptr);
+    std::call_once(started, [this] { startProxy(); });
+    return handleOn(proxy, proxy->getClientsManager()->create(proxy, tag));
+}
+
+tavrin::tv_sp<tavrin::IClient> Discoverer_Binder::bindTo(tavrin::SubServiceInfo& info,
+                                                         tavrin::Protocol& protocol, int timeout,
+                                                         int tag) {
+    AutoTrace trace("[Tavrin]", "Discoverer_Binder", "bindTo", false);
+    tavrin::tv_sp<ServiceProxy> proxy =
+        proxyFor(info.serviceName, info.subServiceName, protocol,
+                 "create service proxy failed,connect master service faild[%s]");
+    if (!proxy) return tavrin::tv_sp<tavrin::IClient>(nullptr);
+    std::call_once(started, [this] { startProxy(); });
+    const int session = proxy->connectTo(info.subServiceName, protocol, timeout);
+    if (session < 0) {
+        __android_log_print(ANDROID_LOG_INFO, kLogTag,
+                            "create service proxy failed,connect sub service faild[%s]",
+                            info.subServiceName.c_str());
+        return tavrin::tv_sp<tavrin::IClient>(nullptr);
+    }
+    return handleOn(proxy,
+                    proxy->getClientsManager()->create(proxy, info.subServiceName, session, tag));
+}
+
+tavrin::tv_sp<ServiceProxy> Discoverer_Binder::proxyFor(const std::string& serviceName,
+                                                        const std::string& loggedName,
+                                                        tavrin::Protocol& protocol,
+                                                        const char* failure) {
+    ServiceProxyManager& proxies = ServiceProxyManager::self();
+    tavrin::tv_sp<ServiceProxy> proxy = proxies.get(serviceName);
+    if (proxy) return proxy;
+    // Two proxies of one service in a process would each register a
+    // notifier, and the service keeps only the first: connect one at a time.
+    NameLocks::Hold serialised(connects, serviceName);
+    proxy = proxies.get(serviceName);
+    if (proxy) return proxy;
+
+    __android_log_print(ANDROID_LOG_INFO, kLogTag, "create service proxy,service[%s]",
+                        loggedName.c_str());
+    tavrin::tv_sp<ClientsManager> clients(new ClientsManager());
+    proxy = tavrin::tv_sp<ServiceProxy>(new ServiceProxy(clients, serviceName, protocol));
+    if (!proxy->connect()) {
+        __android_log_print(ANDROID_LOG_INFO, kLogTag, failure, serviceName.c_str());
+        return tavrin::tv_sp<ServiceProxy>(nullptr);
+    }
+    proxies.registered(serviceName, proxy);
+    // A death noticed before the proxy was registered could not remove it.
+    if (proxy->hasDied()) proxies.unregistered(serviceName, proxy.get());
+    return proxy;
+}
+
+void Discoverer_Binder::startProxy() {
+    AutoTrace trace("[Tavrin]", "Discoverer_Binder", "startProxy", false);
+    android::ProcessState::self()->setProcessName("DiscvBd");
+    android::ProcessState::self()->startThreadPool();
+}
+
+}  // namespace tavrin_binder

@@ -1,0 +1,64 @@
+#pragma once
+
+#include <binder/Binder.h>
+
+#include <list>
+#include <string>
+
+#include "IService.h"
+#include "Protocol.h"
+#include "coupler/binder/service/NotifierManager.h"
+#include "coupler/binder/sub-service/SubServiceProxyManager.h"
+#include "tv_sp.h"
+#include "utils/Mutex.h"
+#include "utils/Semaphore.h"
+
+namespace tavrin_binder {
+
+// The binder object of one published service: registered with the service
+// manager under the service's name, it turns every transaction of its
+// clients and sub-services into calls on the application's IService. It
+// holds the clients' notifiers (the service's INotifier) and the registry of
+// the service's sub-services, with the requests waiting for a sub-service
+// that has not registered yet.
+//
+// Made by Announcer_Binder, which keeps it for the life of the process, so
+// that the INotifier given to the service never dangles. onTransact runs on
+// binder threads, several at once, and calls the service without any lock
+// of the carrier held; mWaitersLock guards the list of waiters only.
+class ServiceCarrier : public android::BBinder, public SubServiceProxyManager::Removeable {
+  public:
+    ServiceCarrier(tavrin::tv_sp<tavrin::IService>& service, tavrin::Protocol& protocol);
+
+    android::status_t onTransact(uint32_t code, const android::Parcel& data, android::Parcel* reply,
+                                 uint32_t flags) override;
+    void onSubServiceRemoved(std::string name) override;
+
+  protected:
+    ~ServiceCarrier() override;
+
+  private:
+    android::status_t dispatch(uint32_t code, const android::Parcel& data, android::Parcel* reply,
+                               uint32_t flags);
+    void addNotifier(const android::Parcel& data, android::Parcel* reply, int line);
+    void removeNotifier(int line);
+    void ipcCall(const android::Parcel& data, android::Parcel* reply);
+    void getSubService(const android::Parcel& data, android::Parcel* reply);
+    tavrin::tv_sp<ISubServiceProxy> awaitSubService(const std::string& name,
+                                                    const android::Parcel& data);
+    void subServiceIpcCall(const android::Parcel& data, android::Parcel* reply);
+    void registerSubService(const android::Parcel& data, android::Parcel* reply);
+    // False when too many requests wait already.
+    bool addWaiter(tavrin::Semaphore* waiter);
+    void removeWaiter(tavrin::Semaphore* waiter);
+    void wakeWaiters();
+
+    NotifierManager mNotifierManager;
+    SubServiceProxyManager mSubServiceProxyManager;
+    tavrin::Protocol mProtocol;  // read only
+    std::list<tavrin::Semaphore*> mWaiters;
+    tavrin::Mutex mWaitersLock;  // guards mWaiters
+    const tavrin::tv_sp<tavrin::IService> mService;
+};
+
+}  // namespace tavrin_binder

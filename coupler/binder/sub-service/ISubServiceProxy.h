@@ -1,0 +1,37 @@
+#pragma once
+
+#include <binder/IBinder.h>
+
+#include <string>
+
+#include "ISubServiceClient.h"
+#include "Protocol.h"
+
+namespace tavrin_binder {
+
+// A handle on one sub-service's binder object, held by a client's
+// ServiceProxy or by the master's ServiceCarrier (see SubServiceProxy).
+class ISubServiceProxy : public tavrin::ISubServiceClient {
+  public:
+    virtual android::sp<android::IBinder> getBinder() = 0;
+    // Unique in the process once usable; -1 while unusable.
+    virtual int getSession() = 0;
+    // Reads what comes back from the sub-service.
+    virtual tavrin::Protocol& getProtocol() = 0;
+    // Stops delivering notifications (its manager is going away).
+    virtual void detach() = 0;
+    // The sub-service's death has been noticed (or it was dead already).
+    virtual bool hasDied() = 0;
+
+    // Told that the process of the sub-service `name`, reached through
+    // `proxy`, died. `proxy` may be gone: it is compared, never used.
+    class DeathRecipient {
+      public:
+        virtual void onSubServiceDied(std::string name, const ISubServiceProxy* proxy) = 0;
+
+      protected:
+        ~DeathRecipient() = default;
+    };
+};
+
+}  // namespace tavrin_binder
