@@ -1,8 +1,6 @@
 #include <gtest/gtest.h>
-#include <string.h>
 
 #include <string>
-#include <vector>
 
 #include "ChildProcess.h"
 #include "TestSupport.h"
@@ -18,11 +16,8 @@ class BinderTestEnvironment : public testing::Environment {
 }  // namespace
 
 int main(int argc, char** argv) {
-    static const char kChildPrefix[] = "--child=";
-    if (argc >= 2 && strncmp(argv[1], kChildPrefix, sizeof(kChildPrefix) - 1) == 0) {
-        std::vector<std::string> args(argv + 2, argv + argc);
-        return tvtest::runChildRole(argv[1] + sizeof(kChildPrefix) - 1, args);
-    }
+    int childStatus = 0;
+    if (tvtest::runChildRoleIfAsked(argc, argv, &childStatus)) return childStatus;
     testing::InitGoogleTest(&argc, argv);
     testing::AddGlobalTestEnvironment(new BinderTestEnvironment);
     return RUN_ALL_TESTS();

@@ -47,8 +47,9 @@ using ChildRole = int (*)(const std::vector<std::string>& args);
 struct ChildRoleRegistration {
     ChildRoleRegistration(const char* name, ChildRole role);
 };
-// Runs the role named in `--child=<role>`; the process's exit status.
-int runChildRole(const std::string& name, const std::vector<std::string>& args);
+// When the program was started as `--child=<role> args...`, runs that role
+// and stores its exit status in *status; false otherwise.
+bool runChildRoleIfAsked(int argc, char** argv, int* status);
 
 #define TVTEST_CHILD_ROLE(name)                                                                   \
     static int childRole_##name(const std::vector<std::string>& args);                            \

@@ -118,13 +118,18 @@ ChildRoleRegistration::ChildRoleRegistration(const char* name, ChildRole role) {
     roles()[name] = role;
 }
 
-int runChildRole(const std::string& name, const std::vector<std::string>& args) {
-    auto it = roles().find(name);
-    if (it == roles().end()) return 127;
+bool runChildRoleIfAsked(int argc, char** argv, int* status) {
+    static const char kPrefix[] = "--child=";
+    if (argc < 2 || strncmp(argv[1], kPrefix, sizeof(kPrefix) - 1) != 0) return false;
+    auto it = roles().find(argv[1] + sizeof(kPrefix) - 1);
+    if (it == roles().end()) {
+        *status = 127;
+        return true;
+    }
     // A child never outlives the test that started it.
     prctl(PR_SET_PDEATHSIG, SIGKILL);
-    if (getppid() == 1) return 126;
-    return it->second(args);
+    *status = getppid() == 1 ? 126 : it->second(std::vector<std::string>(argv + 2, argv + argc));
+    return true;
 }
 
 }  // namespace tvtest

@@ -1,0 +1,67 @@
+#pragma once
+
+#include <chrono>
+#include <string>
+#include <vector>
+
+#include "ChildProcess.h"
+#include "IClient.h"
+#include "IPCString.h"
+#include "Protocol.h"
+
+// What the coupler tests and their child processes share: one value class,
+// the services the children run, and ways to read what the children say.
+namespace coupler_test {
+
+using namespace std::chrono_literals;
+
+// The one value the tests exchange: a text, class name "Msg".
+class Msg : public tavrin::IPCClass {
+  public:
+    explicit Msg(std::string text = "") : mText(std::move(text)) {}
+    std::string getClassName() override { return "Msg"; }
+    void serialization(tavrin::Serialization& out) override { mText.serialization(out); }
+    void deserialization(tavrin::Deserialization& in) override { mText.deserialization(in); }
+    const std::string& text() const { return mText.get(); }
+
+  private:
+    tavrin::IPCString mText;
+};
+
+// A value whose class no test Protocol knows.
+class Stranger : public Msg {
+  public:
+    std::string getClassName() override { return "Stranger"; }
+};
+
+tavrin::Protocol msgProtocol();
+
+// A service name unique to this test process.
+std::string uniqueName(const std::string& base);
+tavrin::tv_sp<tavrin::IClient> bindService(const std::string& name, int tag);
+tavrin::tv_sp<tavrin::IClient> bindSubService(const std::string& name, const std::string& master,
+                                              int timeoutMs, int tag);
+
+// The text of a result, "null" when it holds no value.
+std::string textOf(const tavrin::tv_sp<tavrin::IPCClass>& value);
+std::string call(tavrin::tv_sp<tavrin::IClient>& client, const std::string& text);
+// The ClientInfo a service saw for this process's handle: "<pid> <tag> <objID>".
+std::string clientInfoText(int tag, int objID);
+
+// Reads the child's lines until one equals `expected`; false after `timeout`.
+bool awaitLine(tvtest::ChildProcess& child, const std::string& expected,
+               std::chrono::milliseconds timeout = 20s);
+// The child's /proc comm name.
+std::string processNameOf(pid_t pid);
+
+// Children: a master service "service NAME [SECOND_NAME]", a sub-service
+// "subservice NAME MASTER [SECOND_NAME]", a client "client SERVICE". Each reports on its
+// pipe: "died PID", "registered NAME", "removed NAME", "config TEXT",
+// "published RC", "second RC", "bound", and "log TEXT" for the library's
+// warnings and errors.
+tvtest::ChildProcess startService(const std::string& name,
+                                  const std::vector<std::string>& more = {});
+tvtest::ChildProcess startSubService(const std::string& name, const std::string& master,
+                                     const std::vector<std::string>& more = {});
+
+}  // namespace coupler_test

@@ -1,0 +1,159 @@
+// Sub-services in processes of their own: registration with the master,
+// calls from clients, from the master and to the master, notifications,
+// deaths on every side and restarts.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <stdlib.h>
+#include <sys/wait.h>
+
+#include <atomic>
+#include <future>
+#include <thread>
+
+#include "CouplerTestSupport.h"
+#include "ProcSupport.h"
+#include "tavrin/LogCapture.h"
+
+namespace coupler_test {
+namespace {
+
+using tavrin::IClient;
+using tavrin::IPCClass;
+using tavrin::tv_sp;
+using tavrin_test::LogCapture;
+using tavrin_test::LogLine;
+using testing::Contains;
+
+class Answering : public tavrin::IClientNotifier {
+  public:
+    void onNotify(IPCClass&) override { ++mNotes; }
+    tv_sp<IPCClass> onNotifyEx(IPCClass&) override { return tv_sp<IPCClass>(new Msg("client")); }
+    int notes() const { return mNotes.load(); }
+
+  private:
+    std::atomic<int> mNotes{0};
+};
+
+class SubServices : public testing::Test {
+  protected:
+    void SetUp() override {
+        mMasterName = uniqueName("master");
+        mSubName = uniqueName("sub");
+        mMaster.reset(new tvtest::ChildProcess(startService(mMasterName)));
+    }
+
+    // Starts the sub-service and waits until the master has recorded it.
+    std::unique_ptr<tvtest::ChildProcess> startSub(const std::vector<std::string>& more = {}) {
+        std::unique_ptr<tvtest::ChildProcess> sub(
+            new tvtest::ChildProcess(startSubService(mSubName, mMasterName, more)));
+        EXPECT_TRUE(awaitLine(*sub, "config config for " + mSubName));
+        EXPECT_TRUE(awaitLine(*sub, "published 0"));
+        EXPECT_TRUE(awaitLine(*mMaster, "registered " + mSubName));
+        return sub;
+    }
+
+    std::string mMasterName;
+    std::string mSubName;
+    std::unique_ptr<tvtest::ChildProcess> mMaster;
+};
+
+TEST_F(SubServices, RegisterWithTheMasterAndTalkToClientsAndMasterBothWays) {
+    tv_sp<IClient> serviceClient = bindService(mMasterName, 1);
+    ASSERT_TRUE(serviceClient);
+    // This bind waits in the master until the sub-service registers.
+    auto waiting = std::async(std::launch::async,
+                              [&] { return bindSubService(mSubName, mMasterName, 20000, 2); });
+    std::this_thread::sleep_for(200ms);
+    const std::string ignored = mSubName + ".second";
+    std::unique_ptr<tvtest::ChildProcess> sub = startSub({ignored});
+    tv_sp<IClient> subClient = waiting.get();
+    ASSERT_TRUE(subClient);
+    EXPECT_EQ(processNameOf(sub->pid()), "AnnBdPb");
+    // The process carries one sub-service: a second publish changes nothing.
+    EXPECT_TRUE(awaitLine(*sub, "log sub service already active,[" + mSubName + "]"));
+    EXPECT_TRUE(awaitLine(*sub, "published 0"));
+    EXPECT_FALSE(awaitLine(*mMaster, "registered " + ignored, 300ms));
+
+    // Clients of a master and of its sub-services share one sequence of objIDs.
+    EXPECT_EQ(call(subClient, "whoami"), "sub " + clientInfoText(2, 2));
+    auto* sink = new Answering();
+    tv_sp<tavrin::IClientNotifier> notifier(sink);
+    subClient->setNotifier(notifier);
+    EXPECT_EQ(call(subClient, "notify"), "answer client");
+    EXPECT_TRUE(tvproc::waitUntil([&] { return sink->notes() == 1; }, 20s));
+    EXPECT_EQ(call(subClient, "master hello"), "master got hello from " + mSubName);
+    EXPECT_EQ(call(serviceClient, "sub " + mSubName + " hi"), "sub got hi");
+
+    // A sub-service under a live name is refused; one the master denies or
+    // has no Protocol for behaves as the master says.
+    tvtest::ChildProcess duplicate = startSubService(mSubName, mMasterName);
+    EXPECT_TRUE(awaitLine(duplicate, "log registered fail sub_service[" + mSubName + "] service[" +
+                                         mMasterName + "]"));
+    EXPECT_TRUE(awaitLine(duplicate, "published -1"));
+    tvtest::ChildProcess denied = startSubService("deny-" + mSubName, mMasterName);
+    EXPECT_TRUE(awaitLine(denied, "published -1"));
+    EXPECT_NE(processNameOf(denied.pid()), "AnnBdPb");
+    tvtest::ChildProcess unprotocoled = startSubService("noproto-" + mSubName, mMasterName);
+    EXPECT_TRUE(awaitLine(unprotocoled, "log master servcie is not configured!!!"));
+    EXPECT_TRUE(awaitLine(unprotocoled, "published 0"));
+    EXPECT_FALSE(bindSubService("noproto-" + mSubName, mMasterName, 0, 3));
+    EXPECT_EQ(call(subClient, "whoami"), "sub " + clientInfoText(2, 2));
+}
+
+TEST_F(SubServices, DeathsReachEverySideAndARestartedSubServiceServesNewBinds) {
+    std::unique_ptr<tvtest::ChildProcess> sub = startSub();
+    LogCapture log;
+    tv_sp<IClient> before = bindSubService(mSubName, mMasterName, 0, 1);
+    ASSERT_TRUE(before);
+    EXPECT_EQ(call(before, "whoami"), "sub " + clientInfoText(1, 1));
+
+    sub->kill(SIGKILL);
+    sub->wait();
+    EXPECT_TRUE(awaitLine(*mMaster, "removed " + mSubName));
+    EXPECT_FALSE(awaitLine(*mMaster, "removed " + mSubName, 300ms));
+    EXPECT_TRUE(tvproc::waitUntil(
+        [&] {
+            for (const LogLine& line : log.lines()) {
+                if (line == LogLine{ANDROID_LOG_WARN, "[Tavrin][ServiceProxy]",
+                                    "sub service removed,service name[" + mSubName + "]"}) {
+                    return true;
+                }
+            }
+            return false;
+        },
+        20s));
+    EXPECT_EQ(call(before, "whoami"), "null");
+    EXPECT_THAT(log.lines(), Contains(LogLine{ANDROID_LOG_ERROR, "[Tavrin][ServiceProxy]",
+                                              "ipc call fail,sub service proxy is null!!!,sub "
+                                              "service[" +
+                                                  mSubName + "]"}));
+    EXPECT_FALSE(bindSubService(mSubName, mMasterName, 0, 1));
+
+    sub = startSub();
+    tv_sp<IClient> after = bindSubService(mSubName, mMasterName, 0, 1);
+    ASSERT_TRUE(after);
+    EXPECT_EQ(call(after, "whoami"), "sub " + clientInfoText(1, 2));
+    EXPECT_EQ(call(before, "whoami"), "null");
+    EXPECT_THAT(log.lines(),
+                Contains(LogLine{ANDROID_LOG_ERROR, "[Tavrin][ServiceProxy]",
+                                 "ipc call fail,session error!!!,sub service[" + mSubName + "]"}));
+
+    // A sub-service does not outlive its master.
+    mMaster->kill(SIGKILL);
+    EXPECT_TRUE(awaitLine(*sub, "log controoler died!!!,sub service[" + mSubName + "]"));
+    const int status = sub->wait(20s);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == EXIT_FAILURE) << status;
+}
+
+TEST_F(SubServices, PublishWithoutARunningMasterFailsAndStartsNothing) {
+    setenv("TAVRIN_GETSERVICE_TIMEOUT_MS", "200", 1);
+    tvtest::ChildProcess orphan = startSubService(mSubName, "absent");
+    unsetenv("TAVRIN_GETSERVICE_TIMEOUT_MS");
+    EXPECT_TRUE(awaitLine(orphan, "log ServiceManager have no service named [absent]"));
+    EXPECT_TRUE(awaitLine(orphan, "published -1"));
+    EXPECT_NE(processNameOf(orphan.pid()), "AnnBdPb");
+}
+
+}  // namespace
+}  // namespace coupler_test
