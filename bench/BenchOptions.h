@@ -9,6 +9,7 @@ struct BenchOptions {
     int parallelCallsEach = 20000;
     int deathRounds = 20;
     int manyClients = 200;
+    int freshBinds = 20;
 
     static BenchOptions quick() {
         BenchOptions options;
@@ -17,6 +18,7 @@ struct BenchOptions {
         options.parallelCallsEach = 200;
         options.deathRounds = 3;
         options.manyClients = 20;
+        options.freshBinds = 3;
         return options;
     }
 };

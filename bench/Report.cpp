@@ -21,11 +21,13 @@ const char* verdict(bool met) {
 }  // namespace
 
 void Report::addLatency(const std::string& what, std::optional<double> binderMicros,
-                        std::optional<double> rawMicros, double maxRatio) {
-    Row row{what, formatOr(binderMicros, "%.1f us"), formatOr(rawMicros, "%.1f us"),
+                        std::optional<double> rawMicros, double maxRatio, int rawTimes) {
+    const std::string rawPattern =
+        rawTimes == 1 ? "%.1f us" : std::to_string(rawTimes) + " x %.1f us";
+    Row row{what, formatOr(binderMicros, "%.1f us"), formatOr(rawMicros, rawPattern.c_str()),
             "-",  format("<= %.1fx raw", maxRatio),  "-"};
     if (binderMicros && rawMicros && *rawMicros > 0) {
-        const double ratio = *binderMicros / *rawMicros;
+        const double ratio = *binderMicros / (rawTimes * *rawMicros);
         row.ratio = format("%.2fx", ratio);
         row.verdict = verdict(ratio <= maxRatio);
     }
@@ -59,6 +61,14 @@ void Report::addDeathNotice(std::optional<double> millis, double maxMillis) {
     mRows.push_back(row);
 }
 
+void Report::addMillis(const std::string& what, std::optional<double> millis) {
+    mRows.push_back({what, formatOr(millis, "%.2f ms"), "-", "-", "-", "-"});
+}
+
+void Report::addHeading(const std::string& text) {
+    mRows.push_back({text, "", "", "", "", ""});
+}
+
 bool Report::complete() const {
     for (const Row& row : mRows) {
         if (row.binder == "failed" || row.raw == "failed") return false;
@@ -67,7 +77,7 @@ bool Report::complete() const {
 }
 
 void Report::print() const {
-    const char* layout = "%-36s %12s %12s %7s %14s  %s\n";
+    const char* layout = "%-40s %12s %12s %7s %14s  %s\n";
     printf(layout, "measurement (medians)", "binder", "raw socket", "ratio", "target", "");
     for (const Row& row : mRows) {
         printf(layout, row.what.c_str(), row.binder.c_str(), row.raw.c_str(), row.ratio.c_str(),

@@ -10,13 +10,18 @@
 // target of each line and whether this run met it.
 class Report {
   public:
-    // Lower is better: met when binder <= maxRatio * raw.
+    // Lower is better: met when binder <= maxRatio * rawTimes * raw. With
+    // rawTimes above 1, binder is compared with that many raw operations.
     void addLatency(const std::string& what, std::optional<double> binderMicros,
-                    std::optional<double> rawMicros, double maxRatio);
+                    std::optional<double> rawMicros, double maxRatio, int rawTimes = 1);
     // Higher is better: met when binder >= minRatio * raw.
     void addThroughput(const std::string& what, std::optional<double> binderPerSecond,
                        std::optional<double> rawPerSecond, double minRatio);
     void addDeathNotice(std::optional<double> millis, double maxMillis);
+    // A figure without a baseline or a target.
+    void addMillis(const std::string& what, std::optional<double> millis);
+    // A line that names the block of rows below it.
+    void addHeading(const std::string& text);
     void print() const;
     // False when a measurement failed (a process did not do its part).
     bool complete() const;

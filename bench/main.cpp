@@ -11,12 +11,16 @@
 #include "RawSocketBench.h"
 #include "Report.h"
 #include "ServiceManagerDaemon.h"
+#include "TavrinBench.h"
 
 namespace {
 
 constexpr double kMaxRoundTripRatio = 1.5;
 constexpr double kMinThroughputRatio = 0.5;
 constexpr double kMaxDeathNoticeMillis = 5;
+// Notifications carry more than a bare one-way (a class name, the addressed
+// client, a look-up of its handle on each side), so less is asked of them.
+constexpr double kMinNotificationRatio = 0.4;
 
 bool parseOptions(int argc, char** argv, BenchOptions* options) {
     for (int i = 1; i < argc; ++i) {
@@ -26,9 +30,13 @@ bool parseOptions(int argc, char** argv, BenchOptions* options) {
     return true;
 }
 
+const char* placementOf(bool pinned) {
+    return pinned ? "both on CPU 0" : "free placement";
+}
+
 void measureRoundTrips(const BenchOptions& options, Report* report) {
     for (bool pinned : {true, false}) {
-        const char* placement = pinned ? "both on CPU 0" : "free placement";
+        const char* placement = placementOf(pinned);
         fprintf(stderr, "round trips, %s...\n", placement);
         report->addLatency(std::string("round trip 16 B, ") + placement,
                            binder::roundTripMicros(pinned, options.roundTrips),
@@ -46,6 +54,51 @@ void measureThroughput(const BenchOptions& options, Report* report) {
         binder::parallelCallsPerSecond(options.parallelClients, options.parallelCallsEach),
         raw::parallelCallsPerSecond(options.parallelClients, options.parallelCallsEach),
         kMinThroughputRatio);
+}
+
+// Each tavrin line is measured right next to its raw baseline.
+void measureTavrinCalls(const BenchOptions& options, Report* report) {
+    for (bool pinned : {true, false}) {
+        const char* placement = placementOf(pinned);
+        fprintf(stderr, "tavrin calls, %s...\n", placement);
+        report->addLatency(std::string("ipcCall, ") + placement,
+                           coupler::callMicros(pinned, options.roundTrips),
+                           raw::roundTripMicros(pinned, options.roundTrips), kMaxRoundTripRatio);
+    }
+    for (bool pinned : {true, false}) {
+        const char* placement = placementOf(pinned);
+        fprintf(stderr, "tavrin calls answered by notifications, %s...\n", placement);
+        // Two round trips: the call, and the notification answered inside it.
+        report->addLatency(std::string("ipcCall + sendNotifyEx, ") + placement,
+                           coupler::notifyExCallMicros(pinned, options.roundTrips),
+                           raw::roundTripMicros(pinned, options.roundTrips), kMaxRoundTripRatio, 2);
+    }
+}
+
+void measureTavrinThroughput(const BenchOptions& options, Report* report) {
+    fprintf(stderr, "tavrin notifications...\n");
+    report->addThroughput("sendNotify notifications",
+                          coupler::notificationsPerSecond(options.oneWayMessages),
+                          raw::oneWayPerSecond(options.oneWayMessages), kMinNotificationRatio);
+    fprintf(stderr, "tavrin, %d clients...\n", options.parallelClients);
+    report->addThroughput(
+        std::to_string(options.parallelClients) + " clients, one service (ipcCall)",
+        coupler::parallelCallsPerSecond(options.parallelClients, options.parallelCallsEach),
+        raw::parallelCallsPerSecond(options.parallelClients, options.parallelCallsEach),
+        kMinThroughputRatio);
+}
+
+void measureTavrinSubServices(const BenchOptions& options, Report* report) {
+    for (bool pinned : {true, false}) {
+        const char* placement = placementOf(pinned);
+        fprintf(stderr, "tavrin sub-service calls, %s...\n", placement);
+        report->addLatency(std::string("sub-service ipcCall, ") + placement,
+                           coupler::subServiceCallMicros(pinned, options.roundTrips),
+                           raw::roundTripMicros(pinned, options.roundTrips), kMaxRoundTripRatio);
+    }
+    fprintf(stderr, "tavrin sub-service binds...\n");
+    report->addMillis("bindTo(sub-service) to first result",
+                      coupler::subServiceFirstCallMillis(options.freshBinds));
 }
 
 }  // namespace
@@ -67,6 +120,10 @@ int main(int argc, char** argv) {
     measureThroughput(options, &report);
     fprintf(stderr, "death notices...\n");
     report.addDeathNotice(binder::deathNoticeMillis(options.deathRounds), kMaxDeathNoticeMillis);
+    report.addHeading("tavrin API, Binder coupler:");
+    measureTavrinCalls(options, &report);
+    measureTavrinThroughput(options, &report);
+    measureTavrinSubServices(options, &report);
     fprintf(stderr, "%d clients bound...\n", options.manyClients);
     const auto manyClients = binder::manyClients(options.manyClients);
 
