@@ -103,22 +103,24 @@ std::optional<double> roundTripMicros(bool pinned, int iterations) {
     return static_cast<double>(*medianNanos) / 1000.0;
 }
 
-std::optional<double> oneWayPerSecond(int messages) {
+std::optional<double> oneWayPerSecond(bool pinned, int messages) {
     SocketPair pair;
     if (!pair.valid()) return std::nullopt;
     ChildProcess receiver([&](int) {
         close(pair.ends[0]);
+        if (pinned) pinToFirstCpu();
         return receiveMessages(pair.ends[1], messages);
     });
     std::vector<std::unique_ptr<ChildProcess>> sender;
     sender.push_back(std::make_unique<ChildProcess>([&](int channel) {
         close(pair.ends[1]);
+        if (pinned) pinToFirstCpu();
         return runWhenTold(channel, [&] { return sendMessages(pair.ends[0], messages); }) ? 0 : 1;
     }));
     return operationsPerSecond(sender, messages);
 }
 
-std::optional<double> parallelCallsPerSecond(int pairs, int callsEach) {
+std::optional<double> parallelCallsPerSecond(bool pinned, int pairs, int callsEach) {
     std::vector<std::unique_ptr<SocketPair>> sockets;
     std::vector<std::unique_ptr<ChildProcess>> echoes;
     std::vector<std::unique_ptr<ChildProcess>> callers;
@@ -126,9 +128,10 @@ std::optional<double> parallelCallsPerSecond(int pairs, int callsEach) {
         sockets.push_back(std::make_unique<SocketPair>());
         const SocketPair& pair = *sockets.back();
         if (!pair.valid()) return std::nullopt;
-        echoes.push_back(startEcho(pair, false));
-        callers.push_back(std::make_unique<ChildProcess>([&pair, callsEach](int channel) {
+        echoes.push_back(startEcho(pair, pinned));
+        callers.push_back(std::make_unique<ChildProcess>([&pair, callsEach, pinned](int channel) {
             close(pair.ends[1]);
+            if (pinned) pinToFirstCpu();
             auto calls = [&] {
                 for (int call = 0; call < callsEach; ++call) {
                     if (!roundTrip(pair.ends[0])) return false;

@@ -12,8 +12,8 @@ namespace raw {
 // Median round trip of one 16-byte request and its 16-byte answer.
 std::optional<double> roundTripMicros(bool pinned, int iterations);
 // 16-byte messages per second from one sender to one receiver.
-std::optional<double> oneWayPerSecond(int messages);
+std::optional<double> oneWayPerSecond(bool pinned, int messages);
 // Round trips per second of `pairs` independent ping-pong pairs together.
-std::optional<double> parallelCallsPerSecond(int pairs, int callsEach);
+std::optional<double> parallelCallsPerSecond(bool pinned, int pairs, int callsEach);
 
 }  // namespace raw

@@ -163,8 +163,8 @@ bool receiveStream(IClient& client, NoteCounter& counter, int32_t count) {
     return call(client, request) && counter.received() == count;
 }
 
-int receiveNotifications(int channel, const std::string& name, int notifications) {
-    setUpChild(false);
+int receiveNotifications(int channel, const std::string& name, int notifications, bool pinned) {
+    setUpChild(pinned);
     tv_sp<IClient> client = bindService(name);
     if (!client) return 1;
     auto* counter = new NoteCounter();
@@ -175,8 +175,8 @@ int receiveNotifications(int channel, const std::string& name, int notifications
     return runWhenTold(channel, work) ? 0 : 1;
 }
 
-int callTogether(int channel, const std::string& name, int calls) {
-    setUpChild(false);
+int callTogether(int channel, const std::string& name, int calls, bool pinned) {
+    setUpChild(pinned);
     tv_sp<IClient> client = bindService(name);
     if (!client) return 1;
     Number request(Number::ECHO, kCallValue);
@@ -225,24 +225,24 @@ std::optional<double> notifyExCallMicros(bool pinned, int iterations) {
     return serviceCallMicros(Number::ASK, pinned, iterations);
 }
 
-std::optional<double> notificationsPerSecond(int notifications) {
+std::optional<double> notificationsPerSecond(bool pinned, int notifications) {
     const std::string name = uniqueName("service");
-    auto service = startService(name, false);
+    auto service = startService(name, pinned);
     if (service == nullptr) return std::nullopt;
     std::vector<std::unique_ptr<ChildProcess>> receiver;
     receiver.push_back(std::make_unique<ChildProcess>(
-        [=](int channel) { return receiveNotifications(channel, name, notifications); }));
+        [=](int channel) { return receiveNotifications(channel, name, notifications, pinned); }));
     return operationsPerSecond(receiver, notifications);
 }
 
-std::optional<double> parallelCallsPerSecond(int clients, int callsEach) {
+std::optional<double> parallelCallsPerSecond(bool pinned, int clients, int callsEach) {
     const std::string name = uniqueName("service");
-    auto service = startService(name, false);
+    auto service = startService(name, pinned);
     if (service == nullptr) return std::nullopt;
     std::vector<std::unique_ptr<ChildProcess>> callers;
     for (int i = 0; i < clients; ++i) {
         callers.push_back(std::make_unique<ChildProcess>(
-            [=](int channel) { return callTogether(channel, name, callsEach); }));
+            [=](int channel) { return callTogether(channel, name, callsEach, pinned); }));
     }
     return operationsPerSecond(callers, static_cast<int64_t>(clients) * callsEach);
 }

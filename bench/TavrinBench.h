@@ -18,9 +18,9 @@ std::optional<double> callMicros(bool pinned, int iterations);
 std::optional<double> notifyExCallMicros(bool pinned, int iterations);
 // sendNotify notifications per second from a service to one client; the
 // service waits for the client after every batch.
-std::optional<double> notificationsPerSecond(int notifications);
+std::optional<double> notificationsPerSecond(bool pinned, int notifications);
 // ipcCalls per second of `clients` processes calling one service.
-std::optional<double> parallelCallsPerSecond(int clients, int callsEach);
+std::optional<double> parallelCallsPerSecond(bool pinned, int clients, int callsEach);
 // Median ipcCall round trip of a client to a sub-service in its own process.
 std::optional<double> subServiceCallMicros(bool pinned, int iterations);
 // Median time, in fresh client processes, from bindTo of a registered

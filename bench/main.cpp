@@ -47,12 +47,12 @@ void measureRoundTrips(const BenchOptions& options, Report* report) {
 void measureThroughput(const BenchOptions& options, Report* report) {
     fprintf(stderr, "one-way messages...\n");
     report->addThroughput("one-way 16 B messages", binder::oneWayPerSecond(options.oneWayMessages),
-                          raw::oneWayPerSecond(options.oneWayMessages), kMinThroughputRatio);
+                          raw::oneWayPerSecond(false, options.oneWayMessages), kMinThroughputRatio);
     fprintf(stderr, "%d clients...\n", options.parallelClients);
     report->addThroughput(
         std::to_string(options.parallelClients) + " clients, one service (calls)",
         binder::parallelCallsPerSecond(options.parallelClients, options.parallelCallsEach),
-        raw::parallelCallsPerSecond(options.parallelClients, options.parallelCallsEach),
+        raw::parallelCallsPerSecond(false, options.parallelClients, options.parallelCallsEach),
         kMinThroughputRatio);
 }
 
@@ -76,16 +76,24 @@ void measureTavrinCalls(const BenchOptions& options, Report* report) {
 }
 
 void measureTavrinThroughput(const BenchOptions& options, Report* report) {
-    fprintf(stderr, "tavrin notifications...\n");
-    report->addThroughput("sendNotify notifications",
-                          coupler::notificationsPerSecond(options.oneWayMessages),
-                          raw::oneWayPerSecond(options.oneWayMessages), kMinNotificationRatio);
-    fprintf(stderr, "tavrin, %d clients...\n", options.parallelClients);
-    report->addThroughput(
-        std::to_string(options.parallelClients) + " clients, one service (ipcCall)",
-        coupler::parallelCallsPerSecond(options.parallelClients, options.parallelCallsEach),
-        raw::parallelCallsPerSecond(options.parallelClients, options.parallelCallsEach),
-        kMinThroughputRatio);
+    for (bool pinned : {true, false}) {
+        const char* placement = placementOf(pinned);
+        fprintf(stderr, "tavrin notifications, %s...\n", placement);
+        report->addThroughput(std::string("sendNotify notifications, ") + placement,
+                              coupler::notificationsPerSecond(pinned, options.oneWayMessages),
+                              raw::oneWayPerSecond(pinned, options.oneWayMessages),
+                              kMinNotificationRatio);
+    }
+    for (bool pinned : {true, false}) {
+        const char* placement = placementOf(pinned);
+        fprintf(stderr, "tavrin, %d clients, %s...\n", options.parallelClients, placement);
+        report->addThroughput(
+            std::to_string(options.parallelClients) + " clients (ipcCall), " + placement,
+            coupler::parallelCallsPerSecond(pinned, options.parallelClients,
+                                            options.parallelCallsEach),
+            raw::parallelCallsPerSecond(pinned, options.parallelClients, options.parallelCallsEach),
+            kMinThroughputRatio);
+    }
 }
 
 void measureTavrinSubServices(const BenchOptions& options, Report* report) {
