@@ -25,7 +25,6 @@ using tavrin::tv_sp;
 using tavrin_test::LogCapture;
 using tavrin_test::LogLine;
 using testing::Contains;
-using testing::Not;
 
 size_t countLines(const LogCapture& log, const LogLine& wanted) {
     size_t count = 0;

@@ -7,7 +7,6 @@
 #include <time.h>
 
 #include <algorithm>
-#include <memory>
 
 #include "Log/AutoTrace.h"
 #include "coupler/binder/CarrierRequests.h"
