@@ -31,6 +31,18 @@ int64_t monotonicMillis() {
     return static_cast<int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
 }
 
+// The sub-service name that starts a request; a request without one is
+// logged as `missing` and gets an empty reply.
+bool readName(const android::Parcel& data, std::string* name, const char* missing) {
+    const char* text = data.readCString();
+    if (text == nullptr) {
+        __android_log_print(ANDROID_LOG_ERROR, kLogTag, "%s", missing);
+        return false;
+    }
+    name->assign(text);
+    return true;
+}
+
 // The calling process, as the transport saw it.
 int callingPid(int line) {
     android::IPCThreadState* ipc_thread_state = android::IPCThreadState::self();
@@ -98,12 +110,8 @@ void ServiceCarrier::ipcCall(const android::Parcel& data, android::Parcel* reply
 }
 
 void ServiceCarrier::getSubService(const android::Parcel& data, android::Parcel* reply) {
-    const char* name = data.readCString();
-    if (name == nullptr) {
-        __android_log_print(ANDROID_LOG_ERROR, kLogTag,
-                            "get sub service failed,arg sub service name is null");
-        return;
-    }
+    std::string name;
+    if (!readName(data, &name, "get sub service failed,arg sub service name is null")) return;
     tavrin::tv_sp<ISubServiceProxy> record = mSubServiceProxyManager.get(name);
     if (!record) record = awaitSubService(name, data);
     if (!record) {
@@ -148,13 +156,8 @@ tavrin::tv_sp<ISubServiceProxy> ServiceCarrier::awaitSubService(const std::strin
 }
 
 void ServiceCarrier::subServiceIpcCall(const android::Parcel& data, android::Parcel* reply) {
-    const char* nameText = data.readCString();
-    if (nameText == nullptr) {
-        __android_log_print(ANDROID_LOG_ERROR, kLogTag,
-                            "sub service action failed,sub service name is null");
-        return;
-    }
-    std::string name(nameText);
+    std::string name;
+    if (!readName(data, &name, "sub service action failed,sub service name is null")) return;
     tavrin::tv_sp<ISubServiceProxy> record = mSubServiceProxyManager.get(name);
     if (!record) {
         __android_log_print(ANDROID_LOG_ERROR, kLogTag,
@@ -171,13 +174,8 @@ void ServiceCarrier::subServiceIpcCall(const android::Parcel& data, android::Par
 }
 
 void ServiceCarrier::registerSubService(const android::Parcel& data, android::Parcel* reply) {
-    const char* nameText = data.readCString();
-    if (nameText == nullptr) {
-        __android_log_print(ANDROID_LOG_ERROR, kLogTag,
-                            "regitster sub servcie failed:sub service name is null");
-        return;
-    }
-    std::string name(nameText);
+    std::string name;
+    if (!readName(data, &name, "regitster sub servcie failed:sub service name is null")) return;
     if (!mService->acceptSubService(name)) {
         __android_log_print(ANDROID_LOG_ERROR, kLogTag,
                             "regitster sub servcie failed:master service deny!");
