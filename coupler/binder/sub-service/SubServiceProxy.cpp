@@ -38,7 +38,7 @@ SubServiceProxy::SubServiceProxy(std::string& name, android::sp<android::IBinder
     : name(name),
       remote(remote),
       protocol(protocol),
-      notifier(new Notifier(clients, protocol)),
+      notifier(withNotifier ? new Notifier(clients, protocol) : nullptr),
       deathRecipient(new SubServiceDeathRecipient(name, deathLink, this)) {
     AutoTrace trace("[Tavrin]", "SubServiceProxy", "SubServiceProxy", false);
     if (!withNotifier || registerNotifier()) watchAndNumber();
@@ -47,7 +47,7 @@ SubServiceProxy::SubServiceProxy(std::string& name, android::sp<android::IBinder
 SubServiceProxy::~SubServiceProxy() {
     { AutoTrace trace("[Tavrin]", "SubServiceProxy", "~SubServiceProxy", false); }
     // The sub-service may still hold the notifier: it must reach nobody now.
-    notifier->detach();
+    detach();
 }
 
 bool SubServiceProxy::registerNotifier() {
@@ -104,7 +104,7 @@ tavrin::Protocol& SubServiceProxy::getProtocol() {
 }
 
 void SubServiceProxy::detach() {
-    notifier->detach();
+    if (notifier != nullptr) notifier->detach();
 }
 
 bool SubServiceProxy::hasDied() {

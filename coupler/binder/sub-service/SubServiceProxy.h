@@ -66,14 +66,14 @@ class SubServiceProxy : public ISubServiceProxy {
 
     const std::string name;
     const android::sp<android::IBinder> remote;
-    tavrin::Protocol protocol;  // read only
-    android::sp<Notifier> notifier;
+    tavrin::Protocol protocol;       // read only
+    android::sp<Notifier> notifier;  // notifier form only
     android::sp<SubServiceDeathRecipient> deathRecipient;
     int session = -1;  // set during construction, read only afterwards
 };
 
 // Receives the sub-service's notifications for the clients of one
-// ClientsManager; in the plain form it is made but never registered.
+// ClientsManager.
 class SubServiceProxy::Notifier : public NotificationReceiver {
   public:
     Notifier(const tavrin::tv_sp<ClientsManager>& clients, tavrin::Protocol& protocol);
