@@ -38,7 +38,8 @@ BBinder::BBinder() = default;
 
 BBinder::~BBinder() {
     if (tvbinder::Runtime* runtime = tvbinder::Runtime::current()) {
-        runtime->exports().forget(this);
+        tvbinder::Token token;
+        if (runtime->exports().forget(this, &token)) runtime->oneWays().forget(token);
     }
 }
 

@@ -5,12 +5,17 @@
 #include <log/log.h>
 
 #include "Peer.h"
+#include "ProxyTable.h"
 #include "Runtime.h"
 
 namespace android {
 
 BpBinder::BpBinder(const sp<tvbinder::Peer>& owner, uint64_t tokenHi, uint64_t tokenLo)
-    : mOwner(owner), mTokenHi(tokenHi), mTokenLo(tokenLo) {}
+    : mOwner(owner), mTokenHi(tokenHi), mTokenLo(tokenLo) {
+    // Held only weakly it may still have death notices to deliver: the
+    // proxy table keeps it until then, and a new reference revives it.
+    extendObjectLifetime(OBJECT_LIFETIME_WEAK);
+}
 
 BpBinder::~BpBinder() = default;
 
@@ -69,11 +74,20 @@ status_t BpBinder::transact(uint32_t code, const Parcel& data, Parcel* reply, ui
 
 status_t BpBinder::linkToDeath(const sp<DeathRecipient>& recipient, void* cookie, uint32_t flags) {
     LOG_ALWAYS_FATAL_IF(recipient == nullptr, "linkToDeath needs a recipient");
-    if (!isBinderAlive() || mOwner->ensureWatched() != NO_ERROR) return DEAD_OBJECT;
-    std::lock_guard<std::mutex> guard(mLock);
-    if (mObituariesSent) return DEAD_OBJECT;
-    mObituaries.push_back(Obituary{recipient, cookie, flags});
-    return NO_ERROR;
+    {
+        std::lock_guard<std::mutex> guard(mLock);
+        if (mObituariesSent) return DEAD_OBJECT;
+        mObituaries.push_back(Obituary{recipient, cookie, flags});
+    }
+    status_t status = mOwner->ensureWatched();
+    if (status == NO_ERROR && !mOwner->isDead()) return NO_ERROR;
+    if (status == DEAD_OBJECT || mOwner->isDead()) {
+        // A proxy of an owner that is already gone gets its notice at once.
+        mOwner->runtime().deliverObituaries(this);
+        return NO_ERROR;
+    }
+    unlinkToDeath(recipient, cookie, flags);
+    return status;
 }
 
 status_t BpBinder::unlinkToDeath(const wp<DeathRecipient>& recipient, void* cookie, uint32_t flags,
@@ -100,6 +114,10 @@ void BpBinder::addGrantedReference() {
     mGrantedReferences.fetch_add(1, std::memory_order_relaxed);
 }
 
+uint32_t BpBinder::takeGrantedReferences() {
+    return mGrantedReferences.exchange(0, std::memory_order_relaxed);
+}
+
 void BpBinder::sendObituary() {
     std::vector<Obituary> obituaries;
     {
@@ -116,11 +134,20 @@ void BpBinder::sendObituary() {
     }
 }
 
+bool BpBinder::onIncStrongAttempted(uint32_t /*flags*/, const void* /*id*/) {
+    return tvbinder::ProxyTable::revivingOnThisThread();
+}
+
 void BpBinder::onLastStrongRef(const void* /*id*/) {
     tvbinder::Runtime& runtime = mOwner->runtime();
     if (!runtime.isCurrent()) return;  // a forked child does not speak for its parent
-    runtime.proxies().remove(this);
-    uint32_t granted = mGrantedReferences.exchange(0, std::memory_order_relaxed);
+    bool awaitsDeath;
+    {
+        std::lock_guard<std::mutex> guard(mLock);
+        awaitsDeath = !mObituariesSent && !mObituaries.empty();
+    }
+    uint32_t granted = 0;
+    if (!runtime.proxies().retire(this, awaitsDeath, &granted)) return;
     if (granted > 0) {
         runtime.dispatcher().sendRelease(mOwner, tvbinder::Token{mTokenHi, mTokenLo}, granted);
     }

@@ -28,8 +28,6 @@ namespace tvbinder {
 
 namespace {
 
-// How long a sender waits for room in a receiver's socket before it gives up.
-constexpr int kSendTimeoutMs = 2000;
 // Bounds connect() when the listener's backlog is full.
 constexpr time_t kConnectTimeoutSeconds = 5;
 
@@ -168,16 +166,25 @@ sp<Connection> Connection::connectTo(const std::string& address, int* error) {
     return connection;
 }
 
-void Connection::setReceiveTimeout(int ms) {
-    timeval timeout{ms / 1000, (ms % 1000) * 1000};
-    setsockopt(mFd.get(), SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof(timeout));
+bool Connection::refusesConnections(const std::string& address) {
+    int fd = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+    if (fd < 0) return false;
+    socklen_t length;
+    sockaddr_un target = abstractAddress(address, &length);
+    int result;
+    do {
+        result = connect(fd, reinterpret_cast<sockaddr*>(&target), length);
+    } while (result < 0 && errno == EINTR);
+    const bool refused = result < 0 && (errno == ECONNREFUSED || errno == ENOENT);
+    ::close(fd);
+    return refused;
 }
 
 sp<Connection> Connection::adoptAccepted(int fd) {
     return new Connection(fd);
 }
 
-status_t Connection::send(const OutgoingFrame& frame) {
+status_t Connection::send(const OutgoingFrame& frame, int waitMs) {
     FrameHeader header = frame.header;
     header.objectCount = static_cast<uint32_t>(frame.offsets.size());
     const size_t bodySize = frameBodySize(header);
@@ -233,13 +240,11 @@ status_t Connection::send(const OutgoingFrame& frame) {
             ALOGW("sendmsg failed: %s", strerror(errno));
             return FAILED_TRANSACTION;
         }
-        if (deadline == 0) deadline = nowMs() + kSendTimeoutMs;
+        if (waitMs <= 0) return WOULD_BLOCK;
+        if (deadline == 0) deadline = nowMs() + waitMs;
         int64_t left = deadline - nowMs();
         pollfd waiter{mFd.get(), POLLOUT, 0};
-        if (left <= 0 || poll(&waiter, 1, static_cast<int>(left)) == 0) {
-            ALOGW("peer %d does not drain its connection; frame dropped", mPeerPid);
-            return WOULD_BLOCK;
-        }
+        if (left <= 0 || poll(&waiter, 1, static_cast<int>(left)) == 0) return WOULD_BLOCK;
     }
 }
 

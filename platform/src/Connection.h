@@ -30,6 +30,8 @@ class Connection : public RefBase, public EventSource {
     static sp<Connection> connectTo(const std::string& address, int* error);
     // Wraps a descriptor returned by accept4.
     static sp<Connection> adoptAccepted(int fd);
+    // True when nothing listens on `address` any more. Never blocks.
+    static bool refusesConnections(const std::string& address);
 
     int fd() const { return mFd.get(); }
     // The peer's credentials as the kernel saw them when the connection was made.
@@ -40,10 +42,11 @@ class Connection : public RefBase, public EventSource {
     const sp<Peer>& peer() const { return mPeer; }
     void setPeer(const sp<Peer>& peer);
 
-    // Sends one frame. Waits for socket space only for a bounded time:
-    // WOULD_BLOCK when the receiver does not drain it. DEAD_OBJECT when the
-    // peer closed the connection.
-    status_t send(const OutgoingFrame& frame);
+    // Sends one frame, waiting up to `waitMs` for socket space: WOULD_BLOCK
+    // when the receiver does not drain it. DEAD_OBJECT when the peer closed
+    // the connection.
+    status_t send(const OutgoingFrame& frame, int waitMs = kSendTimeoutMs);
+    static constexpr int kSendTimeoutMs = 2000;
     // Receives one frame: DEAD_OBJECT at end of stream, WOULD_BLOCK when
     // nothing is waiting and `block` is false, BAD_VALUE for a frame that is
     // malformed at the transport level (it is dropped with its descriptors).
@@ -68,12 +71,17 @@ class Connection : public RefBase, public EventSource {
     bool helloDone = false;
     bool answersHello = false;  // accepted on the context manager's address
     bool isLink = false;        // the peer's one-way link
-    // Makes blocking receives give up after `ms` (WOULD_BLOCK).
-    void setReceiveTimeout(int ms);
-    // One-way bytes waiting on busy objects; over the cap the connection is
-    // parked (not re-armed) until they drain.
-    std::atomic<size_t> queuedBytes{0};
-    std::atomic<bool> parked{false};
+
+    // One-way accounting of a link, in oneWayCost() units. The sender counts
+    // what it sent and what the receiver acknowledged; the receiver what it
+    // received, what ran, and what it acknowledged.
+    std::atomic<uint64_t> oneWaySent{0};
+    std::atomic<uint64_t> oneWayReceived{0};
+    std::atomic<uint64_t> oneWayConsumed{0};
+    std::atomic<uint64_t> oneWayAcked{0};
+    std::atomic<bool> ackWanted{false};
+    // Set on this process's own link to a peer.
+    bool isOutgoingLink = false;
 
   private:
     explicit Connection(int fd);

@@ -6,6 +6,7 @@
 #include <errno.h>
 #include <log/log.h>
 #include <poll.h>
+#include <sched.h>
 #include <string.h>
 
 #include <algorithm>
@@ -19,14 +20,11 @@ namespace tvbinder {
 
 namespace {
 
-// One-way bytes a connection may have waiting on busy objects before the
-// pool stops reading it; reading resumes below half of it.
-constexpr size_t kOneWayBacklogCap = 512 * 1024;
-// All connections together: beyond it, a connection that adds more is dropped.
-constexpr size_t kProcessOneWayCap = 32 * 1024 * 1024;
-constexpr size_t kOneWayOverhead = sizeof(PendingOneWay);
-// Frames read from a connection per wake-up.
-constexpr size_t kOneWayBatch = 64;
+// One-way bytes of all links together that may wait for their objects:
+// beyond it, a link that adds more is dropped.
+constexpr uint64_t kProcessOneWayCap = 32 * 1024 * 1024;
+// Frames read from a link per wake-up.
+constexpr size_t kLinkReadBudget = 256;
 // How long a pool thread keeps reading a busy connection before handing it
 // back to epoll: a stream of calls or one-ways then costs one receive each,
 // not a wake-up each.
@@ -54,9 +52,12 @@ status_t Dispatcher::prepareObjects(const Parcel& parcel, const sp<Peer>& destin
             status = mRuntime.exports().grant(token, destination);
             if (status == NO_ERROR) grants->local.push_back(token);
         } else if (BpBinder* proxy = object.binder->remoteBinder()) {
-            // Back to its owner it becomes the owner's object again: nothing to grant.
+            // Back to its owner it becomes the owner's object again: nothing to
+            // grant. An object whose owner died travels as it is: the receiver
+            // finds it dead.
             if (proxy->owner()->endpoint() != destination->endpoint()) {
                 status = requestGrant(*proxy, destination->endpoint());
+                if (status == DEAD_OBJECT && proxy->owner()->isDead()) status = NO_ERROR;
             }
         }
         if (status != NO_ERROR) {
@@ -98,14 +99,22 @@ status_t Dispatcher::transact(BpBinder& target, uint32_t code, const Parcel& dat
     if (status != NO_ERROR) return status;
 
     if ((flags & IBinder::FLAG_ONEWAY) != 0) {
-        status = owner->sendOnLink(frame);
+        status = owner->sendOneWay(frame);
         if (status != NO_ERROR) undoGrants(grants, owner);
         return status;
     }
+    frame.header.argument = currentChain();
     bool sent = false;
     status = roundTrip(owner, frame, reply, &sent);
     if (!sent) undoGrants(grants, owner);
     return status;
+}
+
+uint64_t Dispatcher::currentChain() {
+    IPCThreadState* thread = IPCThreadState::self();
+    if (thread->mChain != 0) return thread->mChain;
+    if (thread->mOwnChain == 0) thread->mOwnChain = Token::random().hi | 1;
+    return thread->mOwnChain;
 }
 
 Connection* Dispatcher::servingConnectionFor(const Peer& peer) {
@@ -151,9 +160,36 @@ status_t Dispatcher::roundTrip(const sp<Peer>& peer, const OutgoingFrame& frame,
 }
 
 status_t Dispatcher::awaitReply(Connection& connection, Parcel* reply) {
+    IPCThreadState* thread = IPCThreadState::self();
+    if (thread->mMailbox == nullptr || !thread->mMailbox->current()) {
+        delete thread->mMailbox;
+        thread->mMailbox = new ChainMailbox();
+    }
+    const uint64_t chain = currentChain();
+    mRuntime.chains().enter(chain, thread->mMailbox);
+    status_t status = receiveReply(connection, reply, *thread->mMailbox);
+    mRuntime.chains().leave(chain, thread->mMailbox);
+    serveHandedCalls(*thread->mMailbox);  // those handed just before it left
+    return status;
+}
+
+void Dispatcher::serveHandedCalls(ChainMailbox& mailbox) {
+    HandedCall call;
+    while (mailbox.take(&call)) {
+        serveRequest(*call.connection, *call.frame);
+        mRuntime.rearm(call.connection);
+    }
+}
+
+status_t Dispatcher::receiveReply(Connection& connection, Parcel* reply, ChainMailbox& mailbox) {
     for (;;) {
+        pollfd waiters[2] = {{connection.fd(), POLLIN, 0}, {mailbox.fd(), POLLIN, 0}};
+        if (poll(waiters, 2, -1) < 0) continue;  // EINTR
+        if ((waiters[1].revents & POLLIN) != 0) serveHandedCalls(mailbox);
+        if (waiters[0].revents == 0) continue;
         Frame frame;
-        status_t status = connection.receive(&frame, true);
+        status_t status = connection.receive(&frame, false);
+        if (status == WOULD_BLOCK) continue;
         if (status == NO_ERROR) status = frame.validate();
         if (status != NO_ERROR) {
             connection.markBroken();
@@ -162,7 +198,7 @@ status_t Dispatcher::awaitReply(Connection& connection, Parcel* reply) {
         }
         switch (frame.kind()) {
             case FrameKind::kReply: {
-                if (frame.header.status < 0) {
+                if (frame.header.status != NO_ERROR) {
                     if (reply != nullptr) reply->freeData();
                     return frame.header.status;
                 }
@@ -193,18 +229,14 @@ status_t Dispatcher::awaitReply(Connection& connection, Parcel* reply) {
 
 void Dispatcher::sendRelease(const sp<Peer>& owner, const Token& token, uint32_t count) {
     if (owner->isDead() || !mRuntime.isCurrent()) return;
-    OutgoingFrame frame = OutgoingFrame::make(FrameKind::kRelease);
-    frame.header.tokenHi = token.hi;
-    frame.header.tokenLo = token.lo;
-    frame.header.argument = count;
-    owner->sendOnLink(frame);
+    owner->sendRelease(token, count);
 }
 
 // ---- Receiving ----
 
 void Dispatcher::onReadable(const sp<Connection>& connection) {
     if (connection->isLink) {
-        handleOneWay(connection, nullptr);
+        readLink(connection);
         return;
     }
     for (;;) {
@@ -231,19 +263,20 @@ void Dispatcher::onReadable(const sp<Connection>& connection) {
             mRuntime.rearm(connection);
             return;
         }
+        // One-ways and releases travel on links only, in order.
         switch (frame.kind()) {
             case FrameKind::kTransaction:
                 if ((frame.header.flags & IBinder::FLAG_ONEWAY) != 0) {
-                    handleOneWay(connection, &frame);
-                    return;
+                    ALOGW("one-way outside a link from pid %d", connection->peerPid());
+                    connection->markBroken();
+                    break;
                 }
+                // The waiting thread answers it and hands the connection back.
+                if (mRuntime.chains().handOff(frame.header.argument, connection, frame)) return;
                 serveRequest(*connection, frame);
                 break;
             case FrameKind::kGrant:
                 serveRequest(*connection, frame);
-                break;
-            case FrameKind::kRelease:
-                handleRelease(*connection, frame);
                 break;
             default:
                 ALOGW("unexpected frame of kind %u from pid %d", frame.header.kind,
@@ -279,10 +312,7 @@ status_t Dispatcher::handleHello(Connection& connection, const Frame& frame) {
     if (status != NO_ERROR) return status;
     connection.setPeer(peer);
     connection.helloDone = true;
-    if ((frame.header.flags & kHelloLink) != 0) {
-        connection.isLink = true;
-        connection.setReceiveTimeout(kLingerMs);
-    }
+    if ((frame.header.flags & kHelloLink) != 0) connection.isLink = true;
     if (!connection.answersHello) return NO_ERROR;
     OutgoingFrame answer = OutgoingFrame::make(FrameKind::kHelloAnswer);
     answer.header.argument = mRuntime.endpoint();
@@ -305,8 +335,8 @@ void Dispatcher::serveRequest(Connection& connection, Frame& frame) {
             ALOGW("pid %d called an object it does not hold", connection.peerPid());
             status = FAILED_TRANSACTION;
         } else if (status == NO_ERROR) {
-            status =
-                execute(connection, *target, frame.header.code, data, &reply, frame.header.flags);
+            status = execute(connection, *target, frame.header.code, data, &reply,
+                             frame.header.flags, frame.header.argument);
         }
     }
     sendReply(connection, status, &reply);
@@ -324,17 +354,21 @@ status_t Dispatcher::serveGrant(Connection& connection, const Frame& frame) {
 }
 
 status_t Dispatcher::execute(Connection& connection, BBinder& target, uint32_t code,
-                             const Parcel& data, Parcel* reply, uint32_t flags) {
+                             const Parcel& data, Parcel* reply, uint32_t flags, uint64_t chain) {
     IPCThreadState* thread = IPCThreadState::self();
     const pid_t savedPid = thread->mCallingPid;
     const uid_t savedUid = thread->mCallingUid;
+    const uint64_t savedChain = thread->mChain;
     thread->mCallingPid = connection.peerPid();
     thread->mCallingUid = connection.peerUid();
-    // A one-way caller waits for nothing: calls made from it go the normal way.
+    // A one-way caller waits for nothing: calls made from it start a chain
+    // of their own and go the normal way.
     const bool synchronous = (flags & IBinder::FLAG_ONEWAY) == 0;
+    thread->mChain = synchronous ? chain : 0;
     if (synchronous) thread->mServing.push_back(&connection);
     status_t status = target.transact(code, data, reply, flags);
     if (synchronous) thread->mServing.pop_back();
+    thread->mChain = savedChain;
     thread->mCallingPid = savedPid;
     thread->mCallingUid = savedUid;
     return status;
@@ -343,10 +377,13 @@ status_t Dispatcher::execute(Connection& connection, BBinder& target, uint32_t c
 void Dispatcher::sendReply(Connection& connection, status_t status, const Parcel* reply) {
     OutgoingFrame frame = OutgoingFrame::make(FrameKind::kReply);
     Grants grants;
-    if (status >= NO_ERROR) {
+    // A handler's negative status, or an error set on the reply (whatever its
+    // sign), replaces the reply's data.
+    if (status >= NO_ERROR) status = reply->errorCheck();
+    if (status == NO_ERROR) {
         status = prepareObjects(*reply, connection.peer(), &frame, &grants);
     }
-    if (status < NO_ERROR) {
+    if (status != NO_ERROR) {
         frame = OutgoingFrame::make(FrameKind::kReply);
         frame.header.status = status;
     }
@@ -356,169 +393,114 @@ void Dispatcher::sendReply(Connection& connection, status_t status, const Parcel
     }
 }
 
-void Dispatcher::handleOneWay(const sp<Connection>& connection, Frame* first) {
-    std::vector<OneWayRun> admitted;
-    std::vector<OneWayRun> runnable;
-    Admission admission = Admission::kAccepted;
-    size_t taken = 0;
-    if (first != nullptr) {
-        admission = admitOneWay(connection, *first, &admitted, &runnable);
-        taken = 1;
+void Dispatcher::readLink(const sp<Connection>& link) {
+    // The link is read to the end, then what was read runs on this thread,
+    // then the link is read again: a stream of one-ways costs neither
+    // wake-ups nor re-arming. Releases and requests for acknowledgement never
+    // wait behind one-ways, and the sender's budget bounds what is queued.
+    bool held = false;
+    bool yielded = false;
+    for (;;) {
+        if (!readWaiting(link)) {
+            if (held) mRuntime.stallGuard().release(link);
+            mRuntime.drop(link);
+            return;
+        }
+        if (mRuntime.pool().hasPostedTasks()) {
+            mRuntime.stallGuard().hold(link);
+            held = true;
+            mRuntime.pool().runPosted();
+            if (!mRuntime.stallGuard().refresh(link)) return;  // another thread reads it now
+            yielded = false;
+            continue;
+        }
+        if (held && !mRuntime.stallGuard().release(link)) return;
+        held = false;
+        // A sender on this CPU gets to go on once before this thread sleeps:
+        // the one-ways it sends meanwhile are read in one go.
+        if (!yielded) {
+            yielded = true;
+            sched_yield();
+            continue;
+        }
+        yielded = false;
+        // The sender is woken straight by the socket then, not through epoll.
+        if (!lingerOn(*link)) break;
     }
-    // Frames that already wait are taken in the same go, several per system
-    // call: a burst of one-ways costs one wake-up and one re-arm, not one per
-    // frame, and reaches the object table once per object, not once per
-    // frame. While everything read so far only queued behind running calls,
-    // a link is read on with a blocking receive (bounded by its timeout) as
-    // long as other pool threads are free for the rest of the work.
-    bool drained = false;
-    while (admission == Admission::kAccepted) {
+    mRuntime.rearm(link);
+}
+
+bool Dispatcher::readWaiting(const sp<Connection>& link) {
+    size_t taken = 0;
+    while (taken < kLinkReadBudget) {
         Frame frames[kReceiveBatch];
         status_t statuses[kReceiveBatch];
-        size_t count = 0;
-        if (drained || taken >= kOneWayBatch) {
-            handOver(&admitted, &runnable);
-            if (!connection->isLink || !runnable.empty() || !mRuntime.pool().hasIdleThreads()) {
-                break;
-            }
-            statuses[0] = connection->receive(&frames[0], true);
-            if (statuses[0] == WOULD_BLOCK) break;
-            count = 1;
-            taken = 0;
-            drained = false;
-        } else {
-            const size_t wanted = std::min(kReceiveBatch, kOneWayBatch - taken);
-            count = connection->receiveWaiting(frames, statuses, wanted);
-            drained = count < wanted;
-        }
+        const size_t count = link->receiveWaiting(frames, statuses, kReceiveBatch);
         taken += count;
-        for (size_t i = 0; i < count && admission == Admission::kAccepted; ++i) {
-            admission = takeLinkFrame(connection, frames[i], statuses[i], &admitted, &runnable);
+        for (size_t i = 0; i < count; ++i) {
+            status_t status = statuses[i] == NO_ERROR ? frames[i].validate() : statuses[i];
+            if (status != NO_ERROR) {
+                if (status != DEAD_OBJECT) ALOGW("malformed frame from pid %d", link->peerPid());
+                return false;
+            }
+            if (!takeLinkFrame(*link, frames[i])) return false;
         }
+        if (count < kReceiveBatch) break;
     }
-    handOver(&admitted, &runnable);
-    if (admission == Admission::kAccepted) mRuntime.rearm(connection);
-    for (OneWayRun& run : runnable) runOneWays(std::move(run));
+    return true;
 }
 
-Dispatcher::Admission Dispatcher::takeLinkFrame(const sp<Connection>& connection, Frame& frame,
-                                                status_t status, std::vector<OneWayRun>* admitted,
-                                                std::vector<OneWayRun>* runnable) {
-    if (status == NO_ERROR) status = frame.validate();
-    if (status != NO_ERROR) {
-        if (status != DEAD_OBJECT) ALOGW("malformed frame from pid %d", connection->peerPid());
-        mRuntime.drop(connection);
-        return Admission::kDropped;
+bool Dispatcher::takeLinkFrame(Connection& link, Frame& frame) {
+    switch (frame.kind()) {
+        case FrameKind::kTransaction:
+            if ((frame.header.flags & IBinder::FLAG_ONEWAY) != 0) return admitOneWay(link, frame);
+            break;
+        case FrameKind::kRelease:
+            handleRelease(link, frame);
+            return true;
+        case FrameKind::kAckRequest:
+            mRuntime.oneWays().onAckRequest(link);
+            return true;
+        default:
+            break;
     }
-    if (frame.kind() == FrameKind::kTransaction &&
-        (frame.header.flags & IBinder::FLAG_ONEWAY) != 0) {
-        return admitOneWay(connection, frame, admitted, runnable);
-    }
-    if (frame.kind() == FrameKind::kRelease) {
-        handleRelease(*connection, frame);
-    } else if (frame.kind() == FrameKind::kTransaction || frame.kind() == FrameKind::kGrant) {
-        // One-ways sent before it reach their objects first.
-        handOver(admitted, runnable);
-        serveRequest(*connection, frame);
-    } else {
-        ALOGW("unexpected frame of kind %u from pid %d", frame.header.kind, connection->peerPid());
-        mRuntime.drop(connection);
-        return Admission::kDropped;
-    }
-    return Admission::kAccepted;
+    ALOGW("unexpected frame of kind %u on the link of pid %d", frame.header.kind, link.peerPid());
+    return false;
 }
 
-Dispatcher::Admission Dispatcher::admitOneWay(const sp<Connection>& connection, Frame& frame,
-                                              std::vector<OneWayRun>* admitted,
-                                              std::vector<OneWayRun>* runnable) {
-    const Token token = frame.token();
+bool Dispatcher::admitOneWay(Connection& link, Frame& frame) {
+    const uint64_t cost = oneWayCost(frame.header.dataSize);
+    const uint64_t received = link.oneWayReceived.load(std::memory_order_relaxed);
+    const uint64_t backlog = received - link.oneWayConsumed.load(std::memory_order_acquire);
+    if (!fitsOneWayBudget(backlog, cost)) {
+        ALOGW("pid %d sent one-ways beyond its budget; dropping its link", link.peerPid());
+        return false;
+    }
+    if (mRuntime.oneWays().queuedBytes() + cost > kProcessOneWayCap) {
+        ALOGW("one-way backlog of the process is full; dropping the link of pid %d",
+              link.peerPid());
+        return false;
+    }
+    link.oneWayReceived.store(received + cost, std::memory_order_relaxed);
+    mRuntime.oneWays().addQueued(cost);
     auto call = std::make_unique<PendingOneWay>();
-    if (decodeParcel(frame, *connection, &call->data) != NO_ERROR) {
-        ALOGW("dropping a malformed one-way from pid %d", connection->peerPid());
-        mRuntime.drop(connection);
-        return Admission::kDropped;
+    call->cost = cost;
+    if (decodeParcel(frame, link, &call->data) != NO_ERROR) {
+        ALOGW("malformed one-way from pid %d", link.peerPid());
+        mRuntime.oneWays().consumed(link, cost);
+        return false;
     }
-    call->target = mRuntime.exports().lookup(token, connection->peer()->endpoint());
+    call->target = mRuntime.exports().lookup(frame.token(), link.peer()->endpoint());
     if (call->target == nullptr) {
-        ALOGW("pid %d called an object it does not hold", connection->peerPid());
-        return Admission::kAccepted;
+        ALOGW("pid %d called an object it does not hold", link.peerPid());
+        mRuntime.oneWays().consumed(link, cost);
+        return true;
     }
-    call->from = connection;
+    call->from = &link;
     call->code = frame.header.code;
     call->flags = frame.header.flags;
-    call->bytes = call->data.dataSize() + kOneWayOverhead;
-    const size_t bytes = call->bytes;
-    // Counted before it is handed over: then another thread may settle it.
-    // Near a cap, what was read so far is handed over first, so that only
-    // calls that wait behind running ones are held against it.
-    if (mQueuedBytes.fetch_add(bytes) + bytes > kProcessOneWayCap) {
-        mQueuedBytes.fetch_sub(bytes);
-        handOver(admitted, runnable);
-        if (mQueuedBytes.fetch_add(bytes) + bytes > kProcessOneWayCap) {
-            mQueuedBytes.fetch_sub(bytes);
-            ALOGW("one-way backlog of the process is full; dropping the connection of pid %d",
-                  connection->peerPid());
-            mRuntime.drop(connection);
-            return Admission::kDropped;
-        }
-    }
-    connection->queuedBytes.fetch_add(bytes);
-    auto run = std::find_if(admitted->begin(), admitted->end(),
-                            [&](const OneWayRun& candidate) { return candidate.token == token; });
-    if (run == admitted->end()) {
-        admitted->push_back(OneWayRun{token, {}});
-        run = admitted->end() - 1;
-    }
-    run->calls.push_back(std::move(call));
-    if (connection->queuedBytes.load() <= kOneWayBacklogCap) return Admission::kAccepted;
-    handOver(admitted, runnable);
-    if (connection->queuedBytes.load() <= kOneWayBacklogCap) return Admission::kAccepted;
-    connection->parked.store(true);
-    ALOGW("one-way backlog of pid %d is full; pausing its connection", connection->peerPid());
-    // The queue may have drained meanwhile; whoever clears the flag re-arms.
-    bool expected = true;
-    if (connection->queuedBytes.load() <= kOneWayBacklogCap / 2 &&
-        connection->parked.compare_exchange_strong(expected, false)) {
-        return Admission::kAccepted;
-    }
-    return Admission::kParked;
-}
-
-void Dispatcher::handOver(std::vector<OneWayRun>* admitted, std::vector<OneWayRun>* runnable) {
-    for (OneWayRun& run : *admitted) {
-        if (mRuntime.exports().beginOneWays(run.token, run.calls)) {
-            // The first call runs now; the others wait behind it and stay counted.
-            settleBacklog(*run.calls.front());
-            runnable->push_back(std::move(run));
-        }
-    }
-    admitted->clear();
-}
-
-void Dispatcher::runOneWays(OneWayRun run) {
-    // The first was settled when it was handed over.
-    for (size_t i = 0; i < run.calls.size(); ++i) {
-        std::unique_ptr<PendingOneWay> call = std::move(run.calls[i]);
-        if (i > 0) settleBacklog(*call);
-        Parcel ignored;
-        execute(*call->from, *call->target, call->code, call->data, &ignored, call->flags);
-    }
-    while (std::unique_ptr<PendingOneWay> call = mRuntime.exports().nextOneWay(run.token)) {
-        settleBacklog(*call);
-        Parcel ignored;
-        execute(*call->from, *call->target, call->code, call->data, &ignored, call->flags);
-    }
-}
-
-void Dispatcher::settleBacklog(const PendingOneWay& call) {
-    Connection& connection = *call.from;
-    mQueuedBytes.fetch_sub(call.bytes);
-    size_t left = connection.queuedBytes.fetch_sub(call.bytes) - call.bytes;
-    bool expected = true;
-    if (left <= kOneWayBacklogCap / 2 && connection.parked.load() &&
-        connection.parked.compare_exchange_strong(expected, false)) {
-        mRuntime.rearm(call.from);
-    }
+    mRuntime.oneWays().enqueue(frame.token(), std::move(call));
+    return true;
 }
 
 void Dispatcher::handleRelease(Connection& connection, const Frame& frame) {

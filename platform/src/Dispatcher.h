@@ -9,9 +9,9 @@
 #include <memory>
 #include <vector>
 
+#include "ChainRegistry.h"
 #include "Connection.h"
 #include "Frame.h"
-#include "PendingOneWay.h"
 #include "Token.h"
 
 namespace android {
@@ -37,17 +37,12 @@ class Dispatcher {
 
     // Pool thread: the accepted connection has a frame (or was closed).
     void onReadable(const sp<Connection>& connection);
+    // Runs a received transaction on `target` as the connection's peer, as
+    // part of `chain` (synchronous ones).
+    status_t execute(Connection& connection, BBinder& target, uint32_t code, const Parcel& data,
+                     Parcel* reply, uint32_t flags, uint64_t chain = 0);
 
   private:
-    // What became of a one-way taken off a connection: kAccepted (running or
-    // queued; keep reading), kParked (backlog full), kDropped (connection gone).
-    enum class Admission { kAccepted, kParked, kDropped };
-    // One-ways to one object, in the order sent.
-    struct OneWayRun {
-        Token token;
-        std::vector<std::unique_ptr<PendingOneWay>> calls;
-    };
-
     // The references granted for one outgoing frame, undone if it is not sent.
     struct Grants {
         std::vector<Token> local;
@@ -60,41 +55,37 @@ class Dispatcher {
     // Sends a request to `peer` and waits for its reply. `*sent` tells whether
     // it left the process.
     status_t roundTrip(const sp<Peer>& peer, const OutgoingFrame& frame, Parcel* reply, bool* sent);
+    // Waits for the reply on `connection`, running meanwhile the calls that
+    // arrive on it and those of the thread's chain that arrive elsewhere.
     status_t awaitReply(Connection& connection, Parcel* reply);
+    status_t receiveReply(Connection& connection, Parcel* reply, ChainMailbox& mailbox);
+    void serveHandedCalls(ChainMailbox& mailbox);
+    // The chain the calling thread's synchronous calls belong to.
+    static uint64_t currentChain();
     Connection* servingConnectionFor(const Peer& peer);
 
     // A transaction or grant request: runs it and replies on `connection`.
     void serveRequest(Connection& connection, Frame& frame);
     status_t serveGrant(Connection& connection, const Frame& frame);
-    status_t execute(Connection& connection, BBinder& target, uint32_t code, const Parcel& data,
-                     Parcel* reply, uint32_t flags);
     void sendReply(Connection& connection, status_t status, const Parcel* reply);
     status_t handleHello(Connection& connection, const Frame& frame);
     // True when another frame arrived on `connection` within a short wait.
     bool lingerOn(const Connection& connection);
-    // Reads a connection's waiting one-ways (after `first`, if given; a
-    // link is read here from its first frame) and runs those whose object
-    // is idle.
-    void handleOneWay(const sp<Connection>& connection, Frame* first);
-    // A frame that followed a one-way on its connection: admitted, run or
-    // refused.
-    Admission takeLinkFrame(const sp<Connection>& connection, Frame& frame, status_t status,
-                            std::vector<OneWayRun>* admitted, std::vector<OneWayRun>* runnable);
-    Admission admitOneWay(const sp<Connection>& connection, Frame& frame,
-                          std::vector<OneWayRun>* admitted, std::vector<OneWayRun>* runnable);
-    // Hands the admitted calls to their objects: those whose object was idle
-    // move to `runnable` (the first no longer counted against the backlog),
-    // the others are queued behind the running call.
-    void handOver(std::vector<OneWayRun>* admitted, std::vector<OneWayRun>* runnable);
-    void runOneWays(OneWayRun run);
-    void settleBacklog(const PendingOneWay& call);
+    // Reads what waits on a peer's link (one-ways, releases, requests for
+    // acknowledgement), queues the one-ways on their objects, and hands the
+    // link back to epoll.
+    void readLink(const sp<Connection>& link);
+    // Reads (up to a budget) what waits on the link; false when it must be
+    // dropped.
+    bool readWaiting(const sp<Connection>& link);
+    bool takeLinkFrame(Connection& link, Frame& frame);
+    bool admitOneWay(Connection& link, Frame& frame);
     void handleRelease(Connection& connection, const Frame& frame);
     // Builds the received Parcel: descriptors and resolved objects.
     status_t decodeParcel(Frame& frame, const Connection& from, Parcel* out);
     sp<IBinder> resolveBinder(uint64_t endpoint, const Token& token, const Connection& from);
 
     Runtime& mRuntime;
-    std::atomic<size_t> mQueuedBytes{0};  // one-ways waiting on busy objects
 };
 
 }  // namespace tvbinder

@@ -5,7 +5,7 @@ namespace tvbinder {
 
 // What an epoll registration of the thread pool points at.
 struct EventSource {
-    enum class Type { kListener, kConnection, kPeerWatch };
+    enum class Type { kListener, kConnection, kPeerWatch, kWake, kTimer };
     explicit EventSource(Type t) : type(t) {}
     const Type type;
 };

@@ -77,12 +77,14 @@ std::vector<sp<BBinder>> ExportTable::dropHolder(uint64_t holder) {
     return released;
 }
 
-void ExportTable::forget(const BBinder* binder) {
+bool ExportTable::forget(const BBinder* binder, Token* token) {
     std::lock_guard<std::mutex> guard(mLock);
     auto known = mTokens.find(binder);
-    if (known == mTokens.end()) return;
+    if (known == mTokens.end()) return false;
+    *token = known->second;
     mEntries.erase(known->second);
     mTokens.erase(known);
+    return true;
 }
 
 void ExportTable::setContextObject(const sp<BBinder>& object) {
@@ -106,35 +108,6 @@ sp<BBinder> ExportTable::contextObject() {
     std::lock_guard<std::mutex> guard(mLock);
     auto it = mEntries.find(kContextToken);
     return it == mEntries.end() ? nullptr : it->second.strong;
-}
-
-bool ExportTable::beginOneWays(const Token& token,
-                               std::vector<std::unique_ptr<PendingOneWay>>& calls) {
-    std::lock_guard<std::mutex> guard(mLock);
-    auto it = mEntries.find(token);
-    if (it == mEntries.end()) return true;  // the caller holds the object: it cannot vanish
-    Entry& entry = it->second;
-    if (!entry.oneWayBusy) {
-        entry.oneWayBusy = true;
-        return true;
-    }
-    for (auto& call : calls) entry.oneWays.push_back(std::move(call));
-    calls.clear();
-    return false;
-}
-
-std::unique_ptr<PendingOneWay> ExportTable::nextOneWay(const Token& token) {
-    std::lock_guard<std::mutex> guard(mLock);
-    auto it = mEntries.find(token);
-    if (it == mEntries.end()) return nullptr;
-    Entry& entry = it->second;
-    if (entry.oneWays.empty()) {
-        entry.oneWayBusy = false;
-        return nullptr;
-    }
-    std::unique_ptr<PendingOneWay> next = std::move(entry.oneWays.front());
-    entry.oneWays.pop_front();
-    return next;
 }
 
 size_t ExportTable::heldCount() {

@@ -3,13 +3,10 @@
 #include <binder/Binder.h>
 #include <stdint.h>
 
-#include <deque>
-#include <memory>
 #include <mutex>
 #include <unordered_map>
 #include <vector>
 
-#include "PendingOneWay.h"
 #include "Token.h"
 
 namespace android {
@@ -19,8 +16,7 @@ class Peer;
 
 // The local objects that left this process. Each has a token and, per peer
 // endpoint, the number of references granted to that peer; while any count is
-// above zero the table keeps the object alive. Also serialises the one-way
-// transactions of each object.
+// above zero the table keeps the object alive.
 class ExportTable {
   public:
     // The object's token, given on first use.
@@ -36,19 +32,12 @@ class ExportTable {
     sp<BBinder> release(const Token& token, uint64_t holder, uint64_t count);
     // Drops all references of a dead holder.
     std::vector<sp<BBinder>> dropHolder(uint64_t holder);
-    // Called when an object is destroyed.
-    void forget(const BBinder* binder);
+    // Called when an object is destroyed; its token, if it had one, in *token.
+    bool forget(const BBinder* binder, Token* token);
 
     // Serves `object` under the context token for as long as the process lives.
     void setContextObject(const sp<BBinder>& object);
     sp<BBinder> contextObject();
-
-    // True when `calls` (in the order sent) may run now: the object is marked
-    // busy. Otherwise they were moved to the queue behind its running one-way.
-    bool beginOneWays(const Token& token, std::vector<std::unique_ptr<PendingOneWay>>& calls);
-    // The next queued one-way of the object, or null (and the object no
-    // longer busy).
-    std::unique_ptr<PendingOneWay> nextOneWay(const Token& token);
 
     // Objects alive only because other processes hold them.
     size_t heldCount();
@@ -59,8 +48,6 @@ class ExportTable {
         sp<BBinder> strong;  // set while references are held
         std::unordered_map<uint64_t, uint64_t> holders;
         bool permanent = false;
-        bool oneWayBusy = false;
-        std::deque<std::unique_ptr<PendingOneWay>> oneWays;
     };
     sp<BBinder> releaseLocked(Entry& entry, uint64_t holder, uint64_t count);
 

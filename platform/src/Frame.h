@@ -22,6 +22,8 @@ enum class FrameKind : uint32_t {
     kReply = 4,        // status; body: the reply data
     kRelease = 5,      // token: object; argument: how many references
     kGrant = 6,        // token: object; argument: endpoint that is to hold it
+    kAck = 7,          // argument: one-way bytes consumed on this link so far
+    kAckRequest = 8,   // the sender's budget is spent: acknowledge now
 };
 
 struct FrameHeader {
@@ -49,6 +51,20 @@ constexpr size_t kMaxTransactionSize = 16 * 1024 * 1024;
 // SCM_MAX_FD is 253; a large frame spends one on its memfd.
 constexpr size_t kMaxFdsPerFrame = 253;
 constexpr size_t kMaxFdObjects = kMaxFdsPerFrame - 1;
+
+// One-ways queued for one link at the receiver: the driver's share of its
+// buffer for asynchronous work. Sender and receiver count each one-way the
+// same way; a one-way is admitted while the backlog is empty or stays within
+// the budget with it.
+constexpr uint64_t kOneWayBudget = 512 * 1024;
+constexpr uint64_t oneWayCost(uint32_t dataSize) {
+    return uint64_t{dataSize} + 64;
+}
+constexpr bool fitsOneWayBudget(uint64_t backlog, uint64_t cost) {
+    return backlog == 0 || backlog + cost <= kOneWayBudget;
+}
+// The receiver tells the sender what it consumed at least this often.
+constexpr uint64_t kAckInterval = kOneWayBudget / 8;
 
 inline size_t frameBodySize(const FrameHeader& header) {
     return size_t{header.dataSize} + size_t{header.objectCount} * sizeof(uint32_t);

@@ -4,6 +4,7 @@
 #include <pthread.h>
 #include <unistd.h>
 
+#include "ChainRegistry.h"
 #include "Runtime.h"
 
 namespace android {
@@ -36,7 +37,9 @@ IPCThreadState* IPCThreadState::selfOrNull() {
 
 IPCThreadState::IPCThreadState() = default;
 
-IPCThreadState::~IPCThreadState() = default;
+IPCThreadState::~IPCThreadState() {
+    delete mMailbox;
+}
 
 void IPCThreadState::destroy(void* state) {
     delete static_cast<IPCThreadState*>(state);

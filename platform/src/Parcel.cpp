@@ -343,7 +343,9 @@ const char* Parcel::readCString() const {
     const char* str = reinterpret_cast<const char*>(mData + mDataPos);
     const void* nul = memchr(str, 0, avail);
     if (nul == nullptr) return nullptr;
-    readSlot(static_cast<const char*>(nul) - str + 1);
+    // A string that ends the data may lack its padding: it still moves the
+    // position, to the end, so that a reading loop always finishes.
+    if (readSlot(static_cast<const char*>(nul) - str + 1) == nullptr) mDataPos = mDataSize;
     return str;
 }
 

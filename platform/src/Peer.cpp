@@ -6,7 +6,10 @@
 #include <log/log.h>
 #include <poll.h>
 #include <string.h>
+#include <sys/epoll.h>
+#include <sys/socket.h>
 #include <sys/syscall.h>
+#include <time.h>
 #include <unistd.h>
 
 #include "Runtime.h"
@@ -18,12 +21,33 @@ namespace {
 
 // Idle call connections kept per peer; more are closed when returned.
 constexpr size_t kMaxIdleConnections = 16;
-// How long a failed connection waits for the peer's exit to show.
-constexpr int kDeathConfirmMs = 200;
+// How long a one-way waits for the receiver to acknowledge room, and for
+// room in the link's socket, before it is refused.
+constexpr int kOneWayWaitMs = 5;
+// A sender reads the acknowledgements itself once this much is outstanding,
+// so that they never pile up unread in a process without a pool.
+constexpr uint64_t kReadAcksAbove = kOneWayBudget / 2;
+// Frames read from the link per acknowledgement pass.
+constexpr size_t kAckBatch = 16;
 
 bool isGoneErrno(int error) {
     return error == ECONNREFUSED || error == ENOENT || error == ECONNRESET;
 }
+
+int64_t nowMs() {
+    timespec ts;
+    clock_gettime(CLOCK_MONOTONIC, &ts);
+    return int64_t{ts.tv_sec} * 1000 + ts.tv_nsec / 1000000;
+}
+
+class ReleaseFlush : public PoolTask {
+  public:
+    explicit ReleaseFlush(const sp<Peer>& peer) : mPeer(peer) {}
+    void run() override { mPeer->flushReleases(); }
+
+  private:
+    const sp<Peer> mPeer;
+};
 
 }  // namespace
 
@@ -71,7 +95,7 @@ sp<Connection> Peer::connect(bool link, status_t* status) {
     sp<Connection> connection = Connection::connectTo(endpointAddress(mEndpoint), &error);
     if (connection == nullptr) {
         if (isGoneErrno(error)) {
-            if (markDead() && pid() == 0) mRuntime.forgetPeer(this);
+            mRuntime.peerLost(this);
             *status = DEAD_OBJECT;
         } else {
             ALOGW("cannot connect to endpoint %016llx: %s", (unsigned long long)mEndpoint,
@@ -98,11 +122,7 @@ status_t Peer::ensureWatched() {
     if (isDead()) return DEAD_OBJECT;
     if (pid() != 0) return NO_ERROR;
     status_t status;
-    sp<Connection> link = connect(true, &status);
-    if (link == nullptr) return status;
-    std::lock_guard<std::mutex> guard(mLock);
-    if (mLink == nullptr) mLink = link;
-    return NO_ERROR;
+    return obtainLink(&status) != nullptr ? NO_ERROR : status;
 }
 
 status_t Peer::verifyClaim(pid_t pid) {
@@ -123,7 +143,14 @@ sp<Connection> Peer::takeCallConnection(status_t* status, bool* reused) {
         }
     }
     *reused = false;
-    return connect(false, status);
+    sp<Connection> connection = connect(false, status);
+    // The link's hang-up is what tells that the peer exec'd: every peer
+    // this process talks to has one.
+    if (connection != nullptr && currentLink() == nullptr) {
+        status_t linkStatus;
+        obtainLink(&linkStatus);
+    }
+    return connection;
 }
 
 void Peer::returnCallConnection(const sp<Connection>& connection) {
@@ -140,43 +167,196 @@ status_t Peer::adoptCallConnection(const sp<Connection>& connection) {
     return NO_ERROR;
 }
 
-status_t Peer::sendOnLink(const OutgoingFrame& frame) {
-    sp<Connection> link;
+// ---- The link ----
+
+sp<Connection> Peer::currentLink() {
+    std::lock_guard<std::mutex> guard(mLock);
+    return mLink;
+}
+
+sp<Connection> Peer::obtainLink(status_t* status) {
+    sp<Connection> link = currentLink();
+    if (link != nullptr) return link;
+    sp<Connection> fresh = connect(true, status);
+    if (fresh == nullptr) return nullptr;
+    fresh->isOutgoingLink = true;
     {
         std::lock_guard<std::mutex> guard(mLock);
-        link = mLink;
+        if (mLink != nullptr || isDead()) return mLink;  // another thread won; ours closes
+        mLink = fresh;
     }
-    if (link == nullptr) {
-        status_t status;
-        sp<Connection> fresh = connect(true, &status);
-        if (fresh == nullptr) return status;
-        std::lock_guard<std::mutex> guard(mLock);
-        if (mLink == nullptr) mLink = fresh;
-        link = mLink;
-    }
-    status_t status = link->send(frame);
-    if (status == DEAD_OBJECT) {
-        {
-            std::lock_guard<std::mutex> guard(mLock);
-            if (mLink == link) mLink = nullptr;
-        }
-        checkAlive();
-    }
-    return status;
+    mRuntime.pool().add(fresh.get(), fresh->fd());
+    return fresh;
 }
+
+void Peer::dropLink(const sp<Connection>& link) {
+    {
+        std::lock_guard<std::mutex> guard(mLock);
+        if (mLink != link) return;
+        mLink = nullptr;
+    }
+    link->markBroken();
+    mRuntime.pool().remove(link->fd());
+}
+
+void Peer::onLinkEvent(const sp<Connection>& link, uint32_t events) {
+    if ((events & EPOLLIN) != 0) readAcks(*link);
+    if (link->broken() || (events & (EPOLLHUP | EPOLLRDHUP | EPOLLERR)) != 0) {
+        dropLink(link);
+        checkAlive();
+        return;
+    }
+    if ((events & EPOLLOUT) != 0) trySendReleases(*link);
+    rearmLink(link);
+}
+
+void Peer::rearmLink(const sp<Connection>& link) {
+    bool waiting;
+    {
+        std::lock_guard<std::mutex> guard(mLock);
+        if (mLink != link) return;
+        waiting = !mPendingReleases.empty();
+    }
+    mRuntime.pool().rearm(link.get(), link->fd(), waiting);
+}
+
+void Peer::readAcks(Connection& link) {
+    for (;;) {
+        Frame frames[kAckBatch];
+        status_t statuses[kAckBatch];
+        const size_t count = link.receiveWaiting(frames, statuses, kAckBatch);
+        for (size_t i = 0; i < count; ++i) {
+            status_t status = statuses[i] == NO_ERROR ? frames[i].validate() : statuses[i];
+            if (status == NO_ERROR && frames[i].kind() != FrameKind::kAck) status = BAD_VALUE;
+            if (status != NO_ERROR) {
+                if (status != DEAD_OBJECT) ALOGW("malformed frame from pid %d", link.peerPid());
+                link.markBroken();
+                return;
+            }
+            // Acknowledgements carry totals: the largest one seen counts.
+            const uint64_t consumed = frames[i].header.argument;
+            uint64_t acked = link.oneWayAcked.load(std::memory_order_acquire);
+            while (consumed > acked && consumed <= link.oneWaySent.load() &&
+                   !link.oneWayAcked.compare_exchange_weak(acked, consumed)) {
+            }
+        }
+        if (count < kAckBatch) return;
+    }
+}
+
+bool Peer::reserveBudget(Connection& link, uint64_t cost) {
+    int64_t deadline = 0;
+    bool asked = false;
+    for (;;) {
+        uint64_t sent = link.oneWaySent.load(std::memory_order_acquire);
+        const uint64_t outstanding = sent - link.oneWayAcked.load(std::memory_order_acquire);
+        if (fitsOneWayBudget(outstanding, cost)) {
+            if (link.oneWaySent.compare_exchange_weak(sent, sent + cost)) {
+                if (outstanding > kReadAcksAbove) readAcks(link);
+                return true;
+            }
+            continue;
+        }
+        readAcks(link);
+        if (link.broken()) return false;
+        if (deadline == 0) {
+            deadline = nowMs() + kOneWayWaitMs;
+            continue;  // what was just read may be enough
+        }
+        if (!asked) {
+            asked = true;
+            link.send(OutgoingFrame::make(FrameKind::kAckRequest), 0);
+        }
+        const int64_t left = deadline - nowMs();
+        if (left <= 0) return false;
+        pollfd waiter{link.fd(), POLLIN, 0};
+        poll(&waiter, 1, 1);  // the pool may read the acknowledgement first
+    }
+}
+
+status_t Peer::sendOneWay(const OutgoingFrame& frame) {
+    status_t status;
+    sp<Connection> link = obtainLink(&status);
+    if (link == nullptr) return status;
+    const uint64_t cost = oneWayCost(frame.header.dataSize);
+    if (!reserveBudget(*link, cost)) {
+        if (link->broken()) return isDead() ? DEAD_OBJECT : FAILED_TRANSACTION;
+        ALOGW("one-way to pid %d refused: its queue for this process is full", link->peerPid());
+        return FAILED_TRANSACTION;
+    }
+    status = link->send(frame, kOneWayWaitMs);
+    if (status == NO_ERROR) return NO_ERROR;
+    link->oneWaySent.fetch_sub(cost);
+    if (status == WOULD_BLOCK) {
+        ALOGW("one-way to pid %d refused: its connection is full", link->peerPid());
+        return FAILED_TRANSACTION;
+    }
+    link->markBroken();
+    if (!mRuntime.pool().started()) dropLink(link);
+    checkAlive();
+    return isDead() ? DEAD_OBJECT : FAILED_TRANSACTION;
+}
+
+// ---- Releases ----
+
+void Peer::sendRelease(const Token& token, uint64_t count) {
+    if (isDead()) return;
+    bool post = false;
+    {
+        std::lock_guard<std::mutex> guard(mLock);
+        mPendingReleases[token] += count;
+        if (mLink == nullptr && !mFlushPosted) post = mFlushPosted = true;
+    }
+    sp<Connection> link = currentLink();
+    if (link != nullptr) {
+        if (!trySendReleases(*link)) rearmLink(link);
+        return;
+    }
+    // Connecting may take a moment: a pool thread does it.
+    if (!post) return;
+    if (mRuntime.pool().started()) {
+        mRuntime.pool().post(new ReleaseFlush(this));
+    } else {
+        flushReleases();
+    }
+}
+
+void Peer::flushReleases() {
+    {
+        std::lock_guard<std::mutex> guard(mLock);
+        mFlushPosted = false;
+    }
+    status_t status;
+    sp<Connection> link = obtainLink(&status);
+    if (link != nullptr && !trySendReleases(*link)) rearmLink(link);
+}
+
+bool Peer::trySendReleases(Connection& link) {
+    std::unordered_map<Token, uint64_t, TokenHash> pending;
+    {
+        std::lock_guard<std::mutex> guard(mLock);
+        pending.swap(mPendingReleases);
+    }
+    auto it = pending.begin();
+    for (; it != pending.end(); ++it) {
+        OutgoingFrame frame = OutgoingFrame::make(FrameKind::kRelease);
+        frame.header.tokenHi = it->first.hi;
+        frame.header.tokenLo = it->first.lo;
+        frame.header.argument = it->second;
+        if (link.send(frame, 0) != NO_ERROR) break;
+    }
+    if (it == pending.end()) return true;
+    std::lock_guard<std::mutex> guard(mLock);
+    for (; it != pending.end(); ++it) mPendingReleases[it->first] += it->second;
+    return false;
+}
+
+// ---- Death ----
 
 void Peer::checkAlive() {
     if (isDead()) return;
-    int fd = pidfd();
-    if (fd >= 0) {
-        // The socket closes before the exit is signalled on the pidfd.
-        pollfd waiter{fd, POLLIN, 0};
-        if (poll(&waiter, 1, kDeathConfirmMs) > 0) markDead();
-        return;
-    }
-    status_t status;
-    sp<Connection> probe = connect(false, &status);
-    if (probe != nullptr) returnCallConnection(probe);
+    // An endpoint is closed once its process has exited or exec'd.
+    if (Connection::refusesConnections(endpointAddress(mEndpoint))) mRuntime.peerLost(this);
 }
 
 bool Peer::markDead() {
@@ -186,7 +366,13 @@ bool Peer::markDead() {
     {
         std::lock_guard<std::mutex> guard(mLock);
         idle.swap(mIdle);
-        link = std::move(mLink);
+        link = mLink;
+        mPendingReleases.clear();
+    }
+    if (link != nullptr) {
+        // Its hang-up reaches the pool thread that unregisters it.
+        shutdown(link->fd(), SHUT_RDWR);
+        if (!mRuntime.pool().started()) dropLink(link);
     }
     return true;
 }

@@ -6,11 +6,13 @@
 
 #include <atomic>
 #include <mutex>
+#include <unordered_map>
 #include <vector>
 
 #include "Connection.h"
 #include "EventSource.h"
 #include "Frame.h"
+#include "Token.h"
 #include "TransportFds.h"
 
 namespace android {
@@ -20,9 +22,14 @@ class Runtime;
 
 // Another process, known by its endpoint id. Once its pid is known (from
 // SO_PEERCRED of a connection to its endpoint) it is watched through a pidfd
-// in the pool's epoll set. Holds the connections this process opened to it:
-// idle ones for synchronous calls and one "link" for one-ways and releases,
-// so that those arrive in the order they were sent. Once dead, always dead.
+// in the pool's epoll set, which then holds a reference to it until the
+// process exits. Holds the connections this process opened to it: idle ones
+// for synchronous calls and one "link" for one-ways and releases, so that
+// those arrive in the order they were sent. The link is in the epoll set too:
+// it brings the peer's acknowledgements of one-ways, and its hang-up tells
+// that the peer's endpoint closed (exit, or exec). Listed in the PeerTable
+// until it is lost; proxies and connections keep it alive beyond that. Used
+// from every thread. Once dead, always dead.
 class Peer : public RefBase, public EventSource {
   public:
     Peer(Runtime& runtime, uint64_t endpoint);
@@ -46,12 +53,23 @@ class Peer : public RefBase, public EventSource {
     // Takes a connection made to another address of this process (the
     // context manager's) as an idle call connection.
     status_t adoptCallConnection(const sp<Connection>& connection);
-    // Sends a one-way or a release over the link, in order.
-    status_t sendOnLink(const OutgoingFrame& frame);
 
-    // After a connection to the peer failed: marks it dead if it is gone.
+    // Sends a one-way over the link. FAILED_TRANSACTION, within a few
+    // milliseconds, when the receiver's budget for this link stays spent;
+    // the one-way is then not sent. A one-way sent is delivered.
+    status_t sendOneWay(const OutgoingFrame& frame);
+    // Gives `count` references back to the peer. Never blocks: what cannot
+    // leave at once is sent when the link has room, by a pool thread.
+    void sendRelease(const Token& token, uint64_t count);
+    // Pool thread: `events` on this process's link to the peer.
+    void onLinkEvent(const sp<Connection>& link, uint32_t events);
+    // Sends the releases that wait (a posted task; may connect).
+    void flushReleases();
+
+    // After a connection to the peer failed or closed: the peer is lost when
+    // its endpoint no longer accepts connections.
     void checkAlive();
-    // True for the caller that marked it dead first. Drops its connections.
+    // True for the caller that marked it dead first. Closes its connections.
     bool markDead();
     // The pidfd that the pool watches, or -1.
     int pidfd() const;
@@ -61,6 +79,19 @@ class Peer : public RefBase, public EventSource {
     ~Peer() override;
     sp<Connection> connect(bool link, status_t* status);
     status_t attach(pid_t pid);
+    sp<Connection> currentLink();
+    sp<Connection> obtainLink(status_t* status);
+    // Pool thread handling the link's hang-up (or any thread without a
+    // pool): unregisters it and forgets it.
+    void dropLink(const sp<Connection>& link);
+    // Takes a share of the receiver's budget, waiting a few milliseconds for
+    // acknowledgements when it is spent.
+    bool reserveBudget(Connection& link, uint64_t cost);
+    // Reads the acknowledgements that wait on the link.
+    void readAcks(Connection& link);
+    // Sends waiting releases without blocking; false when some still wait.
+    bool trySendReleases(Connection& link);
+    void rearmLink(const sp<Connection>& link);
 
     Runtime& mRuntime;
     const uint64_t mEndpoint;
@@ -70,7 +101,10 @@ class Peer : public RefBase, public EventSource {
     pid_t mPid = 0;
     ScopedFd mPidfd;
     std::vector<sp<Connection>> mIdle;
+    // Registered in epoll; replaced only after the pool dropped it.
     sp<Connection> mLink;
+    std::unordered_map<Token, uint64_t, TokenHash> mPendingReleases;
+    bool mFlushPosted = false;
 };
 
 }  // namespace tvbinder

@@ -59,10 +59,13 @@ Runtime::Runtime()
       mContext(contextFromEnvironment()),
       mPeers(*this),
       mPool(*this),
-      mDispatcher(*this) {}
+      mDispatcher(*this),
+      mOneWays(*this),
+      mStallGuard(*this) {}
 
 status_t Runtime::init() {
     status_t status = mPool.init();
+    if (status == NO_ERROR) status = mStallGuard.init();
     if (status != NO_ERROR) return status;
     status = mListener.listenOn(endpointAddress(mEndpoint));
     if (status != NO_ERROR) return status;
@@ -126,17 +129,28 @@ void Runtime::setContextObject(const sp<BBinder>& object) {
     mExports.setContextObject(object);
 }
 
-void Runtime::onEvent(EventSource* source, uint32_t /*events*/) {
+void Runtime::onEvent(EventSource* source, uint32_t events) {
     switch (source->type) {
         case EventSource::Type::kListener:
             acceptAll(*static_cast<Listener*>(source));
             break;
-        case EventSource::Type::kConnection:
-            static_cast<Connection*>(source)->takeOver();
-            mDispatcher.onReadable(sp<Connection>(static_cast<Connection*>(source)));
+        case EventSource::Type::kConnection: {
+            sp<Connection> connection(static_cast<Connection*>(source));
+            connection->takeOver();
+            if (connection->isOutgoingLink) {
+                connection->peer()->onLinkEvent(connection, events);
+            } else {
+                mDispatcher.onReadable(connection);
+            }
             break;
+        }
         case EventSource::Type::kPeerWatch:
-            onPeerDied(sp<Peer>(static_cast<Peer*>(source)));
+            onPeerExited(static_cast<Peer*>(source));
+            break;
+        case EventSource::Type::kTimer:
+            mStallGuard.onTimer();
+            break;
+        case EventSource::Type::kWake:
             break;
     }
 }
@@ -182,25 +196,58 @@ void Runtime::drop(const sp<Connection>& connection) {
     if (fromPid != mAcceptedPerPid.end() && --fromPid->second == 0) mAcceptedPerPid.erase(fromPid);
 }
 
+namespace {
+
+// What follows a peer's death, run on a pool thread.
+class PeerDeath : public PoolTask {
+  public:
+    PeerDeath(Runtime& runtime, const sp<Peer>& peer) : mRuntime(runtime), mPeer(peer) {}
+    void run() override {
+        mRuntime.peers().forget(mPeer.get());
+        // The objects it held may go now; their destructors run without our locks.
+        std::vector<sp<BBinder>> released = mRuntime.exports().dropHolder(mPeer->endpoint());
+        released.clear();
+        for (const sp<BpBinder>& proxy : mRuntime.proxies().proxiesOf(mPeer->endpoint())) {
+            proxy->sendObituary();
+        }
+    }
+
+  private:
+    Runtime& mRuntime;
+    const sp<Peer> mPeer;
+};
+
+class ObituaryDelivery : public PoolTask {
+  public:
+    explicit ObituaryDelivery(const sp<BpBinder>& proxy) : mProxy(proxy) {}
+    void run() override { mProxy->sendObituary(); }
+
+  private:
+    const sp<BpBinder> mProxy;
+};
+
+}  // namespace
+
+void Runtime::deliverObituaries(const sp<BpBinder>& proxy) {
+    mPool.post(new ObituaryDelivery(proxy));
+}
+
 void Runtime::watchPeer(Peer* peer, int pidfd) {
+    peer->incStrong(this);
     mPool.add(peer, pidfd);
 }
 
-void Runtime::forgetPeer(Peer* peer) {
-    mPeers.forget(peer);
+void Runtime::peerLost(const sp<Peer>& peer) {
+    if (!peer->markDead()) return;
+    mPool.post(new PeerDeath(*this, peer));
 }
 
-void Runtime::onPeerDied(const sp<Peer>& peer) {
-    peer->markDead();
+void Runtime::onPeerExited(Peer* peer) {
+    peerLost(peer);
+    // The pidfd fires once: this thread owns its registration now.
     mPool.remove(peer->pidfd());
     peer->closePidfd();
-    mPeers.forget(peer.get());
-    // The objects it held may go now; their destructors run without our locks.
-    std::vector<sp<BBinder>> released = mExports.dropHolder(peer->endpoint());
-    released.clear();
-    for (const sp<BpBinder>& proxy : mProxies.proxiesOf(peer->endpoint())) {
-        proxy->sendObituary();
-    }
+    peer->decStrong(this);
 }
 
 }  // namespace tvbinder

@@ -10,10 +10,13 @@
 #include <string>
 #include <unordered_map>
 
+#include "ChainRegistry.h"
 #include "Connection.h"
 #include "Dispatcher.h"
 #include "ExportTable.h"
+#include "LinkStallGuard.h"
 #include "Listener.h"
+#include "OneWayScheduler.h"
 #include "Peer.h"
 #include "PeerTable.h"
 #include "ProxyTable.h"
@@ -45,6 +48,9 @@ class Runtime {
     PeerTable& peers() { return mPeers; }
     ThreadPool& pool() { return mPool; }
     Dispatcher& dispatcher() { return mDispatcher; }
+    OneWayScheduler& oneWays() { return mOneWays; }
+    LinkStallGuard& stallGuard() { return mStallGuard; }
+    ChainRegistry& chains() { return mChains; }
 
     // The context manager's object: local when this process serves it, else
     // the proxy of the manager that listens on the context's address.
@@ -54,8 +60,14 @@ class Runtime {
 
     // Pool thread entry: one event from epoll.
     void onEvent(EventSource* source, uint32_t events);
+    // Watches the peer's pidfd; the registration holds a reference to it.
     void watchPeer(Peer* peer, int pidfd);
-    void forgetPeer(Peer* peer);
+    // The peer is gone (exited, exec'd, or its endpoint refuses us): the first
+    // call marks it dead and has a pool thread drop the references it held
+    // and deliver the death notices of its proxies.
+    void peerLost(const sp<Peer>& peer);
+    // Has a pool thread deliver the death notices of a proxy whose owner died.
+    void deliverObituaries(const sp<BpBinder>& proxy);
     // Hands an accepted connection back to epoll, or drops it.
     void rearm(const sp<Connection>& connection);
     void drop(const sp<Connection>& connection);
@@ -64,7 +76,8 @@ class Runtime {
     Runtime();
     status_t init();
     void acceptAll(Listener& listener);
-    void onPeerDied(const sp<Peer>& peer);
+    void onPeerExited(Peer* peer);
+    void forgetDeadPeer(const sp<Peer>& peer);
     sp<BpBinder> connectToContextManager();
 
     const uint64_t mEndpoint;
@@ -74,6 +87,9 @@ class Runtime {
     PeerTable mPeers;
     ThreadPool mPool;
     Dispatcher mDispatcher;
+    OneWayScheduler mOneWays;
+    LinkStallGuard mStallGuard;
+    ChainRegistry mChains;
     Listener mListener{false};
 
     std::mutex mLock;  // guards everything below

@@ -2,6 +2,7 @@
 
 #include "ServiceManagerProxy.h"
 
+#include <binder/BpBinder.h>
 #include <binder/Parcel.h>
 #include <binder/ProcessState.h>
 #include <log/log.h>
@@ -10,6 +11,8 @@
 #include <algorithm>
 #include <atomic>
 
+#include "Peer.h"
+#include "Runtime.h"
 #include "ServiceManagerWaiter.h"
 
 namespace android {
@@ -149,7 +152,10 @@ std::chrono::milliseconds BpServiceManager::getServiceTimeout() const {
 }
 
 bool BpServiceManager::isAlive() const {
-    return remote() != nullptr && remote()->isBinderAlive();
+    if (remote() == nullptr || !remote()->isBinderAlive()) return false;
+    // A child made by fork() has its own endpoint: its parent's proxy is stale.
+    BpBinder* proxy = remote()->remoteBinder();
+    return proxy == nullptr || proxy->owner()->runtime().isCurrent();
 }
 
 }  // namespace android

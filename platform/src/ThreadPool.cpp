@@ -9,6 +9,8 @@
 #include <stdio.h>
 #include <string.h>
 #include <sys/epoll.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
 
 #include <thread>
 
@@ -21,31 +23,76 @@ namespace {
 
 constexpr uint32_t kEvents = EPOLLIN | EPOLLRDHUP | EPOLLONESHOT;
 
+epoll_event eventFor(EventSource* source, bool writable) {
+    epoll_event event{};
+    event.events = kEvents | (writable ? uint32_t{EPOLLOUT} : 0u);
+    event.data.ptr = source;
+    return event;
+}
+
 }  // namespace
 
 ThreadPool::ThreadPool(Runtime& runtime) : mRuntime(runtime) {}
 
 status_t ThreadPool::init() {
     mEpoll = ScopedFd(epoll_create1(EPOLL_CLOEXEC));
-    return mEpoll.valid() ? NO_ERROR : -errno;
+    if (!mEpoll.valid()) return -errno;
+    mWake = ScopedFd(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+    if (!mWake.valid()) return -errno;
+    add(&mWakeSource, mWake.get());
+    return NO_ERROR;
 }
 
-void ThreadPool::add(EventSource* source, int fd) {
-    epoll_event event{};
-    event.events = kEvents;
-    event.data.ptr = source;
+void ThreadPool::add(EventSource* source, int fd, bool writable) {
+    epoll_event event = eventFor(source, writable);
     if (epoll_ctl(mEpoll.get(), EPOLL_CTL_ADD, fd, &event) != 0) {
         ALOGE("cannot watch descriptor %d: %s", fd, strerror(errno));
     }
 }
 
-void ThreadPool::rearm(EventSource* source, int fd) {
-    epoll_event event{};
-    event.events = kEvents;
-    event.data.ptr = source;
+void ThreadPool::rearm(EventSource* source, int fd, bool writable) {
+    epoll_event event = eventFor(source, writable);
     if (epoll_ctl(mEpoll.get(), EPOLL_CTL_MOD, fd, &event) != 0) {
         ALOGE("cannot re-arm descriptor %d: %s", fd, strerror(errno));
     }
+}
+
+void ThreadPool::post(const sp<PoolTask>& task, bool wake) {
+    {
+        std::lock_guard<std::mutex> guard(mTaskLock);
+        mPosted.push_back(task);
+        mPostedCount.fetch_add(1, std::memory_order_relaxed);
+    }
+    if (wake) wakeOne();
+}
+
+sp<PoolTask> ThreadPool::takePosted() {
+    std::lock_guard<std::mutex> guard(mTaskLock);
+    if (mPosted.empty()) return nullptr;
+    sp<PoolTask> task = std::move(mPosted.front());
+    mPosted.pop_front();
+    mPostedCount.fetch_sub(1, std::memory_order_relaxed);
+    return task;
+}
+
+void ThreadPool::runPosted() {
+    while (hasPostedTasks()) {
+        sp<PoolTask> task = takePosted();
+        if (task == nullptr) return;
+        if (hasPostedTasks() && hasIdleThreads()) wakeOne();
+        task->run();
+    }
+}
+
+void ThreadPool::wakeOne() {
+    const uint64_t one = 1;
+    ssize_t written = write(mWake.get(), &one, sizeof(one));
+    (void)written;  // a full counter already wakes a thread
+}
+
+bool ThreadPool::started() const {
+    std::lock_guard<std::mutex> guard(mLock);
+    return mStarted;
 }
 
 void ThreadPool::remove(int fd) {
@@ -109,7 +156,16 @@ void ThreadPool::join(bool /*isMain*/) {
             continue;
         }
         onEventTaken();
-        mRuntime.onEvent(static_cast<EventSource*>(event.data.ptr), event.events);
+        auto* source = static_cast<EventSource*>(event.data.ptr);
+        if (source == &mWakeSource) {
+            uint64_t count;
+            ssize_t drained = read(mWake.get(), &count, sizeof(count));
+            (void)drained;
+            rearm(&mWakeSource, mWake.get());
+        } else {
+            mRuntime.onEvent(source, event.events);
+        }
+        runPosted();
     }
 }
 

@@ -5,9 +5,11 @@
 #include <utils/Errors.h>
 
 #include <atomic>
+#include <deque>
 #include <mutex>
 
 #include "EventSource.h"
+#include "PoolTask.h"
 #include "TransportFds.h"
 
 namespace android {
@@ -16,10 +18,13 @@ namespace tvbinder {
 class Runtime;
 
 // The threads that receive work: each waits in epoll_wait on the process's
-// listeners, accepted connections and watched peers, all registered one-shot
-// so that exactly one thread takes each event and re-arms the source when it
-// is done with it. When the last waiting thread takes an event the pool
-// spawns another, up to its maximum.
+// listeners, connections and watched peers, all registered one-shot so that
+// exactly one thread takes each event and re-arms the source when it is done
+// with it; only that thread may unregister it. When the last waiting thread
+// takes an event the pool spawns another, up to its maximum. Work that is not
+// an event (queued one-ways, death notices, deferred releases) is posted as
+// tasks: pool threads run them in the order posted, woken through an eventfd.
+// Owned by the Runtime; used from every thread.
 class ThreadPool {
   public:
     static constexpr size_t kDefaultMaxThreads = 15;
@@ -27,9 +32,19 @@ class ThreadPool {
     explicit ThreadPool(Runtime& runtime);
 
     status_t init();
-    void add(EventSource* source, int fd);
-    void rearm(EventSource* source, int fd);
+    void add(EventSource* source, int fd, bool writable = false);
+    // `writable`: also wake when the descriptor can be written to.
+    void rearm(EventSource* source, int fd, bool writable = false);
     void remove(int fd);
+
+    // Queues `task`. With `wake`, an idle pool thread is woken for it; a pool
+    // thread that runs the queue itself next (runPosted) need not wake one.
+    void post(const sp<PoolTask>& task, bool wake = true);
+    // Runs posted tasks until none is left, waking another idle thread while
+    // more wait, so that tasks do not wait for each other.
+    void runPosted();
+    bool hasPostedTasks() const { return mPostedCount.load(std::memory_order_relaxed) > 0; }
+    bool started() const;
 
     // Spawns the main pool thread, once.
     void start();
@@ -43,10 +58,18 @@ class ThreadPool {
   private:
     void spawn(bool isMain);
     void onEventTaken();
+    void wakeOne();
+    sp<PoolTask> takePosted();
 
     Runtime& mRuntime;
     ScopedFd mEpoll;
+    ScopedFd mWake;  // eventfd, registered one-shot
+    EventSource mWakeSource{EventSource::Type::kWake};
     std::atomic<int> mWaiting{0};
+    std::atomic<size_t> mPostedCount{0};
+
+    std::mutex mTaskLock;  // guards mPosted
+    std::deque<sp<PoolTask>> mPosted;
 
     mutable std::mutex mLock;  // guards everything below
     bool mStarted = false;

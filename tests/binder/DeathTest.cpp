@@ -21,30 +21,12 @@ using android::NO_ERROR;
 using android::sp;
 using android::status_t;
 using android::wp;
+using tvtest::CountingRecipient;
 using tvtest::currentTid;
 using tvtest::ServedChild;
 using tvtest::waitUntil;
 
 namespace {
-
-class CountingRecipient : public IBinder::DeathRecipient {
-  public:
-    explicit CountingRecipient(std::atomic<bool>* destroyed = nullptr) : mDestroyed(destroyed) {}
-    ~CountingRecipient() override {
-        if (mDestroyed != nullptr) *mDestroyed = true;
-    }
-    void binderDied(const wp<IBinder>& who) override {
-        died = who.promote().get();
-        tid = currentTid();
-        ++calls;
-    }
-    std::atomic<int> calls{0};
-    std::atomic<IBinder*> died{nullptr};
-    std::atomic<int> tid{0};
-
-  private:
-    std::atomic<bool>* mDestroyed;
-};
 
 // Unlinks itself from inside the notice, which is allowed.
 class SelfUnlinkingRecipient : public IBinder::DeathRecipient {

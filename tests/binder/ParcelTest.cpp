@@ -80,7 +80,7 @@ TEST(ParcelRead, RoundTripOfEveryPrimitive) {
     EXPECT_EQ(p.dataAvail(), 0u);
 }
 
-TEST(ParcelRead, ShortOrPartialItemsYieldZeroAndAreNotConsumed) {
+TEST(ParcelRead, ShortOrPartialItemsYieldZeroAndAreNotConsumedButAWholeStringIs) {
     Parcel p;
     const char noNul[4] = {'a', 'b', 'c', 'd'};
     p.write(noNul, sizeof(noNul));
@@ -98,6 +98,16 @@ TEST(ParcelRead, ShortOrPartialItemsYieldZeroAndAreNotConsumed) {
     EXPECT_EQ(p.dataPosition(), 4u);
     uint8_t buf[4];
     EXPECT_EQ(p.read(buf, 1), NOT_ENOUGH_DATA);
+
+    // A whole string whose padding would run past the end is still taken:
+    // a reader looping over strings must come to an end.
+    Parcel q;
+    q.write("abcde", 6);
+    ASSERT_EQ(q.setDataSize(6), NO_ERROR);
+    q.setDataPosition(0);
+    int strings = 0;
+    while (strings < 8 && q.readCString() != nullptr) ++strings;
+    EXPECT_LE(strings, 1);
 }
 
 TEST(ParcelRead, HugeLengthsNeverReadOutsideTheBuffer) {

@@ -434,6 +434,72 @@ TEST_F(ServiceManagerTest, RejectsMalformedAndExcessiveRequests) {
     EXPECT_EQ("tag one", ask(agent, "check sm.after"));
 }
 
+// What a child made by fork() without exec does: finds and calls the
+// service that its parent found, and registers one of its own. 0 on success.
+int useServiceManagerAfterFork() {
+    sp<IServiceManager> manager = defaultServiceManager();
+    if (describe(manager->checkService(String16("sm.base"))) != "tag base") return 2;
+    android::ProcessState::self()->startThreadPool();
+    if (manager->addService(String16("sm.forked"), new TaggedService("forked")) != NO_ERROR) {
+        return 3;
+    }
+    return 0;
+}
+
+// Uses the service manager, then forks (with no pool thread running, so that
+// the child may start threads under every sanitizer). The child reports its
+// outcome by its exit status, and lives until the parent has looked for its
+// registration. Tells the test "<exit status> <what the parent found>".
+TVTEST_CHILD_ROLE(sm_forker) {
+    (void)args;
+    if (describe(defaultServiceManager()->checkService(String16("sm.base"))) != "tag base") {
+        tvtest::ParentChannel::send("the parent did not find sm.base");
+        return 1;
+    }
+    int registered[2];
+    int release[2];
+    if (pipe2(registered, O_CLOEXEC) != 0 || pipe2(release, O_CLOEXEC) != 0) return 1;
+    const pid_t parent = getpid();
+    const pid_t child = fork();
+    if (child == 0) {
+        prctl(PR_SET_PDEATHSIG, SIGKILL);
+        if (getppid() != parent) _exit(126);
+        close(registered[0]);
+        close(release[1]);
+        const char result = static_cast<char>(useServiceManagerAfterFork());
+        tvproc::writeFully(registered[1], &result, 1);
+        char ignored;
+        tvproc::readFullyWithin(release[0], &ignored, 1, 30s);  // ends when the parent closes it
+        _exit(result);
+    }
+    close(registered[1]);
+    close(release[0]);
+    char result = -1;
+    std::string found = "nothing";
+    if (child > 0 && tvproc::readFullyWithin(registered[0], &result, 1, 20s) && result == 0) {
+        tvtest::waitUntil(
+            [&] {
+                found = describe(defaultServiceManager()->checkService(String16("sm.forked")));
+                return found == "tag forked";
+            },
+            10s);
+    }
+    close(release[1]);
+    close(registered[0]);
+    int status = child > 0 ? tvproc::waitForExit(child, 20s) : -1;
+    if (status == -1 && child > 0) tvproc::killAndReap(child);
+    const int exitCode = status != -1 && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    tvtest::ParentChannel::send(std::to_string(exitCode) + " " + found);
+    return 0;
+}
+
+TEST_F(ServiceManagerTest, AForkedChildUsesItWithoutExec) {
+    tvtest::ChildProcess owner("sm_agent");
+    ASSERT_EQ(statusLine(NO_ERROR), ask(owner, "add sm.base base"));
+    tvtest::ChildProcess forker("sm_forker");
+    EXPECT_EQ("0 tag forked", forker.readLine(60s));
+}
+
 std::vector<pid_t> childrenOf(pid_t parent) {
     std::vector<pid_t> children;
     DIR* proc = opendir("/proc");

@@ -5,6 +5,7 @@
 #include <errno.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <chrono>
 #include <string>
 
@@ -23,6 +24,9 @@ namespace {
 
 constexpr auto kWaitLimit = std::chrono::seconds(20);
 
+// Objects made by NEW_OBJECT that are still alive in this process.
+std::atomic<int> gLiveObjects{0};
+
 // Makes call `code` with `value` on `target` and answers with its result.
 status_t relay(const sp<IBinder>& target, uint32_t code, int32_t value, Parcel* reply) {
     if (target == nullptr) return android::BAD_VALUE;
@@ -37,6 +41,10 @@ const android::String16& TestService::getInterfaceDescriptor() const {
     static const android::String16* const kDescriptor =
         new android::String16("tavrin.test.Service");
     return *kDescriptor;
+}
+
+TestService::~TestService() {
+    if (mCounted) --gLiveObjects;
 }
 
 status_t TestService::onTransact(uint32_t code, const Parcel& data, Parcel* reply, uint32_t flags) {
@@ -117,6 +125,31 @@ status_t TestService::onTransact(uint32_t code, const Parcel& data, Parcel* repl
             reply->writeInt32(size);
             return reply->write(bytes, static_cast<size_t>(size));
         }
+        case SEQUENCE_VALUES: {
+            const int32_t expected = data.readInt32();
+            std::unique_lock<std::mutex> guard(mLock);
+            mChanged.wait_for(guard, kWaitLimit,
+                              [&] { return mSequence.size() >= static_cast<size_t>(expected); });
+            status_t status = reply->writeInt32(static_cast<int32_t>(mSequence.size()));
+            for (int32_t value : mSequence) status = reply->writeInt32(value);
+            return status;
+        }
+        case NEW_OBJECT: {
+            sp<TestService> object = new TestService();
+            object->mCounted = true;
+            ++gLiveObjects;
+            return reply->writeStrongBinder(object);
+        }
+        case LIVE_OBJECTS:
+            return reply->writeInt32(gLiveObjects.load());
+        case SET_REPLY_ERROR:
+            reply->setError(data.readInt32());
+            return NO_ERROR;
+        case RELAY_CALL_BACK:
+            return relayCallBack(data, reply);
+        case EXEC:
+            execl("/bin/sleep", "sleep", "60", static_cast<char*>(nullptr));
+            return -errno;
         default:
             return BBinder::onTransact(code, data, reply, flags);
     }
@@ -153,6 +186,20 @@ status_t TestService::reportSequence(int32_t expected, Parcel* reply) {
     reply->writeInt32(static_cast<int32_t>(mSequence.size()));
     reply->writeInt32(inOrder ? 1 : 0);
     return reply->writeInt32(mMaxRunningOneWays);
+}
+
+status_t TestService::relayCallBack(const Parcel& data, Parcel* reply) {
+    const sp<IBinder> target = data.readStrongBinder();
+    const sp<IBinder> object = data.readStrongBinder();
+    if (target == nullptr || object == nullptr) return android::BAD_VALUE;
+    Parcel request;
+    Parcel answer;
+    request.writeStrongBinder(object);
+    request.writeInt32(data.readInt32());
+    const status_t status = target->transact(CALL_BACK, request, &answer);
+    if (status != NO_ERROR) return status;
+    reply->writeInt32(answer.readInt32());
+    return reply->writeInt32(answer.readInt32());
 }
 
 status_t TestService::barrier(int32_t parties, Parcel* reply) {

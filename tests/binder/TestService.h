@@ -26,20 +26,27 @@ class TestService : public android::BBinder {
         SEQUENCE_REPORT,  // int32 n: waits for n records -> in order?, max concurrency
         BLOCK,            // one-way: blocks until UNBLOCK
         UNBLOCK,
-        CALL_OBJECT,   // binder, int32 -> binder's ECHO of it
-        WRITE_FD,      // fd, string8 -> written to the fd
-        BARRIER,       // int32 n: waits until n callers are inside -> distinct threads
-        FAIL,          // -> returns -EINVAL
-        SAME_AS_HELD,  // binder -> 1 if it is the held object
-        HELD_CALL,     // int32 code, int32 arg -> first int32 of the held binder's reply
-        GET_HELD,      // -> the held binder
-        ECHO_BYTES,    // int32 n, n bytes -> the same
-        GIVE_HELD,     // binder: sends it HOLD with the held binder
+        CALL_OBJECT,      // binder, int32 -> binder's ECHO of it
+        WRITE_FD,         // fd, string8 -> written to the fd
+        BARRIER,          // int32 n: waits until n callers are inside -> distinct threads
+        FAIL,             // -> returns -EINVAL
+        SAME_AS_HELD,     // binder -> 1 if it is the held object
+        HELD_CALL,        // int32 code, int32 arg -> first int32 of the held binder's reply
+        GET_HELD,         // -> the held binder
+        ECHO_BYTES,       // int32 n, n bytes -> the same
+        GIVE_HELD,        // binder: sends it HOLD with the held binder
+        SEQUENCE_VALUES,  // int32 n: waits for n records -> count, then every record in order
+        NEW_OBJECT,       // -> a new TestService of this process, kept alive only by its holders
+        LIVE_OBJECTS,     // -> how many objects made by NEW_OBJECT in this process are alive
+        SET_REPLY_ERROR,  // int32 v: sets error v on the reply and returns NO_ERROR
+        RELAY_CALL_BACK,  // binder target, binder object, int32 -> target's CALL_BACK reply
+        EXEC,             // one-way: replaces the process with /bin/sleep 60
     };
 
     const android::String16& getInterfaceDescriptor() const override;
 
   protected:
+    ~TestService() override;
     android::status_t onTransact(uint32_t code, const android::Parcel& data, android::Parcel* reply,
                                  uint32_t flags) override;
 
@@ -48,6 +55,7 @@ class TestService : public android::BBinder {
     android::status_t recordSequence(int32_t value);
     android::status_t reportSequence(int32_t expected, android::Parcel* reply);
     android::status_t barrier(int32_t parties, android::Parcel* reply);
+    android::status_t relayCallBack(const android::Parcel& data, android::Parcel* reply);
 
     std::mutex mLock;
     std::condition_variable mChanged;
@@ -59,6 +67,7 @@ class TestService : public android::BBinder {
     bool mUnblocked = false;
     int mInsideBarrier = 0;
     std::set<int> mBarrierThreads;
+    bool mCounted = false;  // made by NEW_OBJECT
 };
 
 // Serves a TestService under the name given as first argument, tells the

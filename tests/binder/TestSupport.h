@@ -4,6 +4,7 @@
 #include <binder/Parcel.h>
 #include <sys/types.h>
 
+#include <atomic>
 #include <chrono>
 #include <functional>
 #include <string>
@@ -39,6 +40,26 @@ inline bool waitUntil(const std::function<bool()>& condition,
 
 int currentTid();
 size_t countOpenFds(pid_t pid);
+// Counts the death notices it gets and notes the last one.
+class CountingRecipient : public android::IBinder::DeathRecipient {
+  public:
+    explicit CountingRecipient(std::atomic<bool>* destroyed = nullptr) : mDestroyed(destroyed) {}
+    ~CountingRecipient() override {
+        if (mDestroyed != nullptr) *mDestroyed = true;
+    }
+    void binderDied(const android::wp<android::IBinder>& who) override {
+        died = who.promote().get();
+        tid = currentTid();
+        ++calls;
+    }
+    std::atomic<int> calls{0};
+    std::atomic<android::IBinder*> died{nullptr};
+    std::atomic<int> tid{0};
+
+  private:
+    std::atomic<bool>* mDestroyed;
+};
+
 // Threads of the transport's pool (named "tvbinder:<n>").
 size_t countPoolThreads(pid_t pid);
 

@@ -175,31 +175,6 @@ TEST(OneWayCalls, RunOneAtATimeInTheOrderSent) {
     EXPECT_EQ(1, reply.readInt32()) << "one-ways to one object overlapped";
 }
 
-TEST(OneWayCalls, AFloodToASlowReceiverIsRefusedAndTheReceiverRecovers) {
-    ServedChild child;
-    ASSERT_TRUE(child.ready());
-    ASSERT_EQ(NO_ERROR,
-              sendObject(child.binder(), TestService::BLOCK, nullptr, IBinder::FLAG_ONEWAY));
-    std::vector<uint8_t> payload(16 * 1024);
-    status_t status = NO_ERROR;
-    int sent = 0;
-    // Bounded: far beyond what the receiver may queue plus socket buffers.
-    for (; sent < 2000 && status == NO_ERROR; ++sent) {
-        Parcel data;
-        data.writeInt32(sent);
-        data.write(payload.data(), payload.size());
-        status =
-            child.binder()->transact(TestService::SEQUENCE, data, nullptr, IBinder::FLAG_ONEWAY);
-    }
-    EXPECT_NE(NO_ERROR, status);
-    EXPECT_LT(sent, 2000);
-    Parcel none;
-    Parcel reply;
-    ASSERT_EQ(NO_ERROR, child.binder()->transact(TestService::UNBLOCK, none, &reply));
-    EXPECT_EQ(1, reply.readInt32());
-    EXPECT_EQ(3, callInt(child.binder(), TestService::ECHO, 3));
-}
-
 TEST(DeadObjects, CallsToAProcessThatDiedFailWithDeadObject) {
     ServedChild child;
     ASSERT_TRUE(child.ready());

@@ -42,6 +42,7 @@ class BpBinder : public IBinder {
     uint64_t tokenLo() const { return mTokenLo; }
     // Counts one more reference that the owner granted to this process.
     void addGrantedReference();
+    uint32_t takeGrantedReferences();
     // Marks the proxy dead and calls every linked recipient once.
     void sendObituary();
 
@@ -57,6 +58,7 @@ class BpBinder : public IBinder {
     BpBinder(const sp<tvbinder::Peer>& owner, uint64_t tokenHi, uint64_t tokenLo);
     ~BpBinder() override;
     void onLastStrongRef(const void* id) override;
+    bool onIncStrongAttempted(uint32_t flags, const void* id) override;
 
     const sp<tvbinder::Peer> mOwner;
     const uint64_t mTokenHi;

@@ -13,6 +13,7 @@ class BBinder;
 class ProcessState;
 
 namespace tvbinder {
+class ChainMailbox;
 class Connection;
 class Dispatcher;
 }  // namespace tvbinder
@@ -57,6 +58,13 @@ class IPCThreadState {
     uid_t mCallingUid = 0;
     // Innermost last: connections whose peer waits for this thread's reply.
     std::vector<tvbinder::Connection*> mServing;
+    // The chain of synchronous calls the thread works for: that of the
+    // transaction it executes, else its own (made on first use).
+    uint64_t mChain = 0;
+    uint64_t mOwnChain = 0;
+    // Where calls of its chain are handed to it while it waits for a reply;
+    // made on first use.
+    tvbinder::ChainMailbox* mMailbox = nullptr;
 };
 
 }  // namespace android
