@@ -125,7 +125,8 @@ bool sendOneWays(const sp<IBinder>& service, int count, int64_t alreadyCounted) 
     return true;
 }
 
-int sendMeasuredOneWays(int channel, const std::string& name, int messages) {
+int sendMeasuredOneWays(int channel, const std::string& name, int messages, bool pinned) {
+    if (pinned) pinToFirstCpu();
     sp<IBinder> service = findService(name);
     if (service == nullptr || !sendOneWays(service, kWarmUp, 0)) return 1;
     return runWhenTold(channel, [&] { return sendOneWays(service, messages, kWarmUp); }) ? 0 : 1;
@@ -219,13 +220,13 @@ std::optional<double> roundTripMicros(bool pinned, int iterations) {
     return static_cast<double>(*medianNanos) / 1000.0;
 }
 
-std::optional<double> oneWayPerSecond(int messages) {
+std::optional<double> oneWayPerSecond(bool pinned, int messages) {
     const std::string name = uniqueServiceName();
-    auto service = startService(name, false);
+    auto service = startService(name, pinned);
     if (service == nullptr) return std::nullopt;
     std::vector<std::unique_ptr<ChildProcess>> sender;
     sender.push_back(std::make_unique<ChildProcess>(
-        [=](int channel) { return sendMeasuredOneWays(channel, name, messages); }));
+        [=](int channel) { return sendMeasuredOneWays(channel, name, messages, pinned); }));
     return operationsPerSecond(sender, messages);
 }
 

@@ -16,7 +16,7 @@ namespace binder {
 // Median round trip of a synchronous transaction carrying 16 bytes each way.
 std::optional<double> roundTripMicros(bool pinned, int iterations);
 // One-way 16-byte transactions per second to one object.
-std::optional<double> oneWayPerSecond(int messages);
+std::optional<double> oneWayPerSecond(bool pinned, int messages);
 // Synchronous calls per second of `clients` processes calling one service.
 std::optional<double> parallelCallsPerSecond(int clients, int callsEach);
 // Median time from SIGKILL of a service's process to binderDied in a client.

@@ -17,15 +17,21 @@ namespace {
 
 constexpr double kMaxRoundTripRatio = 1.5;
 constexpr double kMinThroughputRatio = 0.5;
+constexpr double kMinOneWayRatio = 0.8;
 constexpr double kMaxDeathNoticeMillis = 5;
 // Notifications carry more than a bare one-way (a class name, the addressed
 // client, a look-up of its handle on each side), so less is asked of them.
 constexpr double kMinNotificationRatio = 0.4;
 
-bool parseOptions(int argc, char** argv, BenchOptions* options) {
+bool parseOptions(int argc, char** argv, BenchOptions* options, bool* oneWayOnly) {
     for (int i = 1; i < argc; ++i) {
-        if (strcmp(argv[i], "--quick") != 0) return false;
-        *options = BenchOptions::quick();
+        if (strcmp(argv[i], "--quick") == 0) {
+            *options = BenchOptions::quick();
+        } else if (strcmp(argv[i], "--one-way") == 0) {
+            *oneWayOnly = true;
+        } else {
+            return false;
+        }
     }
     return true;
 }
@@ -44,10 +50,19 @@ void measureRoundTrips(const BenchOptions& options, Report* report) {
     }
 }
 
+void measureOneWays(const BenchOptions& options, Report* report) {
+    for (bool pinned : {true, false}) {
+        const char* placement = placementOf(pinned);
+        fprintf(stderr, "one-way messages, %s...\n", placement);
+        report->addThroughput(std::string("one-way 16 B messages, ") + placement,
+                              binder::oneWayPerSecond(pinned, options.oneWayMessages),
+                              raw::oneWayPerSecond(pinned, options.oneWayMessages),
+                              kMinOneWayRatio);
+    }
+}
+
 void measureThroughput(const BenchOptions& options, Report* report) {
-    fprintf(stderr, "one-way messages...\n");
-    report->addThroughput("one-way 16 B messages", binder::oneWayPerSecond(options.oneWayMessages),
-                          raw::oneWayPerSecond(false, options.oneWayMessages), kMinThroughputRatio);
+    measureOneWays(options, report);
     fprintf(stderr, "%d clients...\n", options.parallelClients);
     report->addThroughput(
         std::to_string(options.parallelClients) + " clients, one service (calls)",
@@ -113,8 +128,9 @@ void measureTavrinSubServices(const BenchOptions& options, Report* report) {
 
 int main(int argc, char** argv) {
     BenchOptions options;
-    if (!parseOptions(argc, argv, &options)) {
-        fprintf(stderr, "usage: transport_bench [--quick]\n");
+    bool oneWayOnly = false;
+    if (!parseOptions(argc, argv, &options, &oneWayOnly)) {
+        fprintf(stderr, "usage: transport_bench [--quick] [--one-way]\n");
         return 2;
     }
     // A context of our own, inherited by every process forked below.
@@ -124,6 +140,11 @@ int main(int argc, char** argv) {
     if (!daemon.serving()) return 1;
 
     Report report;
+    if (oneWayOnly) {
+        measureOneWays(options, &report);
+        report.print();
+        return report.complete() ? 0 : 1;
+    }
     measureRoundTrips(options, &report);
     measureThroughput(options, &report);
     fprintf(stderr, "death notices...\n");
