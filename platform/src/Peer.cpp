@@ -204,6 +204,10 @@ void Peer::onLinkEvent(const sp<Connection>& link, uint32_t events) {
     if (link->broken() || (events & (EPOLLHUP | EPOLLRDHUP | EPOLLERR)) != 0) {
         dropLink(link);
         checkAlive();
+        // An exec closes the peer's sockets one by one: its address may still
+        // answer for a moment. A new link hangs up as well once it is gone.
+        status_t status;
+        if (!isDead()) obtainLink(&status);
         return;
     }
     if ((events & EPOLLOUT) != 0) trySendReleases(*link);
