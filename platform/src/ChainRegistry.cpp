@@ -10,10 +10,10 @@ ChainMailbox::ChainMailbox()
     : mGeneration(TransportFds::generation()), mEvent(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {}
 
 void ChainMailbox::put(HandedCall call) {
-    {
-        std::lock_guard<std::mutex> guard(mLock);
-        mCalls.push_back(std::move(call));
-    }
+    std::lock_guard<std::mutex> guard(mLock);
+    mCalls.push_back(std::move(call));
+    if (mSignalled) return;
+    mSignalled = true;
     const uint64_t one = 1;
     ssize_t written = write(mEvent.get(), &one, sizeof(one));
     (void)written;
@@ -22,9 +22,12 @@ void ChainMailbox::put(HandedCall call) {
 bool ChainMailbox::take(HandedCall* call) {
     std::lock_guard<std::mutex> guard(mLock);
     if (mCalls.empty()) {
-        uint64_t count;
-        ssize_t drained = read(mEvent.get(), &count, sizeof(count));
-        (void)drained;
+        if (mSignalled) {
+            uint64_t count;
+            ssize_t drained = read(mEvent.get(), &count, sizeof(count));
+            (void)drained;
+            mSignalled = false;
+        }
         return false;
     }
     *call = std::move(mCalls.front());
@@ -32,31 +35,44 @@ bool ChainMailbox::take(HandedCall* call) {
     return true;
 }
 
+ChainRegistry::Waiter* ChainRegistry::find(uint64_t chain) {
+    for (Waiter& waiter : mWaiters) {
+        if (waiter.chain == chain) return &waiter;
+    }
+    return nullptr;
+}
+
 void ChainRegistry::enter(uint64_t chain, ChainMailbox* mailbox) {
     std::lock_guard<std::mutex> guard(mLock);
-    auto [it, fresh] = mWaiters.try_emplace(chain, Waiter{mailbox, 0});
-    // Another thread of the chain (after a one-way broke it) keeps it.
-    if (it->second.mailbox == mailbox) ++it->second.depth;
-    (void)fresh;
+    if (Waiter* waiter = find(chain)) {
+        // Another thread of the chain (after a one-way broke it) keeps it.
+        if (waiter->mailbox == mailbox) ++waiter->depth;
+        return;
+    }
+    mWaiters.push_back(Waiter{chain, mailbox, 1});
+    mCount.store(mWaiters.size(), std::memory_order_release);
 }
 
 void ChainRegistry::leave(uint64_t chain, ChainMailbox* mailbox) {
     std::lock_guard<std::mutex> guard(mLock);
-    auto it = mWaiters.find(chain);
-    if (it == mWaiters.end() || it->second.mailbox != mailbox) return;
-    if (--it->second.depth == 0) mWaiters.erase(it);
+    Waiter* waiter = find(chain);
+    if (waiter == nullptr || waiter->mailbox != mailbox || --waiter->depth > 0) return;
+    *waiter = mWaiters.back();
+    mWaiters.pop_back();
+    mCount.store(mWaiters.size(), std::memory_order_release);
 }
 
 bool ChainRegistry::handOff(uint64_t chain, const sp<Connection>& connection, Frame& frame) {
+    if (mCount.load(std::memory_order_acquire) == 0) return false;
     std::lock_guard<std::mutex> guard(mLock);
-    auto it = mWaiters.find(chain);
-    if (it == mWaiters.end()) return false;
+    Waiter* waiter = find(chain);
+    if (waiter == nullptr) return false;
     auto handed = std::make_unique<Frame>();
     handed->header = frame.header;
     handed->data = frame.releaseData();
     handed->offsets.swap(frame.offsets);
     handed->fds = frame.releaseFds();
-    it->second.mailbox->put(HandedCall{connection, std::move(handed)});
+    waiter->mailbox->put(HandedCall{connection, std::move(handed)});
     return true;
 }
 

@@ -3,10 +3,11 @@
 #include <stdint.h>
 #include <utils/RefBase.h>
 
+#include <atomic>
 #include <deque>
 #include <memory>
 #include <mutex>
-#include <unordered_map>
+#include <vector>
 
 #include "Connection.h"
 #include "Frame.h"
@@ -36,9 +37,10 @@ class ChainMailbox {
 
   private:
     const unsigned mGeneration;
-    ScopedFd mEvent;  // eventfd: readable while calls wait
-    std::mutex mLock;
+    ScopedFd mEvent;   // eventfd: readable while calls wait
+    std::mutex mLock;  // guards the two below
     std::deque<HandedCall> mCalls;
+    bool mSignalled = false;  // the eventfd was written since it was last read
 };
 
 // Chains of synchronous calls. Every synchronous transaction carries the id
@@ -58,11 +60,17 @@ class ChainRegistry {
 
   private:
     struct Waiter {
+        uint64_t chain;
         ChainMailbox* mailbox;
         unsigned depth;
     };
+    Waiter* find(uint64_t chain);
+
+    // Waiters: lets the many processes that never wait skip the lock.
+    std::atomic<size_t> mCount{0};
     std::mutex mLock;
-    std::unordered_map<uint64_t, Waiter> mWaiters;
+    // One entry per waiting thread: a short list, searched in place.
+    std::vector<Waiter> mWaiters;
 };
 
 }  // namespace tvbinder

@@ -118,11 +118,20 @@ uint64_t Dispatcher::currentChain() {
 }
 
 Connection* Dispatcher::servingConnectionFor(const Peer& peer) {
-    std::vector<Connection*>& serving = IPCThreadState::self()->mServing;
+    auto& serving = IPCThreadState::self()->mServing;
     for (auto it = serving.rbegin(); it != serving.rend(); ++it) {
-        if ((*it)->peer().get() == &peer && !(*it)->broken()) return *it;
+        if (it->first->peer().get() == &peer && !it->first->broken()) return it->first;
     }
     return nullptr;
+}
+
+void Dispatcher::announceChainExtension() {
+    auto& serving = IPCThreadState::self()->mServing;
+    if (serving.empty() || serving.back().second) return;
+    // Sent before the call that extends the chain: the waiting caller reads
+    // it before any call of the chain can come back to its process.
+    serving.back().second = true;
+    serving.back().first->send(OutgoingFrame::make(FrameKind::kChainExtended));
 }
 
 status_t Dispatcher::roundTrip(const sp<Peer>& peer, const OutgoingFrame& frame, Parcel* reply,
@@ -138,6 +147,7 @@ status_t Dispatcher::roundTrip(const sp<Peer>& peer, const OutgoingFrame& frame,
         *sent = true;
         return awaitReply(*nested, reply);
     }
+    announceChainExtension();
     for (;;) {
         status_t status;
         bool reused = false;
@@ -182,13 +192,19 @@ void Dispatcher::serveHandedCalls(ChainMailbox& mailbox) {
 }
 
 status_t Dispatcher::receiveReply(Connection& connection, Parcel* reply, ChainMailbox& mailbox) {
+    // Calls of the chain reach this thread elsewhere than on its connection
+    // only once the peer said the chain goes further: until then one
+    // blocking receive is all a call costs.
+    bool watchMailbox = false;
     for (;;) {
-        pollfd waiters[2] = {{connection.fd(), POLLIN, 0}, {mailbox.fd(), POLLIN, 0}};
-        if (poll(waiters, 2, -1) < 0) continue;  // EINTR
-        if ((waiters[1].revents & POLLIN) != 0) serveHandedCalls(mailbox);
-        if (waiters[0].revents == 0) continue;
+        if (watchMailbox) {
+            pollfd waiters[2] = {{connection.fd(), POLLIN, 0}, {mailbox.fd(), POLLIN, 0}};
+            if (poll(waiters, 2, -1) < 0) continue;  // EINTR
+            if ((waiters[1].revents & POLLIN) != 0) serveHandedCalls(mailbox);
+            if (waiters[0].revents == 0) continue;
+        }
         Frame frame;
-        status_t status = connection.receive(&frame, false);
+        status_t status = connection.receive(&frame, !watchMailbox);
         if (status == WOULD_BLOCK) continue;
         if (status == NO_ERROR) status = frame.validate();
         if (status != NO_ERROR) {
@@ -217,6 +233,9 @@ status_t Dispatcher::receiveReply(Connection& connection, Parcel* reply, ChainMa
             case FrameKind::kGrant:
                 serveRequest(connection, frame);
                 if (connection.broken()) return DEAD_OBJECT;
+                continue;
+            case FrameKind::kChainExtended:
+                watchMailbox = true;
                 continue;
             default:
                 break;
@@ -365,7 +384,7 @@ status_t Dispatcher::execute(Connection& connection, BBinder& target, uint32_t c
     // of their own and go the normal way.
     const bool synchronous = (flags & IBinder::FLAG_ONEWAY) == 0;
     thread->mChain = synchronous ? chain : 0;
-    if (synchronous) thread->mServing.push_back(&connection);
+    if (synchronous) thread->mServing.emplace_back(&connection, false);
     status_t status = target.transact(code, data, reply, flags);
     if (synchronous) thread->mServing.pop_back();
     thread->mChain = savedChain;
@@ -404,6 +423,8 @@ void Dispatcher::readLink(const sp<Connection>& link) {
         if (!readWaiting(link)) {
             if (held) mRuntime.stallGuard().release(link);
             mRuntime.drop(link);
+            // The peer's link ends when its process exits or execs.
+            link->peer()->checkAlive();
             return;
         }
         if (mRuntime.pool().hasPostedTasks()) {

@@ -63,6 +63,9 @@ class Dispatcher {
     // The chain the calling thread's synchronous calls belong to.
     static uint64_t currentChain();
     Connection* servingConnectionFor(const Peer& peer);
+    // Before the thread serving a call calls a third process: tells the
+    // caller that calls of its chain may now reach it from elsewhere.
+    static void announceChainExtension();
 
     // A transaction or grant request: runs it and replies on `connection`.
     void serveRequest(Connection& connection, Frame& frame);

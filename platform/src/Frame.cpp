@@ -19,7 +19,7 @@ bool kindHasBody(FrameKind kind) {
 
 bool isKnownKind(uint32_t kind) {
     return kind >= static_cast<uint32_t>(FrameKind::kHello) &&
-           kind <= static_cast<uint32_t>(FrameKind::kAckRequest);
+           kind <= static_cast<uint32_t>(FrameKind::kChainExtended);
 }
 
 status_t validateRecord(const FlatObject& record) {

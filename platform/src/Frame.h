@@ -16,14 +16,15 @@ namespace tvbinder {
 // Larger ones carry only the header; data and offsets follow in a sealed
 // memfd passed as the frame's first descriptor.
 enum class FrameKind : uint32_t {
-    kHello = 1,        // argument: sender's endpoint
-    kHelloAnswer = 2,  // argument: sender's endpoint (context listener only)
-    kTransaction = 3,  // token: target; code, flags; body: the data
-    kReply = 4,        // status; body: the reply data
-    kRelease = 5,      // token: object; argument: how many references
-    kGrant = 6,        // token: object; argument: endpoint that is to hold it
-    kAck = 7,          // argument: one-way bytes consumed on this link so far
-    kAckRequest = 8,   // the sender's budget is spent: acknowledge now
+    kHello = 1,          // argument: sender's endpoint
+    kHelloAnswer = 2,    // argument: sender's endpoint (context listener only)
+    kTransaction = 3,    // token: target; code, flags; body: the data
+    kReply = 4,          // status; body: the reply data
+    kRelease = 5,        // token: object; argument: how many references
+    kGrant = 6,          // token: object; argument: endpoint that is to hold it
+    kAck = 7,            // argument: one-way bytes consumed on this link so far
+    kAckRequest = 8,     // the sender's budget is spent: acknowledge now
+    kChainExtended = 9,  // to a waiting caller: its chain reaches a third process
 };
 
 struct FrameHeader {

@@ -40,6 +40,19 @@ int64_t nowMs() {
     return int64_t{ts.tv_sec} * 1000 + ts.tv_nsec / 1000000;
 }
 
+// The longest pause between two probes of an address that still answered
+// after one of its connections hung up.
+constexpr int kLastProbeDelayMs = 16;
+
+class DeathProbe : public PoolTask {
+  public:
+    explicit DeathProbe(const sp<Peer>& peer) : mPeer(peer) {}
+    void run() override { mPeer->probeAgain(); }
+
+  private:
+    const sp<Peer> mPeer;
+};
+
 class ReleaseFlush : public PoolTask {
   public:
     explicit ReleaseFlush(const sp<Peer>& peer) : mPeer(peer) {}
@@ -143,14 +156,7 @@ sp<Connection> Peer::takeCallConnection(status_t* status, bool* reused) {
         }
     }
     *reused = false;
-    sp<Connection> connection = connect(false, status);
-    // The link's hang-up is what tells that the peer exec'd: every peer
-    // this process talks to has one.
-    if (connection != nullptr && currentLink() == nullptr) {
-        status_t linkStatus;
-        obtainLink(&linkStatus);
-    }
-    return connection;
+    return connect(false, status);
 }
 
 void Peer::returnCallConnection(const sp<Connection>& connection) {
@@ -204,10 +210,6 @@ void Peer::onLinkEvent(const sp<Connection>& link, uint32_t events) {
     if (link->broken() || (events & (EPOLLHUP | EPOLLRDHUP | EPOLLERR)) != 0) {
         dropLink(link);
         checkAlive();
-        // An exec closes the peer's sockets one by one: its address may still
-        // answer for a moment. A new link hangs up as well once it is gone.
-        status_t status;
-        if (!isDead()) obtainLink(&status);
         return;
     }
     if ((events & EPOLLOUT) != 0) trySendReleases(*link);
@@ -360,7 +362,23 @@ bool Peer::trySendReleases(Connection& link) {
 void Peer::checkAlive() {
     if (isDead()) return;
     // An endpoint is closed once its process has exited or exec'd.
-    if (Connection::refusesConnections(endpointAddress(mEndpoint))) mRuntime.peerLost(this);
+    if (Connection::refusesConnections(endpointAddress(mEndpoint))) {
+        mRuntime.peerLost(this);
+        return;
+    }
+    // An exec closes the process's sockets one by one: the address may
+    // still answer for a moment after a connection hung up.
+    if (mRuntime.pool().started() && !mProbing.exchange(true)) {
+        mRuntime.pool().post(new DeathProbe(this));
+    }
+}
+
+void Peer::probeAgain() {
+    for (int delayMs = 1; delayMs <= kLastProbeDelayMs && !isDead(); delayMs *= 2) {
+        usleep(static_cast<useconds_t>(delayMs) * 1000);
+        if (Connection::refusesConnections(endpointAddress(mEndpoint))) mRuntime.peerLost(this);
+    }
+    mProbing.store(false);
 }
 
 bool Peer::markDead() {

@@ -67,8 +67,10 @@ class Peer : public RefBase, public EventSource {
     void flushReleases();
 
     // After a connection to the peer failed or closed: the peer is lost when
-    // its endpoint no longer accepts connections.
+    // its endpoint no longer accepts connections, now or within some 30 ms
+    // (probed again by a pool task).
     void checkAlive();
+    void probeAgain();
     // True for the caller that marked it dead first. Closes its connections.
     bool markDead();
     // The pidfd that the pool watches, or -1.
@@ -96,6 +98,7 @@ class Peer : public RefBase, public EventSource {
     Runtime& mRuntime;
     const uint64_t mEndpoint;
     std::atomic<bool> mDead{false};
+    std::atomic<bool> mProbing{false};  // a DeathProbe is posted or running
 
     mutable std::mutex mLock;  // guards everything below
     pid_t mPid = 0;

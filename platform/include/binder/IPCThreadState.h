@@ -5,6 +5,7 @@
 #include <utils/Errors.h>
 #include <utils/RefBase.h>
 
+#include <utility>
 #include <vector>
 
 namespace android {
@@ -56,8 +57,9 @@ class IPCThreadState {
     // 0 outside a transaction: the caller is this process.
     pid_t mCallingPid = 0;
     uid_t mCallingUid = 0;
-    // Innermost last: connections whose peer waits for this thread's reply.
-    std::vector<tvbinder::Connection*> mServing;
+    // Innermost last: connections whose peer waits for this thread's reply,
+    // and whether that peer was told that the chain reaches further.
+    std::vector<std::pair<tvbinder::Connection*, bool>> mServing;
     // The chain of synchronous calls the thread works for: that of the
     // transaction it executes, else its own (made on first use).
     uint64_t mChain = 0;
