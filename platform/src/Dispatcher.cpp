@@ -6,7 +6,6 @@
 #include <errno.h>
 #include <log/log.h>
 #include <poll.h>
-#include <sched.h>
 #include <string.h>
 
 #include <algorithm>
@@ -18,19 +17,7 @@
 namespace android {
 namespace tvbinder {
 
-namespace {
-
-// One-way bytes of all links together that may wait for their objects:
-// beyond it, a link that adds more is dropped.
-constexpr uint64_t kProcessOneWayCap = 32 * 1024 * 1024;
-// Frames read from a link per wake-up.
-constexpr size_t kLinkReadBudget = 256;
-// How long a pool thread keeps reading a busy connection before handing it
-// back to epoll: a stream of calls or one-ways then costs one receive each,
-// not a wake-up each.
-constexpr int kLingerMs = 2;
-
-}  // namespace
+namespace {}  // namespace
 
 // ---- Sending ----
 
@@ -254,10 +241,6 @@ void Dispatcher::sendRelease(const sp<Peer>& owner, const Token& token, uint32_t
 // ---- Receiving ----
 
 void Dispatcher::onReadable(const sp<Connection>& connection) {
-    if (connection->isLink) {
-        readLink(connection);
-        return;
-    }
     for (;;) {
         Frame frame;
         status_t status = connection->receive(&frame, false);
@@ -303,24 +286,12 @@ void Dispatcher::onReadable(const sp<Connection>& connection) {
                 connection->markBroken();
                 break;
         }
-        if (connection->broken() || !lingerOn(*connection)) {
+        // A caller that just got its reply often calls again at once.
+        if (connection->broken() || !mRuntime.lingerOn(*connection)) {
             mRuntime.rearm(connection);
             return;
         }
     }
-}
-
-bool Dispatcher::lingerOn(const Connection& connection) {
-    // A caller that just got its reply often calls again at once: waiting a
-    // moment here saves it the way through epoll, as long as other pool
-    // threads are free for everything else.
-    if (!mRuntime.pool().hasIdleThreads()) return false;
-    pollfd waiter{connection.fd(), POLLIN, 0};
-    int ready;
-    do {
-        ready = poll(&waiter, 1, kLingerMs);
-    } while (ready < 0 && errno == EINTR);
-    return ready > 0;
 }
 
 status_t Dispatcher::handleHello(Connection& connection, const Frame& frame) {
@@ -410,123 +381,6 @@ void Dispatcher::sendReply(Connection& connection, status_t status, const Parcel
         undoGrants(grants, connection.peer());
         connection.markBroken();
     }
-}
-
-void Dispatcher::readLink(const sp<Connection>& link) {
-    // The link is read to the end, then what was read runs on this thread,
-    // then the link is read again: a stream of one-ways costs neither
-    // wake-ups nor re-arming. Releases and requests for acknowledgement never
-    // wait behind one-ways, and the sender's budget bounds what is queued.
-    bool held = false;
-    bool yielded = false;
-    for (;;) {
-        if (!readWaiting(link)) {
-            if (held) mRuntime.stallGuard().release(link);
-            mRuntime.drop(link);
-            // The peer's link ends when its process exits or execs.
-            link->peer()->checkAlive();
-            return;
-        }
-        if (mRuntime.pool().hasPostedTasks()) {
-            mRuntime.stallGuard().hold(link);
-            held = true;
-            mRuntime.pool().runPosted();
-            if (!mRuntime.stallGuard().refresh(link)) return;  // another thread reads it now
-            yielded = false;
-            continue;
-        }
-        if (held && !mRuntime.stallGuard().release(link)) return;
-        held = false;
-        // A sender on this CPU gets to go on once before this thread sleeps:
-        // the one-ways it sends meanwhile are read in one go.
-        if (!yielded) {
-            yielded = true;
-            sched_yield();
-            continue;
-        }
-        yielded = false;
-        // The sender is woken straight by the socket then, not through epoll.
-        if (!lingerOn(*link)) break;
-    }
-    mRuntime.rearm(link);
-}
-
-bool Dispatcher::readWaiting(const sp<Connection>& link) {
-    size_t taken = 0;
-    while (taken < kLinkReadBudget) {
-        Frame frames[kReceiveBatch];
-        status_t statuses[kReceiveBatch];
-        const size_t count = link->receiveWaiting(frames, statuses, kReceiveBatch);
-        taken += count;
-        for (size_t i = 0; i < count; ++i) {
-            status_t status = statuses[i] == NO_ERROR ? frames[i].validate() : statuses[i];
-            if (status != NO_ERROR) {
-                if (status != DEAD_OBJECT) ALOGW("malformed frame from pid %d", link->peerPid());
-                return false;
-            }
-            if (!takeLinkFrame(*link, frames[i])) return false;
-        }
-        if (count < kReceiveBatch) break;
-    }
-    return true;
-}
-
-bool Dispatcher::takeLinkFrame(Connection& link, Frame& frame) {
-    switch (frame.kind()) {
-        case FrameKind::kTransaction:
-            if ((frame.header.flags & IBinder::FLAG_ONEWAY) != 0) return admitOneWay(link, frame);
-            break;
-        case FrameKind::kRelease:
-            handleRelease(link, frame);
-            return true;
-        case FrameKind::kAckRequest:
-            mRuntime.oneWays().onAckRequest(link);
-            return true;
-        default:
-            break;
-    }
-    ALOGW("unexpected frame of kind %u on the link of pid %d", frame.header.kind, link.peerPid());
-    return false;
-}
-
-bool Dispatcher::admitOneWay(Connection& link, Frame& frame) {
-    const uint64_t cost = oneWayCost(frame.header.dataSize);
-    const uint64_t received = link.oneWayReceived.load(std::memory_order_relaxed);
-    const uint64_t backlog = received - link.oneWayConsumed.load(std::memory_order_acquire);
-    if (!fitsOneWayBudget(backlog, cost)) {
-        ALOGW("pid %d sent one-ways beyond its budget; dropping its link", link.peerPid());
-        return false;
-    }
-    if (mRuntime.oneWays().queuedBytes() + cost > kProcessOneWayCap) {
-        ALOGW("one-way backlog of the process is full; dropping the link of pid %d",
-              link.peerPid());
-        return false;
-    }
-    link.oneWayReceived.store(received + cost, std::memory_order_relaxed);
-    mRuntime.oneWays().addQueued(cost);
-    auto call = std::make_unique<PendingOneWay>();
-    call->cost = cost;
-    if (decodeParcel(frame, link, &call->data) != NO_ERROR) {
-        ALOGW("malformed one-way from pid %d", link.peerPid());
-        mRuntime.oneWays().consumed(link, cost);
-        return false;
-    }
-    call->target = mRuntime.exports().lookup(frame.token(), link.peer()->endpoint());
-    if (call->target == nullptr) {
-        ALOGW("pid %d called an object it does not hold", link.peerPid());
-        mRuntime.oneWays().consumed(link, cost);
-        return true;
-    }
-    call->from = &link;
-    call->code = frame.header.code;
-    call->flags = frame.header.flags;
-    mRuntime.oneWays().enqueue(frame.token(), std::move(call));
-    return true;
-}
-
-void Dispatcher::handleRelease(Connection& connection, const Frame& frame) {
-    sp<BBinder> last = mRuntime.exports().release(frame.token(), connection.peer()->endpoint(),
-                                                  frame.header.argument);
 }
 
 status_t Dispatcher::decodeParcel(Frame& frame, const Connection& from, Parcel* out) {

@@ -37,6 +37,8 @@ class Dispatcher {
 
     // Pool thread: the accepted connection has a frame (or was closed).
     void onReadable(const sp<Connection>& connection);
+    // Builds the received Parcel: descriptors and resolved objects.
+    status_t decodeParcel(Frame& frame, const Connection& from, Parcel* out);
     // Runs a received transaction on `target` as the connection's peer, as
     // part of `chain` (synchronous ones).
     status_t execute(Connection& connection, BBinder& target, uint32_t code, const Parcel& data,
@@ -72,20 +74,7 @@ class Dispatcher {
     status_t serveGrant(Connection& connection, const Frame& frame);
     void sendReply(Connection& connection, status_t status, const Parcel* reply);
     status_t handleHello(Connection& connection, const Frame& frame);
-    // True when another frame arrived on `connection` within a short wait.
-    bool lingerOn(const Connection& connection);
-    // Reads what waits on a peer's link (one-ways, releases, requests for
-    // acknowledgement), queues the one-ways on their objects, and hands the
-    // link back to epoll.
-    void readLink(const sp<Connection>& link);
-    // Reads (up to a budget) what waits on the link; false when it must be
-    // dropped.
-    bool readWaiting(const sp<Connection>& link);
-    bool takeLinkFrame(Connection& link, Frame& frame);
-    bool admitOneWay(Connection& link, Frame& frame);
-    void handleRelease(Connection& connection, const Frame& frame);
-    // Builds the received Parcel: descriptors and resolved objects.
-    status_t decodeParcel(Frame& frame, const Connection& from, Parcel* out);
+
     sp<IBinder> resolveBinder(uint64_t endpoint, const Token& token, const Connection& from);
 
     Runtime& mRuntime;

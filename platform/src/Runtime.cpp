@@ -2,6 +2,7 @@
 
 #include "Runtime.h"
 
+#include <errno.h>
 #include <log/log.h>
 #include <poll.h>
 #include <stdlib.h>
@@ -22,6 +23,10 @@ constexpr size_t kMaxAcceptedConnections = 4096;
 // And one process may not take more than its share of them.
 constexpr size_t kMaxAcceptedConnectionsPerPid = 256;
 constexpr int kHelloAnswerTimeoutMs = 5000;
+// How long a pool thread keeps reading a busy connection before handing it
+// back to epoll: a stream of calls or one-ways then costs one receive each,
+// not a wake-up each.
+constexpr int kLingerMs = 2;
 
 std::atomic<Runtime*> gCurrent{nullptr};
 // Runtimes a forked child left behind stay reachable: parts of them may still
@@ -60,6 +65,7 @@ Runtime::Runtime()
       mPeers(*this),
       mPool(*this),
       mDispatcher(*this),
+      mLinks(*this),
       mOneWays(*this),
       mStallGuard(*this) {}
 
@@ -139,6 +145,8 @@ void Runtime::onEvent(EventSource* source, uint32_t events) {
             connection->takeOver();
             if (connection->isOutgoingLink) {
                 connection->peer()->onLinkEvent(connection, events);
+            } else if (connection->isLink) {
+                mLinks.onReadable(connection);
             } else {
                 mDispatcher.onReadable(connection);
             }
@@ -230,6 +238,18 @@ class ObituaryDelivery : public PoolTask {
 
 void Runtime::deliverObituaries(const sp<BpBinder>& proxy) {
     mPool.post(new ObituaryDelivery(proxy));
+}
+
+bool Runtime::lingerOn(const Connection& connection) {
+    // Waiting a moment saves the next frame the way through epoll, as long
+    // as other pool threads are free for everything else.
+    if (!mPool.hasIdleThreads()) return false;
+    pollfd waiter{connection.fd(), POLLIN, 0};
+    int ready;
+    do {
+        ready = poll(&waiter, 1, kLingerMs);
+    } while (ready < 0 && errno == EINTR);
+    return ready > 0;
 }
 
 void Runtime::watchPeer(Peer* peer, int pidfd) {

@@ -14,6 +14,7 @@
 #include "Connection.h"
 #include "Dispatcher.h"
 #include "ExportTable.h"
+#include "LinkReader.h"
 #include "LinkStallGuard.h"
 #include "Listener.h"
 #include "OneWayScheduler.h"
@@ -51,6 +52,9 @@ class Runtime {
     OneWayScheduler& oneWays() { return mOneWays; }
     LinkStallGuard& stallGuard() { return mStallGuard; }
     ChainRegistry& chains() { return mChains; }
+    // True when another frame arrived on `connection` within a short wait;
+    // false at once when no other pool thread is free for other work.
+    bool lingerOn(const Connection& connection);
 
     // The context manager's object: local when this process serves it, else
     // the proxy of the manager that listens on the context's address.
@@ -87,6 +91,7 @@ class Runtime {
     PeerTable mPeers;
     ThreadPool mPool;
     Dispatcher mDispatcher;
+    LinkReader mLinks;
     OneWayScheduler mOneWays;
     LinkStallGuard mStallGuard;
     ChainRegistry mChains;
