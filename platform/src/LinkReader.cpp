@@ -27,27 +27,24 @@ void LinkReader::onReadable(const sp<Connection>& link) {
     // then the link is read again: a stream of one-ways costs neither
     // wake-ups nor re-arming. Releases and requests for acknowledgement never
     // wait behind one-ways, and the sender's budget bounds what is queued.
-    bool held = false;
     bool yielded = false;
     for (;;) {
         const status_t status = readWaiting(link);
         if (status != NO_ERROR) {
-            if (held) mRuntime.stallGuard().release(link);
             mRuntime.drop(link);
             // The peer's link ends when its process exits or execs.
             if (status == DEAD_OBJECT) link->peer()->checkAlive();
             return;
         }
         if (mRuntime.pool().hasPostedTasks()) {
+            // Held only while handlers run: the guard never takes it back from
+            // a thread that is reading it.
             mRuntime.stallGuard().hold(link);
-            held = true;
             mRuntime.pool().runPosted();
-            if (!mRuntime.stallGuard().refresh(link)) return;  // another thread reads it now
+            if (!mRuntime.stallGuard().release(link)) return;  // another thread reads it now
             yielded = false;
             continue;
         }
-        if (held && !mRuntime.stallGuard().release(link)) return;
-        held = false;
         // A sender on this CPU gets to go on once before this thread sleeps:
         // the one-ways it sends meanwhile are read in one go.
         if (!yielded) {

@@ -46,14 +46,6 @@ void LinkStallGuard::hold(const sp<Connection>& link) {
     if (!mTimerArmed) armTimer();
 }
 
-bool LinkStallGuard::refresh(const sp<Connection>& link) {
-    std::lock_guard<std::mutex> guard(mLock);
-    auto it = mHeld.find(link.get());
-    if (it == mHeld.end()) return false;
-    it->second.second = nowMs();
-    return true;
-}
-
 bool LinkStallGuard::release(const sp<Connection>& link) {
     std::lock_guard<std::mutex> guard(mLock);
     return mHeld.erase(link.get()) > 0;

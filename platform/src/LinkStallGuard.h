@@ -32,11 +32,9 @@ class LinkStallGuard : public EventSource {
     // The calling thread holds `link` (taken from epoll) while it runs what
     // it read.
     void hold(const sp<Connection>& link);
-    // After running: true if the thread still holds the link (and may read
-    // it again), false when it was taken back meanwhile.
-    bool refresh(const sp<Connection>& link);
-    // The thread is done with the link: true when it still held it and must
-    // hand it back to epoll itself.
+    // The handlers ran: true when the thread still held the link (it may
+    // read it again, and hands it back to epoll itself), false when it was
+    // taken back meanwhile.
     bool release(const sp<Connection>& link);
     // Pool thread: the timer fired.
     void onTimer();
