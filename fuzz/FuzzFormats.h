@@ -1,0 +1,51 @@
+#pragma once
+
+// The input formats of the fuzz targets, shared with the seed writer.
+
+#include <stdint.h>
+
+namespace fuzz {
+
+// FrameFuzzer: a mode byte of these bits, then the message.
+namespace frame_mode {
+constexpr uint8_t kBodyInMemfd = 1;  // the message is the header; the rest goes in a memfd
+constexpr uint8_t kSealed = 2;       // seals that memfd as a sender must
+constexpr uint8_t kBatch = 4;        // receives through receiveWaiting()
+constexpr uint8_t kOversize = 8;     // pads the message past the largest inline frame
+constexpr int kExtraFdsShift = 4;    // bits 4-6: descriptors of /dev/null sent along
+}  // namespace frame_mode
+
+// ParcelFuzzer: the Parcel's content as a chunk, then one step per byte.
+enum ParcelStep : uint8_t {
+    kReadInt32,
+    kReadInt32To,
+    kReadUint32To,
+    kReadInt64To,
+    kReadUint64,
+    kReadFloatTo,
+    kReadDouble,
+    kReadBoolTo,
+    kReadCString,
+    kReadString8,
+    kReadString16,
+    kReadString16Inplace,
+    kEnforceInterface,
+    kRead,         // then a length byte
+    kReadInplace,  // then a length byte
+    kReadStrongBinder,
+    kReadFileDescriptor,
+    kReadBool,
+    kParcelStepCount,     // other bytes choose a reader modulo this count
+    kSetPosition = 0xfe,  // then a uint32, modulo the data size + 16, 4-aligned
+    kCutData = 0xff,      // then a uint32, modulo the data size + 1
+};
+
+// CarrierFuzzer: a byte choosing the object, then transactions.
+enum CarrierTarget : uint8_t {
+    kServiceCarrier,
+    kSubServiceCarrier,
+    kReceiver,
+    kCarrierTargetCount
+};
+
+}  // namespace fuzz
