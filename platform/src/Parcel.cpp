@@ -367,8 +367,10 @@ const char16_t* Parcel::readString16Inplace(size_t* outLen) const {
     if (len >= 0 && size_t(len) < kMaxParcelSize / sizeof(char16_t)) {
         const size_t bytes = (size_t(len) + 1) * sizeof(char16_t);
         const char16_t* str = static_cast<const char16_t*>(readSlot(bytes));
-        // The data is 4-aligned, so the units are 2-aligned: reading in place is sound.
-        if (str != nullptr && str[len] == 0) {
+        // Units read in place must be 2-aligned: a position moved to an odd
+        // offset (past an unpadded C string at the end) refuses the string.
+        const bool aligned = reinterpret_cast<uintptr_t>(str) % alignof(char16_t) == 0;
+        if (str != nullptr && aligned && str[len] == 0) {
             if (outLen != nullptr) *outLen = size_t(len);
             return str;
         }

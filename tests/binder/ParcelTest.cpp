@@ -108,6 +108,18 @@ TEST(ParcelRead, ShortOrPartialItemsYieldZeroAndAreNotConsumedButAWholeStringIs)
     int strings = 0;
     while (strings < 8 && q.readCString() != nullptr) ++strings;
     EXPECT_LE(strings, 1);
+
+    // The position it leaves may be odd: a String16 read in place there is
+    // refused, never read misaligned.
+    Parcel r;
+    for (int i = 0; i < 4; ++i) r.writeInt32(0);
+    ASSERT_EQ(r.setDataSize(3), NO_ERROR);
+    r.setDataPosition(0);
+    r.readCString();
+    ASSERT_EQ(r.setDataSize(16), NO_ERROR);
+    size_t length = 1;
+    EXPECT_EQ(r.readString16Inplace(&length), nullptr);
+    EXPECT_EQ(0u, length);
 }
 
 TEST(ParcelRead, HugeLengthsNeverReadOutsideTheBuffer) {
