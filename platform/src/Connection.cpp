@@ -131,6 +131,10 @@ Connection::Connection(int fd) : EventSource(Type::kConnection), mFd(fd) {
 
 Connection::~Connection() = default;
 
+bool Connection::peerIsTrustedUser() const {
+    return mPeerUid == geteuid() || mPeerUid == 0;
+}
+
 void Connection::setPeer(const sp<Peer>& peer) {
     mPeer = peer;
 }

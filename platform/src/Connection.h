@@ -38,6 +38,10 @@ class Connection : public RefBase, public EventSource {
     pid_t peerPid() const { return mPeerPid; }
     uid_t peerUid() const { return mPeerUid; }
 
+    // True when the other end runs as this process's user or as root:
+    // other users' processes are neither served nor trusted.
+    bool peerIsTrustedUser() const;
+
     // The process at the other end; set once its endpoint is known.
     const sp<Peer>& peer() const { return mPeer; }
     void setPeer(const sp<Peer>& peer);

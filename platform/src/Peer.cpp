@@ -117,6 +117,12 @@ sp<Connection> Peer::connect(bool link, status_t* status) {
         }
         return nullptr;
     }
+    if (!connection->peerIsTrustedUser()) {
+        ALOGW("endpoint %016llx is served by another user (uid %u): not trusted",
+              (unsigned long long)mEndpoint, connection->peerUid());
+        *status = PERMISSION_DENIED;
+        return nullptr;
+    }
     *status = attach(connection->peerPid());
     if (*status != NO_ERROR) {
         ALOGW("endpoint %016llx is served by pid %d, expected %d", (unsigned long long)mEndpoint,

@@ -98,6 +98,11 @@ sp<BpBinder> Runtime::connectToContextManager() {
     int error = 0;
     sp<Connection> connection = Connection::connectTo(contextAddress(mContext), &error);
     if (connection == nullptr) return nullptr;
+    if (!connection->peerIsTrustedUser()) {
+        ALOGW("the context manager of \"%s\" runs as another user (uid %u): not trusted",
+              mContext.c_str(), connection->peerUid());
+        return nullptr;
+    }
     OutgoingFrame hello = OutgoingFrame::make(FrameKind::kHello);
     hello.header.argument = mEndpoint;
     if (connection->send(hello) != NO_ERROR) return nullptr;
@@ -169,6 +174,11 @@ void Runtime::acceptAll(Listener& listener) {
         if (fd < 0) break;
         sp<Connection> connection = Connection::adoptAccepted(fd);
         connection->answersHello = listener.answersHello();
+        if (!connection->peerIsTrustedUser()) {
+            ALOGW("refused a connection from pid %d of another user (uid %u)",
+                  connection->peerPid(), connection->peerUid());
+            continue;
+        }
         {
             std::lock_guard<std::mutex> guard(mLock);
             size_t& fromPid = mAcceptedPerPid[connection->peerPid()];

@@ -1,4 +1,6 @@
 #include <binder/BpBinder.h>
+#include <binder/IPCThreadState.h>
+#include <binder/ProcessState.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <poll.h>
@@ -14,6 +16,7 @@
 #include <string>
 #include <vector>
 
+#include "ChildProcess.h"
 #include "Connection.h"
 #include "FlatObject.h"
 #include "Frame.h"
@@ -353,6 +356,58 @@ TEST_F(HostilePeers, AFloodOfIdleConnectionsIsCappedAndDoesNotStopTheService) {
     EXPECT_TRUE(idle.back()->closedByPeer());
     idle.clear();
     expectStillServing();
+}
+
+// Runs the rest of the child as the unprivileged "nobody".
+bool becomeAnotherUser() {
+    return setresgid(65534, 65534, 65534) == 0 && setresuid(65534, 65534, 65534) == 0;
+}
+
+// Another user's process looks for the test's registry: 0 when refused.
+TVTEST_CHILD_ROLE(other_user_client) {
+    (void)args;
+    if (!becomeAnotherUser()) return 2;
+    return android::ProcessState::self()->getContextObject(nullptr) == nullptr ? 0 : 1;
+}
+
+// Another user's process serves the registry of context args[0].
+TVTEST_CHILD_ROLE(other_user_registry) {
+    if (args.empty() || !becomeAnotherUser()) return 2;
+    setenv("TAVRIN_BINDER_CONTEXT", args[0].c_str(), 1);
+    android::sp<android::ProcessState> process = android::ProcessState::self();
+    if (!process->becomeContextManager()) return 3;
+    android::IPCThreadState::self()->setTheContextObject(new android::BBinder());
+    process->startThreadPool();
+    tvtest::ParentChannel::send("ready");
+    tvtest::ParentChannel::receive();
+    return 0;
+}
+
+// A process of the test's user in context args[0]: 0 when it did not trust
+// that context's registry.
+TVTEST_CHILD_ROLE(context_client) {
+    if (args.empty()) return 2;
+    setenv("TAVRIN_BINDER_CONTEXT", args[0].c_str(), 1);
+    return android::ProcessState::self()->getContextObject(nullptr) == nullptr ? 0 : 1;
+}
+
+int exitCodeOf(tvtest::ChildProcess& child) {
+    const int status = child.wait();
+    return status != -1 && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+TEST(OtherUsers, AreNeitherServedNorTrusted) {
+    if (geteuid() != 0) GTEST_SKIP() << "needs root to run a process as another user";
+    tvtest::ChildProcess client("other_user_client");
+    EXPECT_EQ(0, exitCodeOf(client)) << "another user reached the test's registry";
+
+    const std::string context = "tvtest-other-" + std::to_string(getpid());
+    tvtest::ChildProcess registry("other_user_registry", {context});
+    ASSERT_EQ("ready", registry.readLine());
+    tvtest::ChildProcess user("context_client", {context});
+    EXPECT_EQ(0, exitCodeOf(user)) << "a registry run by another user was trusted";
+    registry.writeLine("quit");
+    EXPECT_EQ(0, exitCodeOf(registry));
 }
 
 }  // namespace
