@@ -22,6 +22,7 @@
 
 #include "FlatObject.h"
 #include "Peer.h"
+#include "SocketDirectory.h"
 
 namespace android {
 namespace tvbinder {
@@ -30,15 +31,6 @@ namespace {
 
 // Bounds connect() when the listener's backlog is full.
 constexpr time_t kConnectTimeoutSeconds = 5;
-
-sockaddr_un abstractAddress(const std::string& name, socklen_t* length) {
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    size_t size = std::min(name.size(), sizeof(address.sun_path) - 1);
-    memcpy(address.sun_path + 1, name.data(), size);
-    *length = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + size);
-    return address;
-}
 
 int64_t nowMs() {
     timespec ts;
@@ -111,13 +103,15 @@ void prepareSlot(ReceiveArea& area, size_t slot) {
 }  // namespace
 
 std::string endpointAddress(uint64_t endpoint) {
-    char name[64];
-    snprintf(name, sizeof(name), "tvbinder/ep/%016" PRIx64, endpoint);
-    return name;
+    char name[32];
+    snprintf(name, sizeof(name), "/ep-%016" PRIx64, endpoint);
+    return SocketDirectory::path() + name;
 }
 
 std::string contextAddress(const std::string& context) {
-    return "tvbinder/ctx/" + context;
+    // A context name is one file name: no way out of the directory.
+    if (context.find('/') != std::string::npos || context == "." || context == "..") return "";
+    return SocketDirectory::path() + "/ctx-" + context;
 }
 
 Connection::Connection(int fd) : EventSource(Type::kConnection), mFd(fd) {
@@ -149,7 +143,11 @@ sp<Connection> Connection::connectTo(const std::string& address, int* error) {
     timeval timeout{kConnectTimeoutSeconds, 0};
     setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &timeout, sizeof(timeout));
     socklen_t length;
-    sockaddr_un target = abstractAddress(address, &length);
+    sockaddr_un target;
+    if (!socketAddress(address, &target, &length)) {
+        *error = ENOENT;
+        return nullptr;
+    }
     int result;
     do {
         result = connect(fd, reinterpret_cast<sockaddr*>(&target), length);
@@ -174,11 +172,14 @@ bool Connection::refusesConnections(const std::string& address) {
     int fd = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
     if (fd < 0) return false;
     socklen_t length;
-    sockaddr_un target = abstractAddress(address, &length);
-    int result;
-    do {
-        result = connect(fd, reinterpret_cast<sockaddr*>(&target), length);
-    } while (result < 0 && errno == EINTR);
+    sockaddr_un target;
+    int result = -1;
+    errno = ENOENT;
+    if (socketAddress(address, &target, &length)) {
+        do {
+            result = connect(fd, reinterpret_cast<sockaddr*>(&target), length);
+        } while (result < 0 && errno == EINTR);
+    }
     const bool refused = result < 0 && (errno == ECONNREFUSED || errno == ENOENT);
     ::close(fd);
     return refused;

@@ -25,8 +25,8 @@ constexpr size_t kReceiveBatch = 16;
 // replies and the nested transactions of threads serving the initiator.
 class Connection : public RefBase, public EventSource {
   public:
-    // Connects to the abstract socket `address` (without its leading NUL);
-    // null on failure, with the errno in *error.
+    // Connects to the socket file `address`; null on failure, with the errno
+    // in *error.
     static sp<Connection> connectTo(const std::string& address, int* error);
     // Wraps a descriptor returned by accept4.
     static sp<Connection> adoptAccepted(int fd);
@@ -102,9 +102,10 @@ class Connection : public RefBase, public EventSource {
     std::atomic<uint32_t> mHandoff{0};
 };
 
-// "\0tvbinder/ep/<16 hex digits>" without its leading NUL.
+// "<socket directory>/ep-<16 hex digits>": where a process listens.
 std::string endpointAddress(uint64_t endpoint);
-// "\0tvbinder/ctx/<context>" without its leading NUL.
+// "<socket directory>/ctx-<context>", or "" for a context name that is not a
+// plain file name.
 std::string contextAddress(const std::string& context);
 
 }  // namespace tvbinder

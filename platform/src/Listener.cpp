@@ -5,6 +5,10 @@
 #include <string.h>
 #include <sys/socket.h>
 #include <sys/un.h>
+#include <unistd.h>
+
+#include "Connection.h"
+#include "SocketDirectory.h"
 
 namespace android {
 namespace tvbinder {
@@ -12,15 +16,28 @@ namespace tvbinder {
 status_t Listener::listenOn(const std::string& address) {
     ScopedFd fd(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     if (!fd.valid()) return -errno;
-    sockaddr_un name{};
-    name.sun_family = AF_UNIX;
-    if (address.size() + 1 > sizeof(name.sun_path)) return BAD_VALUE;
-    memcpy(name.sun_path + 1, address.data(), address.size());
-    auto length = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + address.size());
-    if (bind(fd.get(), reinterpret_cast<sockaddr*>(&name), length) != 0) return -errno;
+    sockaddr_un name;
+    socklen_t length;
+    if (!socketAddress(address, &name, &length)) return BAD_VALUE;
+    SocketDirectoryLock lock(address.substr(0, address.rfind('/')));
+    if (bind(fd.get(), reinterpret_cast<sockaddr*>(&name), length) != 0) {
+        if (errno != EADDRINUSE) return -errno;
+        // A socket left by a process that is gone is taken over; a live
+        // listener keeps its address.
+        if (!Connection::refusesConnections(address)) return -EADDRINUSE;
+        unlink(address.c_str());
+        if (bind(fd.get(), reinterpret_cast<sockaddr*>(&name), length) != 0) return -errno;
+    }
     if (listen(fd.get(), SOMAXCONN) != 0) return -errno;
     mFd = std::move(fd);
+    mPath = address;
+    mOwner = getpid();
     return NO_ERROR;
+}
+
+void Listener::removeSocketFile() {
+    // Never the parent's file from a child made by fork().
+    if (!mPath.empty() && mOwner == getpid()) unlink(mPath.c_str());
 }
 
 int Listener::acceptOne() {

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "Peer.h"
+#include "SocketDirectory.h"
 
 namespace android {
 namespace tvbinder {
@@ -69,7 +70,27 @@ Runtime::Runtime()
       mOneWays(*this),
       mStallGuard(*this) {}
 
+namespace {
+
+void removeSocketFilesAtExit() {
+    if (Runtime* runtime = Runtime::current()) runtime->removeSocketFiles();
+}
+
+// Sockets of processes that were killed: looked at when a process starts.
+constexpr size_t kStaleSocketsLookedAt = 256;
+
+}  // namespace
+
+void Runtime::removeSocketFiles() {
+    mListener.removeSocketFile();
+    std::lock_guard<std::mutex> guard(mLock);
+    if (mContextListener != nullptr) mContextListener->removeSocketFile();
+}
+
 status_t Runtime::init() {
+    static std::once_flag atExit;
+    std::call_once(atExit, [] { atexit(removeSocketFilesAtExit); });
+    SocketDirectory::removeStale(kStaleSocketsLookedAt);
     status_t status = mPool.init();
     if (status == NO_ERROR) status = mStallGuard.init();
     if (status != NO_ERROR) return status;

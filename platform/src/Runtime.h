@@ -62,6 +62,9 @@ class Runtime {
     bool becomeContextManager();
     void setContextObject(const sp<BBinder>& object);
 
+    // At a clean exit: this process's socket files go.
+    void removeSocketFiles();
+
     // Pool thread entry: one event from epoll.
     void onEvent(EventSource* source, uint32_t events);
     // Watches the peer's pidfd; the registration holds a reference to it.

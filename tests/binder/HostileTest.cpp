@@ -8,6 +8,7 @@
 #include <string.h>
 #include <sys/mman.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -23,6 +24,7 @@
 #include "Peer.h"
 #include "Runtime.h"
 #include "ServedChild.h"
+#include "SocketDirectory.h"
 #include "TestService.h"
 #include "TestSupport.h"
 
@@ -47,12 +49,11 @@ class RawConnection {
   public:
     explicit RawConnection(uint64_t endpoint) {
         mFd = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
-        std::string name = endpointAddress(endpoint);
-        sockaddr_un address{};
-        address.sun_family = AF_UNIX;
-        memcpy(address.sun_path + 1, name.data(), name.size());
-        connected = connect(mFd, reinterpret_cast<sockaddr*>(&address),
-                            offsetof(sockaddr_un, sun_path) + 1 + name.size()) == 0;
+        sockaddr_un address;
+        socklen_t length;
+        connected =
+            android::tvbinder::socketAddress(endpointAddress(endpoint), &address, &length) &&
+            connect(mFd, reinterpret_cast<sockaddr*>(&address), length) == 0;
     }
     ~RawConnection() { close(mFd); }
 
@@ -408,6 +409,64 @@ TEST(OtherUsers, AreNeitherServedNorTrusted) {
     EXPECT_EQ(0, exitCodeOf(user)) << "a registry run by another user was trusted";
     registry.writeLine("quit");
     EXPECT_EQ(0, exitCodeOf(registry));
+}
+
+// Reports where this process listens, then waits for "quit".
+TVTEST_CHILD_ROLE(report_socket) {
+    (void)args;
+    android::ProcessState::self();
+    tvtest::ParentChannel::send(endpointAddress(Runtime::current()->endpoint()));
+    tvtest::ParentChannel::receive();
+    return 0;
+}
+
+bool exists(const std::string& path) {
+    struct stat status;
+    return lstat(path.c_str(), &status) == 0;
+}
+
+TEST(SocketFiles, ArePrivateAndNotLeftBehind) {
+    const std::string own = endpointAddress(Runtime::current()->endpoint());
+    struct stat directory;
+    ASSERT_EQ(0, lstat(own.substr(0, own.rfind('/')).c_str(), &directory));
+    EXPECT_TRUE(S_ISDIR(directory.st_mode));
+    EXPECT_EQ(geteuid(), directory.st_uid);
+    EXPECT_EQ(0u, directory.st_mode & 077);
+
+    // A runtime directory whose "tvbinder" leads elsewhere, even to a
+    // private directory, is not used.
+    char planted[] = "/tmp/tvtest-runtime-XXXXXX";
+    char elsewhere[] = "/tmp/tvtest-elsewhere-XXXXXX";
+    ASSERT_NE(nullptr, mkdtemp(planted));
+    ASSERT_NE(nullptr, mkdtemp(elsewhere));
+    const std::string link = std::string(planted) + "/tvbinder";
+    ASSERT_EQ(0, symlink(elsewhere, link.c_str()));
+    setenv("XDG_RUNTIME_DIR", planted, 1);
+    std::string cleanPath;
+    {
+        tvtest::ChildProcess child("report_socket");
+        unsetenv("XDG_RUNTIME_DIR");
+        cleanPath = child.readLine();
+        EXPECT_EQ(own.substr(0, own.rfind('/')), cleanPath.substr(0, cleanPath.rfind('/')));
+        EXPECT_TRUE(exists(cleanPath));
+        child.writeLine("quit");
+        EXPECT_EQ(0, exitCodeOf(child));
+    }
+    unsetenv("XDG_RUNTIME_DIR");
+    EXPECT_FALSE(exists(cleanPath)) << "a clean exit left its socket behind";
+    unlink(link.c_str());
+    rmdir(planted);
+    rmdir(elsewhere);
+
+    // A killed process leaves its socket; the next process to start removes it.
+    tvtest::ChildProcess killed("report_socket");
+    const std::string stale = killed.readLine();
+    killed.kill(SIGKILL);
+    EXPECT_NE(-1, killed.wait());
+    // (Another process starting meanwhile may have removed it already.)
+    tvtest::ChildProcess next("report_socket");
+    EXPECT_FALSE(next.readLine().empty());
+    EXPECT_FALSE(exists(stale)) << "a stale socket was not removed";
 }
 
 }  // namespace
