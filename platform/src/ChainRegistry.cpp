@@ -6,8 +6,17 @@
 namespace android {
 namespace tvbinder {
 
-ChainMailbox::ChainMailbox()
-    : mGeneration(TransportFds::generation()), mEvent(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {}
+ChainMailbox::ChainMailbox() : mGeneration(TransportFds::generation()) {}
+
+int ChainMailbox::fd() {
+    std::lock_guard<std::mutex> guard(mLock);
+    return eventLocked();
+}
+
+int ChainMailbox::eventLocked() {
+    if (!mEvent.valid()) mEvent = ScopedFd(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+    return mEvent.get();
+}
 
 void ChainMailbox::put(HandedCall call) {
     std::lock_guard<std::mutex> guard(mLock);
@@ -15,7 +24,7 @@ void ChainMailbox::put(HandedCall call) {
     if (mSignalled) return;
     mSignalled = true;
     const uint64_t one = 1;
-    ssize_t written = write(mEvent.get(), &one, sizeof(one));
+    ssize_t written = write(eventLocked(), &one, sizeof(one));
     (void)written;
 }
 

@@ -28,7 +28,8 @@ struct HandedCall {
 class ChainMailbox {
   public:
     ChainMailbox();
-    int fd() const { return mEvent.get(); }
+    // Readable while calls wait. Made on first use: most threads never need it.
+    int fd();
     // False in a child made by fork() since: its descriptor is gone.
     bool current() const { return mGeneration == TransportFds::generation(); }
     void put(HandedCall call);
@@ -36,9 +37,11 @@ class ChainMailbox {
     bool take(HandedCall* call);
 
   private:
+    int eventLocked();
+
     const unsigned mGeneration;
-    ScopedFd mEvent;   // eventfd: readable while calls wait
-    std::mutex mLock;  // guards the two below
+    std::mutex mLock;  // guards everything below
+    ScopedFd mEvent;   // eventfd
     std::deque<HandedCall> mCalls;
     bool mSignalled = false;  // the eventfd was written since it was last read
 };
