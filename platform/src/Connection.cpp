@@ -20,6 +20,7 @@
 #include <algorithm>
 #include <memory>
 
+#include "Clock.h"
 #include "FlatObject.h"
 #include "Peer.h"
 #include "SocketDirectory.h"
@@ -31,12 +32,6 @@ namespace {
 
 // Bounds connect() when the listener's backlog is full.
 constexpr time_t kConnectTimeoutSeconds = 5;
-
-int64_t nowMs() {
-    timespec ts;
-    clock_gettime(CLOCK_MONOTONIC, &ts);
-    return int64_t{ts.tv_sec} * 1000 + ts.tv_nsec / 1000000;
-}
 
 // Writes the body into a sealed memfd: a frame too large for one message.
 int makeBodyMemfd(const OutgoingFrame& frame) {
@@ -246,8 +241,8 @@ status_t Connection::send(const OutgoingFrame& frame, int waitMs) {
             return FAILED_TRANSACTION;
         }
         if (waitMs <= 0) return WOULD_BLOCK;
-        if (deadline == 0) deadline = nowMs() + waitMs;
-        int64_t left = deadline - nowMs();
+        if (deadline == 0) deadline = monotonicMs() + waitMs;
+        int64_t left = deadline - monotonicMs();
         pollfd waiter{mFd.get(), POLLOUT, 0};
         if (left <= 0 || poll(&waiter, 1, static_cast<int>(left)) == 0) return WOULD_BLOCK;
     }

@@ -6,6 +6,7 @@
 
 #include <vector>
 
+#include "Clock.h"
 #include "Runtime.h"
 
 namespace android {
@@ -15,12 +16,6 @@ namespace {
 
 // How long a link may stay held by one thread that runs its one-ways.
 constexpr int64_t kStallMs = 2;
-
-int64_t nowMs() {
-    timespec ts;
-    clock_gettime(CLOCK_MONOTONIC, &ts);
-    return int64_t{ts.tv_sec} * 1000 + ts.tv_nsec / 1000000;
-}
 
 }  // namespace
 
@@ -42,7 +37,7 @@ void LinkStallGuard::armTimer() {
 
 void LinkStallGuard::hold(const sp<Connection>& link) {
     std::lock_guard<std::mutex> guard(mLock);
-    mHeld[link.get()] = {link, nowMs()};
+    mHeld[link.get()] = {link, monotonicMs()};
     if (!mTimerArmed) armTimer();
 }
 
@@ -59,7 +54,7 @@ void LinkStallGuard::onTimer() {
     {
         std::lock_guard<std::mutex> guard(mLock);
         mTimerArmed = false;
-        const int64_t now = nowMs();
+        const int64_t now = monotonicMs();
         for (auto it = mHeld.begin(); it != mHeld.end();) {
             if (now - it->second.second >= kStallMs) {
                 stalled.push_back(std::move(it->second.first));

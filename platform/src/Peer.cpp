@@ -12,6 +12,7 @@
 #include <time.h>
 #include <unistd.h>
 
+#include "Clock.h"
 #include "Runtime.h"
 
 namespace android {
@@ -34,33 +35,9 @@ bool isGoneErrno(int error) {
     return error == ECONNREFUSED || error == ENOENT || error == ECONNRESET;
 }
 
-int64_t nowMs() {
-    timespec ts;
-    clock_gettime(CLOCK_MONOTONIC, &ts);
-    return int64_t{ts.tv_sec} * 1000 + ts.tv_nsec / 1000000;
-}
-
 // The longest pause between two probes of an address that still answered
 // after one of its connections hung up.
 constexpr int kLastProbeDelayMs = 16;
-
-class DeathProbe : public PoolTask {
-  public:
-    explicit DeathProbe(const sp<Peer>& peer) : mPeer(peer) {}
-    void run() override { mPeer->probeAgain(); }
-
-  private:
-    const sp<Peer> mPeer;
-};
-
-class ReleaseFlush : public PoolTask {
-  public:
-    explicit ReleaseFlush(const sp<Peer>& peer) : mPeer(peer) {}
-    void run() override { mPeer->flushReleases(); }
-
-  private:
-    const sp<Peer> mPeer;
-};
 
 }  // namespace
 
@@ -272,14 +249,14 @@ bool Peer::reserveBudget(Connection& link, uint64_t cost) {
         readAcks(link);
         if (link.broken()) return false;
         if (deadline == 0) {
-            deadline = nowMs() + kOneWayWaitMs;
+            deadline = monotonicMs() + kOneWayWaitMs;
             continue;  // what was just read may be enough
         }
         if (!asked) {
             asked = true;
             link.send(OutgoingFrame::make(FrameKind::kAckRequest), 0);
         }
-        const int64_t left = deadline - nowMs();
+        const int64_t left = deadline - monotonicMs();
         if (left <= 0) return false;
         pollfd waiter{link.fd(), POLLIN, 0};
         poll(&waiter, 1, 1);  // the pool may read the acknowledgement first
@@ -327,7 +304,8 @@ void Peer::sendRelease(const Token& token, uint64_t count) {
     // Connecting may take a moment: a pool thread does it.
     if (!post) return;
     if (mRuntime.pool().started()) {
-        mRuntime.pool().post(new ReleaseFlush(this));
+        sp<Peer> self(this);
+        mRuntime.pool().post(new WorkTask([self] { self->flushReleases(); }));
     } else {
         flushReleases();
     }
@@ -375,7 +353,8 @@ void Peer::checkAlive() {
     // An exec closes the process's sockets one by one: the address may
     // still answer for a moment after a connection hung up.
     if (mRuntime.pool().started() && !mProbing.exchange(true)) {
-        mRuntime.pool().post(new DeathProbe(this));
+        sp<Peer> self(this);
+        mRuntime.pool().post(new WorkTask([self] { self->probeAgain(); }));
     }
 }
 

@@ -2,6 +2,9 @@
 
 #include <utils/RefBase.h>
 
+#include <functional>
+#include <utility>
+
 namespace android {
 namespace tvbinder {
 
@@ -10,6 +13,17 @@ namespace tvbinder {
 class PoolTask : public virtual RefBase {
   public:
     virtual void run() = 0;
+};
+
+// One-off work (a death to handle, releases to flush) as a task; what it
+// needs is captured by `work`.
+class WorkTask : public PoolTask {
+  public:
+    explicit WorkTask(std::function<void()> work) : mWork(std::move(work)) {}
+    void run() override { mWork(); }
+
+  private:
+    const std::function<void()> mWork;
 };
 
 }  // namespace tvbinder

@@ -235,40 +235,8 @@ void Runtime::drop(const sp<Connection>& connection) {
     if (fromPid != mAcceptedPerPid.end() && --fromPid->second == 0) mAcceptedPerPid.erase(fromPid);
 }
 
-namespace {
-
-// What follows a peer's death, run on a pool thread.
-class PeerDeath : public PoolTask {
-  public:
-    PeerDeath(Runtime& runtime, const sp<Peer>& peer) : mRuntime(runtime), mPeer(peer) {}
-    void run() override {
-        mRuntime.peers().forget(mPeer.get());
-        // The objects it held may go now; their destructors run without our locks.
-        std::vector<sp<BBinder>> released = mRuntime.exports().dropHolder(mPeer->endpoint());
-        released.clear();
-        for (const sp<BpBinder>& proxy : mRuntime.proxies().proxiesOf(mPeer->endpoint())) {
-            proxy->sendObituary();
-        }
-    }
-
-  private:
-    Runtime& mRuntime;
-    const sp<Peer> mPeer;
-};
-
-class ObituaryDelivery : public PoolTask {
-  public:
-    explicit ObituaryDelivery(const sp<BpBinder>& proxy) : mProxy(proxy) {}
-    void run() override { mProxy->sendObituary(); }
-
-  private:
-    const sp<BpBinder> mProxy;
-};
-
-}  // namespace
-
 void Runtime::deliverObituaries(const sp<BpBinder>& proxy) {
-    mPool.post(new ObituaryDelivery(proxy));
+    mPool.post(new WorkTask([proxy] { proxy->sendObituary(); }));
 }
 
 bool Runtime::lingerOn(const Connection& connection) {
@@ -290,7 +258,16 @@ void Runtime::watchPeer(Peer* peer, int pidfd) {
 
 void Runtime::peerLost(const sp<Peer>& peer) {
     if (!peer->markDead()) return;
-    mPool.post(new PeerDeath(*this, peer));
+    mPool.post(new WorkTask([this, peer] { forgetDeadPeer(peer); }));
+}
+
+// What follows a peer's death, on a pool thread.
+void Runtime::forgetDeadPeer(const sp<Peer>& peer) {
+    mPeers.forget(peer.get());
+    // The objects it held may go now; their destructors run without our locks.
+    std::vector<sp<BBinder>> released = mExports.dropHolder(peer->endpoint());
+    released.clear();
+    for (const sp<BpBinder>& proxy : mProxies.proxiesOf(peer->endpoint())) proxy->sendObituary();
 }
 
 void Runtime::onPeerExited(Peer* peer) {
