@@ -65,11 +65,13 @@ bool boundSocketPaths(const std::string& directory, std::set<std::string>* paths
 }  // namespace
 
 std::string SocketDirectory::path() {
-    // Looked up again after fork() and setuid(): the user may have changed.
+    // Chosen and checked once per user: a private directory cannot be
+    // changed by anybody else since (both places are the user's own, or in
+    // sticky /tmp). Looked up again after setuid(), or after a failure.
     static std::mutex* lock = new std::mutex;
     static auto* known = new std::pair<uid_t, std::string>(static_cast<uid_t>(-1), "");
     std::lock_guard<std::mutex> guard(*lock);
-    if (known->first != geteuid() || !isPrivateDirectory(known->second)) {
+    if (known->first != geteuid() || known->second.empty()) {
         *known = {geteuid(), choosePath()};
     }
     return known->second;

@@ -10,9 +10,9 @@ namespace tvbinder {
 
 // Where this user's processes listen: a directory only the user can reach,
 // "$XDG_RUNTIME_DIR/tvbinder" when that is usable, else "/tmp/tvbinder-<uid>".
-// Made with mode 0700 on first use and checked every time it is looked up: a
-// real directory (never followed through a symlink), owned by the effective
-// user, closed to everyone else. Empty (with an error logged) when no such
+// Made with mode 0700 on first use and checked once per effective user: a
+// real directory (never followed through a symlink), owned by that user,
+// closed to everyone else. Empty (with an error logged) when no such
 // directory can be had. Thread-safe.
 class SocketDirectory {
   public:
