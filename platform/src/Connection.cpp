@@ -33,6 +33,19 @@ namespace {
 // Bounds connect() when the listener's backlog is full.
 constexpr time_t kConnectTimeoutSeconds = 5;
 
+// Connects `fd` to the socket file `address`: 0, or the errno (ENOENT for an
+// address that cannot be a socket file).
+int connectSocket(int fd, const std::string& address) {
+    sockaddr_un target;
+    socklen_t length;
+    if (!socketAddress(address, &target, &length)) return ENOENT;
+    int result;
+    do {
+        result = connect(fd, reinterpret_cast<sockaddr*>(&target), length);
+    } while (result < 0 && errno == EINTR);
+    return result < 0 ? errno : 0;
+}
+
 // Writes the body into a sealed memfd: a frame too large for one message.
 int makeBodyMemfd(const OutgoingFrame& frame) {
     int fd = memfd_create("tvbinder-frame", MFD_CLOEXEC | MFD_ALLOW_SEALING);
@@ -137,20 +150,8 @@ sp<Connection> Connection::connectTo(const std::string& address, int* error) {
     sp<Connection> connection = new Connection(fd);
     timeval timeout{kConnectTimeoutSeconds, 0};
     setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &timeout, sizeof(timeout));
-    socklen_t length;
-    sockaddr_un target;
-    if (!socketAddress(address, &target, &length)) {
-        *error = ENOENT;
-        return nullptr;
-    }
-    int result;
-    do {
-        result = connect(fd, reinterpret_cast<sockaddr*>(&target), length);
-    } while (result < 0 && errno == EINTR);
-    if (result < 0) {
-        *error = errno;
-        return nullptr;
-    }
+    *error = connectSocket(fd, address);
+    if (*error != 0) return nullptr;
     // The listener's credentials are only known once connected.
     ucred credentials{};
     socklen_t credLength = sizeof(credentials);
@@ -166,18 +167,9 @@ sp<Connection> Connection::connectTo(const std::string& address, int* error) {
 bool Connection::refusesConnections(const std::string& address) {
     int fd = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
     if (fd < 0) return false;
-    socklen_t length;
-    sockaddr_un target;
-    int result = -1;
-    errno = ENOENT;
-    if (socketAddress(address, &target, &length)) {
-        do {
-            result = connect(fd, reinterpret_cast<sockaddr*>(&target), length);
-        } while (result < 0 && errno == EINTR);
-    }
-    const bool refused = result < 0 && (errno == ECONNREFUSED || errno == ENOENT);
+    const int error = connectSocket(fd, address);
     ::close(fd);
-    return refused;
+    return error == ECONNREFUSED || error == ENOENT;
 }
 
 sp<Connection> Connection::adoptAccepted(int fd) {

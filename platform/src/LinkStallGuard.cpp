@@ -1,7 +1,6 @@
 #include "LinkStallGuard.h"
 
 #include <sys/timerfd.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <vector>

@@ -23,7 +23,7 @@ void OneWayScheduler::enqueue(const Token& token, std::unique_ptr<PendingOneWay>
     {
         std::lock_guard<std::mutex> guard(mLock);
         sp<ObjectQueue>& queue = mQueues[token];
-        if (queue == nullptr) queue = new ObjectQueue(*this, token);
+        if (queue == nullptr) queue = new ObjectQueue(*this);
         queue->calls.push_back(std::move(call));
         if (!queue->scheduled) {
             queue->scheduled = true;

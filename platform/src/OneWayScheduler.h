@@ -60,12 +60,10 @@ class OneWayScheduler {
     // from the post until it runs dry.
     class ObjectQueue : public PoolTask {
       public:
-        ObjectQueue(OneWayScheduler& scheduler, const Token& token)
-            : scheduler(scheduler), token(token) {}
+        explicit ObjectQueue(OneWayScheduler& scheduler) : scheduler(scheduler) {}
         void run() override;
 
         OneWayScheduler& scheduler;
-        const Token token;
         std::deque<std::unique_ptr<PendingOneWay>> calls;  // guarded by the scheduler's lock
         bool scheduled = false;
         bool started = false;  // a call of this turn was taken

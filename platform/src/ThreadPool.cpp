@@ -43,8 +43,8 @@ status_t ThreadPool::init() {
     return NO_ERROR;
 }
 
-void ThreadPool::add(EventSource* source, int fd, bool writable) {
-    epoll_event event = eventFor(source, writable);
+void ThreadPool::add(EventSource* source, int fd) {
+    epoll_event event = eventFor(source, false);
     if (epoll_ctl(mEpoll.get(), EPOLL_CTL_ADD, fd, &event) != 0) {
         ALOGE("cannot watch descriptor %d: %s", fd, strerror(errno));
     }

@@ -32,7 +32,7 @@ class ThreadPool {
     explicit ThreadPool(Runtime& runtime);
 
     status_t init();
-    void add(EventSource* source, int fd, bool writable = false);
+    void add(EventSource* source, int fd);
     // `writable`: also wake when the descriptor can be written to.
     void rearm(EventSource* source, int fd, bool writable = false);
     void remove(int fd);
