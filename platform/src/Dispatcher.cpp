@@ -3,12 +3,9 @@
 #include "Dispatcher.h"
 
 #include <binder/IPCThreadState.h>
-#include <errno.h>
 #include <log/log.h>
 #include <poll.h>
 #include <string.h>
-
-#include <algorithm>
 
 #include "FlatObject.h"
 #include "Peer.h"
@@ -16,8 +13,6 @@
 
 namespace android {
 namespace tvbinder {
-
-namespace {}  // namespace
 
 // ---- Sending ----
 
