@@ -81,6 +81,7 @@ bool ChainRegistry::handOff(uint64_t chain, const sp<Connection>& connection, Fr
     handed->data = frame.releaseData();
     handed->offsets.swap(frame.offsets);
     handed->fds = frame.releaseFds();
+    handed->charge = std::move(frame.charge);
     waiter->mailbox->put(HandedCall{connection, std::move(handed)});
     return true;
 }

@@ -30,9 +30,6 @@ namespace tvbinder {
 
 namespace {
 
-// Bounds connect() when the listener's backlog is full.
-constexpr time_t kConnectTimeoutSeconds = 5;
-
 // Connects `fd` to the socket file `address`: 0, or the errno (ENOENT for an
 // address that cannot be a socket file).
 int connectSocket(int fd, const std::string& address) {
@@ -141,14 +138,15 @@ void Connection::setPeer(const sp<Peer>& peer) {
     mPeer = peer;
 }
 
-sp<Connection> Connection::connectTo(const std::string& address, int* error) {
+sp<Connection> Connection::connectTo(const std::string& address, int* error, int timeoutMs) {
     int fd = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
     if (fd < 0) {
         *error = errno;
         return nullptr;
     }
     sp<Connection> connection = new Connection(fd);
-    timeval timeout{kConnectTimeoutSeconds, 0};
+    // The kernel bounds a connect() to a full backlog by the send timeout.
+    timeval timeout{timeoutMs / 1000, (timeoutMs % 1000) * 1000};
     setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &timeout, sizeof(timeout));
     *error = connectSocket(fd, address);
     if (*error != 0) return nullptr;
@@ -180,9 +178,10 @@ status_t Connection::send(const OutgoingFrame& frame, int waitMs) {
     FrameHeader header = frame.header;
     header.objectCount = static_cast<uint32_t>(frame.offsets.size());
     const size_t bodySize = frameBodySize(header);
-    if (header.dataSize > kMaxTransactionSize || frame.fds.size() > kMaxFdObjects) {
-        ALOGW("refusing to send a frame of %zu bytes with %zu descriptors", bodySize,
-              frame.fds.size());
+    if (header.dataSize > kMaxTransactionSize || frame.fds.size() > kMaxFdObjects ||
+        frame.offsets.size() > kMaxObjectsPerFrame) {
+        ALOGW("refusing to send a frame of %zu bytes with %zu objects and %zu descriptors",
+              bodySize, frame.offsets.size(), frame.fds.size());
         return BAD_VALUE;
     }
 
@@ -292,13 +291,23 @@ status_t Connection::parse(const msghdr& message, size_t n, const uint8_t* buffe
     memcpy(&out->header, buffer, sizeof(FrameHeader));
     const FrameHeader& header = out->header;
     if ((header.layout & ~kLayoutBodyInMemfd) != 0 || header.dataSize > kMaxTransactionSize ||
-        header.objectCount > header.dataSize / sizeof(FlatObject)) {
+        header.objectCount > header.dataSize / sizeof(FlatObject) ||
+        header.objectCount > kMaxObjectsPerFrame) {
         return BAD_VALUE;
     }
     if ((header.layout & kLayoutBodyInMemfd) != 0) {
         if (n != sizeof(FrameHeader) || out->fds.empty()) return BAD_VALUE;
         int raw = out->fds.front();
         out->fds.erase(out->fds.begin());
+        if (mAccount != nullptr) {
+            const size_t bodySize = frameBodySize(header);
+            if (!mAccount->takeBody(bodySize)) {
+                ALOGW("pid %d sent more large frames at once than its share", mPeerPid);
+                ::close(raw);
+                return NO_MEMORY;
+            }
+            out->charge = BodyCharge(mAccount, bodySize);
+        }
         status_t status = readMemfdBody(raw, out);
         ::close(raw);
         return status;

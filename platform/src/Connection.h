@@ -10,6 +10,7 @@
 
 #include "EventSource.h"
 #include "Frame.h"
+#include "PeerAccounts.h"
 #include "TransportFds.h"
 
 namespace android {
@@ -25,9 +26,12 @@ constexpr size_t kReceiveBatch = 16;
 // replies and the nested transactions of threads serving the initiator.
 class Connection : public RefBase, public EventSource {
   public:
-    // Connects to the socket file `address`; null on failure, with the errno
-    // in *error.
-    static sp<Connection> connectTo(const std::string& address, int* error);
+    // Connects to the socket file `address`, waiting up to `timeoutMs` while
+    // the listener's backlog is full; null on failure, with the errno in
+    // *error (EAGAIN when the wait ran out).
+    static sp<Connection> connectTo(const std::string& address, int* error,
+                                    int timeoutMs = kConnectTimeoutMs);
+    static constexpr int kConnectTimeoutMs = 5000;
     // Wraps a descriptor returned by accept4.
     static sp<Connection> adoptAccepted(int fd);
     // True when nothing listens on `address` any more. Never blocks.
@@ -45,6 +49,10 @@ class Connection : public RefBase, public EventSource {
     // The process at the other end; set once its endpoint is known.
     const sp<Peer>& peer() const { return mPeer; }
     void setPeer(const sp<Peer>& peer);
+    // An accepted connection's share of its process's account, which large
+    // bodies are charged to before they are read; null on outgoing ones.
+    const sp<PeerAccount>& account() const { return mAccount; }
+    void setAccount(const sp<PeerAccount>& account) { mAccount = account; }
 
     // Sends one frame, waiting up to `waitMs` for socket space: WOULD_BLOCK
     // when the receiver does not drain it. DEAD_OBJECT when the peer closed
@@ -59,6 +67,7 @@ class Connection : public RefBase, public EventSource {
     // frames that are already waiting, without blocking. Returns how many
     // entries of `out` and `statuses` were filled: each status is what
     // receive() would have said for that frame; 0 when nothing is waiting.
+    // Both give NO_MEMORY for a body beyond the sender's share (dropped).
     size_t receiveWaiting(Frame* out, status_t* statuses, size_t max);
 
     // Set once the connection must not be used again.
@@ -98,6 +107,7 @@ class Connection : public RefBase, public EventSource {
     pid_t mPeerPid = 0;
     uid_t mPeerUid = 0;
     sp<Peer> mPeer;
+    sp<PeerAccount> mAccount;
     std::atomic<bool> mBroken{false};
     std::atomic<uint32_t> mHandoff{0};
 };

@@ -7,6 +7,8 @@
 #include <poll.h>
 #include <string.h>
 
+#include <algorithm>
+
 #include "FlatObject.h"
 #include "Peer.h"
 #include "Runtime.h"
@@ -245,9 +247,7 @@ void Dispatcher::onReadable(const sp<Connection>& connection) {
         }
         if (status == NO_ERROR) status = frame.validate();
         if (status != NO_ERROR) {
-            if (status != DEAD_OBJECT) {
-                ALOGW("malformed frame from pid %d", connection->peerPid());
-            }
+            if (status == BAD_VALUE) ALOGW("malformed frame from pid %d", connection->peerPid());
             mRuntime.drop(connection);
             return;
         }
@@ -297,7 +297,13 @@ status_t Dispatcher::handleHello(Connection& connection, const Frame& frame) {
     if (status != NO_ERROR) return status;
     connection.setPeer(peer);
     connection.helloDone = true;
-    if ((frame.header.flags & kHelloLink) != 0) connection.isLink = true;
+    if ((frame.header.flags & kHelloLink) != 0) {
+        if (!connection.account()->takeLink()) {
+            ALOGW("pid %d opened more links than it has endpoints", connection.peerPid());
+            return PERMISSION_DENIED;
+        }
+        connection.isLink = true;
+    }
     if (!connection.answersHello) return NO_ERROR;
     OutgoingFrame answer = OutgoingFrame::make(FrameKind::kHelloAnswer);
     answer.header.argument = mRuntime.endpoint();
@@ -378,9 +384,30 @@ void Dispatcher::sendReply(Connection& connection, status_t status, const Parcel
     }
 }
 
+namespace {
+
+// Processes this one does not know yet that one frame may name: each costs a
+// peer, a connection attempt and the releases sent to it.
+constexpr size_t kMaxNewEndpointsPerFrame = 64;
+
+}  // namespace
+
+bool Dispatcher::mayResolve(uint64_t endpoint, const Connection& from,
+                            std::vector<uint64_t>* newEndpoints) {
+    if (endpoint == mRuntime.endpoint() || endpoint == from.peer()->endpoint() ||
+        std::find(newEndpoints->begin(), newEndpoints->end(), endpoint) != newEndpoints->end() ||
+        mRuntime.peers().find(endpoint) != nullptr) {
+        return true;
+    }
+    if (newEndpoints->size() >= kMaxNewEndpointsPerFrame) return false;
+    newEndpoints->push_back(endpoint);
+    return true;
+}
+
 status_t Dispatcher::decodeParcel(Frame& frame, const Connection& from, Parcel* out) {
     std::vector<Parcel::Object> objects;
     objects.reserve(frame.offsets.size());
+    std::vector<uint64_t> newEndpoints;
     size_t nextFd = 0;
     status_t status = NO_ERROR;
     // Every record is resolved, even after a bad one, so that each granted
@@ -392,6 +419,9 @@ status_t Dispatcher::decodeParcel(Frame& frame, const Connection& from, Parcel* 
         object.offset = offset;
         if (record.type == FlatObject::kTypeFd) {
             object.fd = frame.fds[nextFd++];
+        } else if (!mayResolve(record.endpoint, from, &newEndpoints)) {
+            if (status == NO_ERROR) ALOGW("pid %d named too many processes", from.peerPid());
+            status = BAD_VALUE;
         } else {
             object.binder =
                 resolveBinder(record.endpoint, Token{record.tokenHi, record.tokenLo}, from);

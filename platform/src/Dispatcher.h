@@ -76,6 +76,9 @@ class Dispatcher {
     status_t handleHello(Connection& connection, const Frame& frame);
 
     sp<IBinder> resolveBinder(uint64_t endpoint, const Token& token, const Connection& from);
+    // False for an endpoint this process does not know, once the frame has
+    // named as many new ones as it may.
+    bool mayResolve(uint64_t endpoint, const Connection& from, std::vector<uint64_t>* newEndpoints);
 
     Runtime& mRuntime;
 };

@@ -6,6 +6,7 @@
 
 #include <vector>
 
+#include "PeerAccounts.h"
 #include "Token.h"
 
 namespace android {
@@ -52,14 +53,20 @@ constexpr size_t kMaxTransactionSize = 16 * 1024 * 1024;
 // SCM_MAX_FD is 253; a large frame spends one on its memfd.
 constexpr size_t kMaxFdsPerFrame = 253;
 constexpr size_t kMaxFdObjects = kMaxFdsPerFrame - 1;
+// Embedded objects per frame: each costs the receiver a proxy, far more than
+// its record, so their number is bounded apart from the size.
+constexpr size_t kMaxObjectsPerFrame = 32768;
 
 // One-ways queued for one link at the receiver: the driver's share of its
 // buffer for asynchronous work. Sender and receiver count each one-way the
 // same way; a one-way is admitted while the backlog is empty or stays within
 // the budget with it.
 constexpr uint64_t kOneWayBudget = 512 * 1024;
-constexpr uint64_t oneWayCost(uint32_t dataSize) {
-    return uint64_t{dataSize} + 64;
+// A descriptor waiting in a queued one-way costs as much as this many bytes:
+// queued one-ways hold descriptors of the receiving process.
+constexpr uint64_t kOneWayFdCost = 4096;
+constexpr uint64_t oneWayCost(uint32_t dataSize, size_t fdCount) {
+    return uint64_t{dataSize} + 64 + fdCount * kOneWayFdCost;
 }
 constexpr bool fitsOneWayBudget(uint64_t backlog, uint64_t cost) {
     return backlog == 0 || backlog + cost <= kOneWayBudget;
@@ -97,6 +104,9 @@ class Frame {
     uint8_t* data = nullptr;
     std::vector<uint32_t> offsets;
     std::vector<int> fds;
+    // A body that came in a memfd counts against its sender's share until
+    // the frame goes.
+    BodyCharge charge;
 };
 
 // A frame to send; points into memory the sender keeps alive.

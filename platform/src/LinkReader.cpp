@@ -14,9 +14,6 @@ namespace tvbinder {
 
 namespace {
 
-// One-way bytes of all links together that may wait for their objects:
-// beyond it, a link that adds more is dropped.
-constexpr uint64_t kProcessOneWayCap = 32 * 1024 * 1024;
 // Frames read from a link per wake-up.
 constexpr size_t kLinkReadBudget = 256;
 
@@ -69,7 +66,7 @@ status_t LinkReader::readWaiting(const sp<Connection>& link) {
         for (size_t i = 0; i < count; ++i) {
             status_t status = statuses[i] == NO_ERROR ? frames[i].validate() : statuses[i];
             if (status != NO_ERROR) {
-                if (status != DEAD_OBJECT) ALOGW("malformed frame from pid %d", link->peerPid());
+                if (status == BAD_VALUE) ALOGW("malformed frame from pid %d", link->peerPid());
                 return status == DEAD_OBJECT ? DEAD_OBJECT : BAD_VALUE;
             }
             if (!take(*link, frames[i])) return BAD_VALUE;
@@ -100,20 +97,14 @@ bool LinkReader::take(Connection& link, Frame& frame) {
 }
 
 bool LinkReader::admitOneWay(Connection& link, Frame& frame) {
-    const uint64_t cost = oneWayCost(frame.header.dataSize);
+    const uint64_t cost = oneWayCost(frame.header.dataSize, frame.fds.size());
     const uint64_t received = link.oneWayReceived.load(std::memory_order_relaxed);
     const uint64_t backlog = received - link.oneWayConsumed.load(std::memory_order_acquire);
     if (!fitsOneWayBudget(backlog, cost)) {
         ALOGW("pid %d sent one-ways beyond its budget; dropping its link", link.peerPid());
         return false;
     }
-    if (mRuntime.oneWays().queuedBytes() + cost > kProcessOneWayCap) {
-        ALOGW("one-way backlog of the process is full; dropping the link of pid %d",
-              link.peerPid());
-        return false;
-    }
     link.oneWayReceived.store(received + cost, std::memory_order_relaxed);
-    mRuntime.oneWays().addQueued(cost);
     auto call = std::make_unique<PendingOneWay>();
     call->cost = cost;
     if (mRuntime.dispatcher().decodeParcel(frame, link, &call->data) != NO_ERROR) {

@@ -70,7 +70,6 @@ void OneWayScheduler::execute(PendingOneWay& call) {
 }
 
 void OneWayScheduler::consumed(Connection& link, uint64_t cost) {
-    mQueuedBytes.fetch_sub(cost, std::memory_order_relaxed);
     const uint64_t total = link.oneWayConsumed.fetch_add(cost, std::memory_order_acq_rel) + cost;
     uint64_t acked = link.oneWayAcked.load(std::memory_order_acquire);
     if (total - acked < kAckInterval && !link.ackWanted.exchange(false)) return;

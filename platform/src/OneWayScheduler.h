@@ -50,9 +50,6 @@ class OneWayScheduler {
     // The sender found its budget spent: it is told what was consumed now,
     // or as soon as a call finishes.
     void onAckRequest(Connection& link);
-    // One-way bytes received but not yet run, across all links.
-    uint64_t queuedBytes() const { return mQueuedBytes.load(std::memory_order_relaxed); }
-    void addQueued(uint64_t cost) { mQueuedBytes.fetch_add(cost, std::memory_order_relaxed); }
 
   private:
     // The one-ways of one object, kept while the object lives. Posted to the
@@ -74,7 +71,6 @@ class OneWayScheduler {
     void sendAck(Connection& link, uint64_t consumed);
 
     Runtime& mRuntime;
-    std::atomic<uint64_t> mQueuedBytes{0};
     std::mutex mLock;  // guards mQueues and every ObjectQueue's calls
     std::unordered_map<Token, sp<ObjectQueue>, TokenHash> mQueues;
 };

@@ -29,10 +29,18 @@ constexpr int kOneWayWaitMs = 5;
 constexpr uint64_t kReadAcksAbove = kOneWayBudget / 2;
 // Frames read from the link per acknowledgement pass.
 constexpr size_t kAckBatch = 16;
+// Objects whose releases may wait for a peer that does not read its link;
+// releases of further objects are dropped (the peer keeps them alive).
+constexpr size_t kMaxPendingReleases = 65536;
 
 bool isGoneErrno(int error) {
     return error == ECONNREFUSED || error == ENOENT || error == ECONNRESET;
 }
+
+// A link is made on pool threads for addresses that peers named (a claimed
+// endpoint, the holder of a grant, the owner of a reference to release): a
+// listener that does not accept must not hold such a thread for long.
+constexpr int kLinkConnectTimeoutMs = 5;
 
 // The longest pause between two probes of an address that still answered
 // after one of its connections hung up.
@@ -66,13 +74,29 @@ void Peer::closePidfd() {
 status_t Peer::attach(pid_t pid) {
     std::unique_lock<std::mutex> guard(mLock);
     if (mPid != 0) return mPid == pid ? NO_ERROR : PERMISSION_DENIED;
+    if (!mRuntime.peers().admitEndpointOf(pid)) {
+        ALOGW("pid %d serves too many endpoints: endpoint %016llx refused", pid,
+              (unsigned long long)mEndpoint);
+        return PERMISSION_DENIED;
+    }
     int fd = static_cast<int>(syscall(SYS_pidfd_open, pid, 0));
-    if (fd < 0) return errno == ESRCH ? DEAD_OBJECT : UNKNOWN_ERROR;
+    if (fd < 0) {
+        const bool gone = errno == ESRCH;
+        mRuntime.peers().endpointGone(pid);
+        return gone ? DEAD_OBJECT : UNKNOWN_ERROR;
+    }
     mPid = pid;
     mPidfd = ScopedFd(fd);
+    mCountedForPid.store(true);
     guard.unlock();
+    // Lost meanwhile: forgetting it may have found nothing to give back.
+    if (isDead()) releaseEndpointShare();
     mRuntime.watchPeer(this, fd);
     return NO_ERROR;
+}
+
+void Peer::releaseEndpointShare() {
+    if (isDead() && mCountedForPid.exchange(false)) mRuntime.peers().endpointGone(pid());
 }
 
 sp<Connection> Peer::connect(bool link, status_t* status) {
@@ -81,7 +105,9 @@ sp<Connection> Peer::connect(bool link, status_t* status) {
         return nullptr;
     }
     int error = 0;
-    sp<Connection> connection = Connection::connectTo(endpointAddress(mEndpoint), &error);
+    sp<Connection> connection =
+        Connection::connectTo(endpointAddress(mEndpoint), &error,
+                              link ? kLinkConnectTimeoutMs : Connection::kConnectTimeoutMs);
     if (connection == nullptr) {
         if (isGoneErrno(error)) {
             mRuntime.peerLost(this);
@@ -266,7 +292,7 @@ status_t Peer::sendOneWay(const OutgoingFrame& frame) {
     status_t status;
     sp<Connection> link = obtainLink(&status);
     if (link == nullptr) return status;
-    const uint64_t cost = oneWayCost(frame.header.dataSize);
+    const uint64_t cost = oneWayCost(frame.header.dataSize, frame.fds.size());
     if (!reserveBudget(*link, cost)) {
         if (link->broken()) return isDead() ? DEAD_OBJECT : FAILED_TRANSACTION;
         ALOGW("one-way to pid %d refused: its queue for this process is full", link->peerPid());
@@ -292,6 +318,12 @@ void Peer::sendRelease(const Token& token, uint64_t count) {
     bool post = false;
     {
         std::lock_guard<std::mutex> guard(mLock);
+        if (mPendingReleases.size() >= kMaxPendingReleases &&
+            mPendingReleases.find(token) == mPendingReleases.end()) {
+            if (!mReleasesDropped) ALOGW("pid %d does not take its releases: dropping some", mPid);
+            mReleasesDropped = true;
+            return;
+        }
         mPendingReleases[token] += count;
         if (mLink == nullptr && !mFlushPosted) post = mFlushPosted = true;
     }

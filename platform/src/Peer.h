@@ -73,6 +73,8 @@ class Peer : public RefBase, public EventSource {
     void probeAgain();
     // True for the caller that marked it dead first. Closes its connections.
     bool markDead();
+    // Once dead: its process no longer counts this endpoint (once).
+    void releaseEndpointShare();
     // The pidfd that the pool watches, or -1.
     int pidfd() const;
     void closePidfd();
@@ -99,6 +101,7 @@ class Peer : public RefBase, public EventSource {
     const uint64_t mEndpoint;
     std::atomic<bool> mDead{false};
     std::atomic<bool> mProbing{false};  // a DeathProbe is posted or running
+    std::atomic<bool> mCountedForPid{false};
 
     mutable std::mutex mLock;  // guards everything below
     pid_t mPid = 0;
@@ -108,6 +111,7 @@ class Peer : public RefBase, public EventSource {
     sp<Connection> mLink;
     std::unordered_map<Token, uint64_t, TokenHash> mPendingReleases;
     bool mFlushPosted = false;
+    bool mReleasesDropped = false;
 };
 
 }  // namespace tvbinder

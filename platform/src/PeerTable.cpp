@@ -12,7 +12,14 @@ sp<Peer> PeerTable::obtain(uint64_t endpoint) {
     return slot;
 }
 
+sp<Peer> PeerTable::find(uint64_t endpoint) {
+    std::lock_guard<std::mutex> guard(mLock);
+    auto it = mPeers.find(endpoint);
+    return it != mPeers.end() && !it->second->isDead() ? it->second : nullptr;
+}
+
 void PeerTable::forget(Peer* peer) {
+    peer->releaseEndpointShare();
     sp<Peer> dropped;  // released after the lock
     std::lock_guard<std::mutex> guard(mLock);
     auto it = mPeers.find(peer->endpoint());
@@ -20,6 +27,20 @@ void PeerTable::forget(Peer* peer) {
         dropped = std::move(it->second);
         mPeers.erase(it);
     }
+}
+
+bool PeerTable::admitEndpointOf(pid_t pid) {
+    std::lock_guard<std::mutex> guard(mLock);
+    size_t& endpoints = mEndpointsPerPid[pid];
+    if (endpoints >= kMaxEndpointsPerProcess) return false;
+    ++endpoints;
+    return true;
+}
+
+void PeerTable::endpointGone(pid_t pid) {
+    std::lock_guard<std::mutex> guard(mLock);
+    auto it = mEndpointsPerPid.find(pid);
+    if (it != mEndpointsPerPid.end() && --it->second == 0) mEndpointsPerPid.erase(it);
 }
 
 }  // namespace tvbinder

@@ -3,6 +3,7 @@
 #include "Runtime.h"
 
 #include <errno.h>
+#include <fcntl.h>
 #include <log/log.h>
 #include <poll.h>
 #include <stdlib.h>
@@ -18,11 +19,6 @@ namespace tvbinder {
 
 namespace {
 
-// Beyond this many accepted connections new ones are refused: a peer that
-// connects in a loop must not exhaust the process's descriptors.
-constexpr size_t kMaxAcceptedConnections = 4096;
-// And one process may not take more than its share of them.
-constexpr size_t kMaxAcceptedConnectionsPerPid = 256;
 constexpr int kHelloAnswerTimeoutMs = 5000;
 // How long a pool thread keeps reading a busy connection before handing it
 // back to epoll: a stream of calls or one-ways then costs one receive each,
@@ -91,6 +87,8 @@ status_t Runtime::init() {
     static std::once_flag atExit;
     std::call_once(atExit, [] { atexit(removeSocketFilesAtExit); });
     SocketDirectory::removeStale(kStaleSocketsLookedAt);
+    mAccounts.init();
+    mSpareFd = ScopedFd(open("/dev/null", O_RDONLY | O_CLOEXEC));
     status_t status = mPool.init();
     if (status == NO_ERROR) status = mStallGuard.init();
     if (status != NO_ERROR) return status;
@@ -192,7 +190,15 @@ void Runtime::onEvent(EventSource* source, uint32_t events) {
 void Runtime::acceptAll(Listener& listener) {
     for (;;) {
         int fd = listener.acceptOne();
-        if (fd < 0) break;
+        if (fd < 0) {
+            if (errno != EMFILE && errno != ENFILE) break;
+            if (refuseWaitingConnection(listener)) continue;
+            // Re-armed now, it would wake again at once: it waits for a
+            // connection to close instead.
+            std::lock_guard<std::mutex> guard(mLock);
+            mPausedListeners.push_back(&listener);
+            return;
+        }
         sp<Connection> connection = Connection::adoptAccepted(fd);
         connection->answersHello = listener.answersHello();
         if (!connection->peerIsTrustedUser()) {
@@ -200,21 +206,40 @@ void Runtime::acceptAll(Listener& listener) {
                   connection->peerPid(), connection->peerUid());
             continue;
         }
+        sp<PeerAccount> account = mAccounts.admitConnection(connection->peerPid());
+        if (account == nullptr) {
+            ALOGW("too many connections; refusing one from pid %d", connection->peerPid());
+            continue;
+        }
+        connection->setAccount(account);
         {
             std::lock_guard<std::mutex> guard(mLock);
-            size_t& fromPid = mAcceptedPerPid[connection->peerPid()];
-            if (mAccepted.size() >= kMaxAcceptedConnections ||
-                fromPid >= kMaxAcceptedConnectionsPerPid) {
-                ALOGW("too many connections; refusing one from pid %d", connection->peerPid());
-                if (fromPid == 0) mAcceptedPerPid.erase(connection->peerPid());
-                continue;
-            }
-            ++fromPid;
             mAccepted.emplace(connection.get(), connection);
         }
         mPool.add(connection.get(), connection->fd());
     }
     mPool.rearm(&listener, listener.fd());
+}
+
+bool Runtime::refuseWaitingConnection(Listener& listener) {
+    ScopedFd spare;
+    {
+        std::lock_guard<std::mutex> guard(mLock);
+        spare = std::move(mSpareFd);
+    }
+    // A descriptor may have been freed since the spare was last given up.
+    if (!spare.valid()) spare = ScopedFd(open("/dev/null", O_RDONLY | O_CLOEXEC));
+    if (!spare.valid()) return false;
+    spare.reset();
+    int fd = listener.acceptOne();
+    if (fd >= 0) {
+        ALOGW("out of descriptors: refused a connection");
+        ::close(fd);
+    }
+    spare = ScopedFd(open("/dev/null", O_RDONLY | O_CLOEXEC));
+    std::lock_guard<std::mutex> guard(mLock);
+    mSpareFd = std::move(spare);
+    return fd >= 0 && mSpareFd.valid();
 }
 
 void Runtime::rearm(const sp<Connection>& connection) {
@@ -229,10 +254,17 @@ void Runtime::rearm(const sp<Connection>& connection) {
 void Runtime::drop(const sp<Connection>& connection) {
     connection->markBroken();
     mPool.remove(connection->fd());
-    std::lock_guard<std::mutex> guard(mLock);
-    if (mAccepted.erase(connection.get()) == 0) return;
-    auto fromPid = mAcceptedPerPid.find(connection->peerPid());
-    if (fromPid != mAcceptedPerPid.end() && --fromPid->second == 0) mAcceptedPerPid.erase(fromPid);
+    std::vector<Listener*> paused;
+    {
+        std::lock_guard<std::mutex> guard(mLock);
+        if (mAccepted.erase(connection.get()) == 0) return;
+        paused.swap(mPausedListeners);
+    }
+    if (connection->isLink) connection->account()->returnLink();
+    mAccounts.closeConnection(*connection->account());
+    // Its descriptor closes with the last reference, which may be later:
+    // a listener that finds none free pauses again.
+    for (Listener* listener : paused) mPool.rearm(listener, listener->fd());
 }
 
 void Runtime::deliverObituaries(const sp<BpBinder>& proxy) {

@@ -9,6 +9,7 @@
 #include <mutex>
 #include <string>
 #include <unordered_map>
+#include <vector>
 
 #include "ChainRegistry.h"
 #include "Connection.h"
@@ -19,6 +20,7 @@
 #include "Listener.h"
 #include "OneWayScheduler.h"
 #include "Peer.h"
+#include "PeerAccounts.h"
 #include "PeerTable.h"
 #include "ProxyTable.h"
 #include "ThreadPool.h"
@@ -83,6 +85,9 @@ class Runtime {
     Runtime();
     status_t init();
     void acceptAll(Listener& listener);
+    // Out of descriptors: the spare one makes room to accept the waiting
+    // connection and close it at once. False when that is not possible.
+    bool refuseWaitingConnection(Listener& listener);
     void onPeerExited(Peer* peer);
     void forgetDeadPeer(const sp<Peer>& peer);
     sp<BpBinder> connectToContextManager();
@@ -98,13 +103,17 @@ class Runtime {
     OneWayScheduler mOneWays;
     LinkStallGuard mStallGuard;
     ChainRegistry mChains;
+    PeerAccounts mAccounts;
     Listener mListener{false};
 
     std::mutex mLock;  // guards everything below
     std::unique_ptr<Listener> mContextListener;
     sp<BpBinder> mContextProxy;
     std::unordered_map<Connection*, sp<Connection>> mAccepted;
-    std::unordered_map<pid_t, size_t> mAcceptedPerPid;
+    ScopedFd mSpareFd;
+    // Listeners left unarmed while no descriptor is free: re-armed when an
+    // accepted connection closes.
+    std::vector<Listener*> mPausedListeners;
 };
 
 }  // namespace tvbinder

@@ -1,0 +1,97 @@
+#define LOG_TAG "tvbinder"
+
+#include "PeerAccounts.h"
+
+#include <log/log.h>
+#include <sys/resource.h>
+
+#include <algorithm>
+#include <utility>
+
+namespace android {
+namespace tvbinder {
+
+namespace {
+
+// Accepted connections never take more than this many in all, whatever the
+// descriptor limit.
+constexpr size_t kMaxConnectionsCeiling = 4096;
+// Descriptors left to the application and to the transport's own use
+// (outgoing connections, pidfds, descriptors in frames): at least this many,
+// and a quarter of the limit.
+constexpr size_t kMinReserve = 64;
+// The least share of one process, however low the limit.
+constexpr size_t kMinPerProcess = 16;
+
+}  // namespace
+
+bool PeerAccount::takeBody(size_t bytes) {
+    uint64_t held = mBodyBytes.load(std::memory_order_relaxed);
+    do {
+        if (held + bytes > PeerAccounts::kBodyBudgetPerProcess) return false;
+    } while (!mBodyBytes.compare_exchange_weak(held, held + bytes));
+    return true;
+}
+
+void PeerAccount::returnBody(size_t bytes) {
+    mBodyBytes.fetch_sub(bytes);
+}
+
+bool PeerAccount::takeLink() {
+    uint32_t links = mLinks.load(std::memory_order_relaxed);
+    do {
+        if (links >= PeerAccounts::kMaxLinksPerProcess) return false;
+    } while (!mLinks.compare_exchange_weak(links, links + 1));
+    return true;
+}
+
+void PeerAccount::returnLink() {
+    mLinks.fetch_sub(1);
+}
+
+BodyCharge& BodyCharge::operator=(BodyCharge&& other) noexcept {
+    if (mAccount != nullptr) mAccount->returnBody(mBytes);
+    mAccount = std::move(other.mAccount);
+    mBytes = std::exchange(other.mBytes, 0);
+    return *this;
+}
+
+BodyCharge::~BodyCharge() {
+    if (mAccount != nullptr) mAccount->returnBody(mBytes);
+}
+
+void PeerAccounts::init() {
+    rlimit limit{};
+    size_t descriptors = 1024;
+    if (getrlimit(RLIMIT_NOFILE, &limit) == 0 && limit.rlim_cur != RLIM_INFINITY) {
+        descriptors = static_cast<size_t>(limit.rlim_cur);
+    }
+    const size_t reserve = std::max(kMinReserve, descriptors / 4);
+    const size_t usable = descriptors > reserve ? descriptors - reserve : 0;
+    mMaxConnections = std::min(kMaxConnectionsCeiling, usable / 2);
+    mMaxPerProcess = std::max(kMinPerProcess, mMaxConnections / 16);
+}
+
+sp<PeerAccount> PeerAccounts::admitConnection(pid_t pid) {
+    std::lock_guard<std::mutex> guard(mLock);
+    sp<PeerAccount>& account = mAccounts[pid];
+    if (account == nullptr) account = new PeerAccount(pid);
+    if (mConnections >= mMaxConnections || account->mConnections >= mMaxPerProcess) {
+        if (account->mConnections == 0) mAccounts.erase(pid);
+        return nullptr;
+    }
+    ++account->mConnections;
+    ++mConnections;
+    return account;
+}
+
+void PeerAccounts::closeConnection(PeerAccount& account) {
+    std::lock_guard<std::mutex> guard(mLock);
+    --mConnections;
+    if (--account.mConnections > 0) return;
+    auto listed = mAccounts.find(account.pid());
+    if (listed != mAccounts.end() && listed->second.get() == &account) mAccounts.erase(listed);
+}
+
+}  // namespace tvbinder
+}  // namespace android

@@ -1,0 +1,89 @@
+#pragma once
+
+#include <stddef.h>
+#include <stdint.h>
+#include <sys/types.h>
+#include <utils/RefBase.h>
+
+#include <atomic>
+#include <mutex>
+#include <unordered_map>
+
+namespace android {
+namespace tvbinder {
+
+class PeerAccounts;
+
+// What one peer process holds in this process: the connections it opened
+// here, how many of them are one-way links, and the bytes of large frame
+// bodies of its that are being decoded or run. Each process gets its own
+// share, so that a hostile one exhausts only that. Listed by PeerAccounts
+// while the process has connections here; frames it charged keep it alive
+// beyond that. Used from every thread.
+class PeerAccount : public RefBase {
+  public:
+    pid_t pid() const { return mPid; }
+
+    // Charges a body of `bytes` before it is copied: false when the
+    // process's share is spent.
+    bool takeBody(size_t bytes);
+    void returnBody(size_t bytes);
+    // Makes an accepted connection one of the process's links: false beyond
+    // its share (a process has one link per endpoint it serves; an exec'd
+    // one briefly two).
+    bool takeLink();
+    void returnLink();
+
+  private:
+    friend class PeerAccounts;
+    explicit PeerAccount(pid_t pid) : mPid(pid) {}
+
+    const pid_t mPid;
+    std::atomic<uint64_t> mBodyBytes{0};
+    std::atomic<uint32_t> mLinks{0};
+    size_t mConnections = 0;  // guarded by the PeerAccounts' lock
+};
+
+// The bytes of a large body charged to a peer; given back when it goes.
+class BodyCharge {
+  public:
+    BodyCharge() = default;
+    BodyCharge(const sp<PeerAccount>& account, size_t bytes) : mAccount(account), mBytes(bytes) {}
+    BodyCharge(BodyCharge&& other) noexcept { *this = std::move(other); }
+    BodyCharge& operator=(BodyCharge&& other) noexcept;
+    ~BodyCharge();
+
+  private:
+    sp<PeerAccount> mAccount;
+    size_t mBytes = 0;
+};
+
+// The accounts of the processes connected to this one, and the caps on
+// accepted connections: derived from the descriptor limit, with a reserve
+// left to the application. Owned by the Runtime; used from every thread.
+class PeerAccounts {
+  public:
+    static constexpr uint32_t kMaxLinksPerProcess = 4;
+    static constexpr uint64_t kBodyBudgetPerProcess = 32 * 1024 * 1024;
+
+    // Reads the descriptor limit.
+    void init();
+    // The account for one more connection from `pid`, or null when the
+    // process or the whole process table is at its cap.
+    sp<PeerAccount> admitConnection(pid_t pid);
+    // One connection of the account's process is gone.
+    void closeConnection(PeerAccount& account);
+
+    size_t maxConnections() const { return mMaxConnections; }
+    size_t maxConnectionsPerProcess() const { return mMaxPerProcess; }
+
+  private:
+    size_t mMaxConnections = 0;
+    size_t mMaxPerProcess = 0;
+    std::mutex mLock;  // guards everything below
+    size_t mConnections = 0;
+    std::unordered_map<pid_t, sp<PeerAccount>> mAccounts;
+};
+
+}  // namespace tvbinder
+}  // namespace android
