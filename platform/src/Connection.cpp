@@ -145,11 +145,17 @@ sp<Connection> Connection::connectTo(const std::string& address, int* error, int
         return nullptr;
     }
     sp<Connection> connection = new Connection(fd);
-    // The kernel bounds a connect() to a full backlog by the send timeout.
-    timeval timeout{timeoutMs / 1000, (timeoutMs % 1000) * 1000};
-    setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &timeout, sizeof(timeout));
+    // The kernel bounds a connect() to a full backlog by the send timeout; a
+    // non-blocking one fails at once instead.
+    if (timeoutMs > 0) {
+        timeval timeout{timeoutMs / 1000, (timeoutMs % 1000) * 1000};
+        setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &timeout, sizeof(timeout));
+    } else {
+        fcntl(fd, F_SETFL, O_NONBLOCK);
+    }
     *error = connectSocket(fd, address);
     if (*error != 0) return nullptr;
+    if (timeoutMs <= 0) fcntl(fd, F_SETFL, 0);
     // The listener's credentials are only known once connected.
     ucred credentials{};
     socklen_t credLength = sizeof(credentials);

@@ -26,9 +26,9 @@ constexpr size_t kReceiveBatch = 16;
 // replies and the nested transactions of threads serving the initiator.
 class Connection : public RefBase, public EventSource {
   public:
-    // Connects to the socket file `address`, waiting up to `timeoutMs` while
-    // the listener's backlog is full; null on failure, with the errno in
-    // *error (EAGAIN when the wait ran out).
+    // Connects to the socket file `address`, waiting up to `timeoutMs` (0:
+    // not at all) while the listener's backlog is full; null on failure, with
+    // the errno in *error (EAGAIN when the wait ran out).
     static sp<Connection> connectTo(const std::string& address, int* error,
                                     int timeoutMs = kConnectTimeoutMs);
     static constexpr int kConnectTimeoutMs = 5000;
@@ -59,6 +59,10 @@ class Connection : public RefBase, public EventSource {
     // the connection.
     status_t send(const OutgoingFrame& frame, int waitMs = kSendTimeoutMs);
     static constexpr int kSendTimeoutMs = 2000;
+    // For what answers a peer's request (replies, HELLO answers, chain
+    // notes): a caller that waits for its answer has room for it, so a full
+    // socket is a peer that does not read, and no pool thread waits on it.
+    static constexpr int kAnswerWaitMs = 5;
     // Receives one frame: DEAD_OBJECT at end of stream, WOULD_BLOCK when
     // nothing is waiting and `block` is false, BAD_VALUE for a frame that is
     // malformed at the transport level (it is dropped with its descriptors).

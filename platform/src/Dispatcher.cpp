@@ -115,7 +115,8 @@ void Dispatcher::announceChainExtension() {
     // Sent before the call that extends the chain: the waiting caller reads
     // it before any call of the chain can come back to its process.
     serving.back().second = true;
-    serving.back().first->send(OutgoingFrame::make(FrameKind::kChainExtended));
+    serving.back().first->send(OutgoingFrame::make(FrameKind::kChainExtended),
+                               Connection::kAnswerWaitMs);
 }
 
 status_t Dispatcher::roundTrip(const sp<Peer>& peer, const OutgoingFrame& frame, Parcel* reply,
@@ -307,7 +308,7 @@ status_t Dispatcher::handleHello(Connection& connection, const Frame& frame) {
     if (!connection.answersHello) return NO_ERROR;
     OutgoingFrame answer = OutgoingFrame::make(FrameKind::kHelloAnswer);
     answer.header.argument = mRuntime.endpoint();
-    return connection.send(answer);
+    return connection.send(answer, Connection::kAnswerWaitMs);
 }
 
 void Dispatcher::serveRequest(Connection& connection, Frame& frame) {
@@ -378,7 +379,7 @@ void Dispatcher::sendReply(Connection& connection, status_t status, const Parcel
         frame = OutgoingFrame::make(FrameKind::kReply);
         frame.header.status = status;
     }
-    if (connection.send(frame) != NO_ERROR) {
+    if (connection.send(frame, Connection::kAnswerWaitMs) != NO_ERROR) {
         undoGrants(grants, connection.peer());
         connection.markBroken();
     }

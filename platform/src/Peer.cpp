@@ -39,8 +39,9 @@ bool isGoneErrno(int error) {
 
 // A link is made on pool threads for addresses that peers named (a claimed
 // endpoint, the holder of a grant, the owner of a reference to release): a
-// listener that does not accept must not hold such a thread for long.
-constexpr int kLinkConnectTimeoutMs = 5;
+// listener whose backlog is full fails it at once rather than hold the
+// thread. Only a flood of connections fills a live process's backlog.
+constexpr int kLinkConnectTimeoutMs = 0;
 
 // The longest pause between two probes of an address that still answered
 // after one of its connections hung up.
