@@ -19,9 +19,10 @@ constexpr size_t kMaxConnectionsCeiling = 4096;
 // Descriptors left to the application and to the transport's own use
 // (outgoing connections, pidfds, descriptors in frames): at least this many,
 // and a quarter of the limit.
-constexpr size_t kMinReserve = 64;
-// The least share of one process, however low the limit.
-constexpr size_t kMinPerProcess = 16;
+constexpr size_t kMinReserve = 32;
+// The least share of one process: a client calls from as many threads at
+// once as it has connections here.
+constexpr size_t kMinPerProcess = 64;
 
 }  // namespace
 
@@ -69,7 +70,7 @@ void PeerAccounts::init() {
     const size_t reserve = std::max(kMinReserve, descriptors / 4);
     const size_t usable = descriptors > reserve ? descriptors - reserve : 0;
     mMaxConnections = std::min(kMaxConnectionsCeiling, usable / 2);
-    mMaxPerProcess = std::max(kMinPerProcess, mMaxConnections / 16);
+    mMaxPerProcess = std::min(mMaxConnections, std::max(kMinPerProcess, mMaxConnections / 16));
 }
 
 sp<PeerAccount> PeerAccounts::admitConnection(pid_t pid) {
