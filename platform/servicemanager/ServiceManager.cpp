@@ -3,8 +3,11 @@
 #include "ServiceManager.h"
 
 #include <binder/IPCThreadState.h>
+#include <errno.h>
 #include <fcntl.h>
 #include <log/log.h>
+#include <poll.h>
+#include <string.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -55,13 +58,26 @@ String8 processNameOf(pid_t pid) {
     return String8(buffer, static_cast<size_t>(length));
 }
 
-pid_t callingPid() {
-    return IPCThreadState::self()->getCallingPid();
+// A pidfd is readable once its process exited.
+bool hasExited(int pidfd) {
+    struct pollfd exit = {pidfd, POLLIN, 0};
+    return poll(&exit, 1, 0) > 0;
 }
 
 }  // namespace
 
-ServiceManager::ServiceManager() {
+ServiceManager::Caller::Caller() {
+    const IPCThreadState* thread = IPCThreadState::self();
+    pid = thread->getCallingPid();
+    uid = thread->getCallingUid();
+    pidfd = thread->dupCallingPidFd();
+}
+
+ServiceManager::Caller::~Caller() {
+    if (pidfd >= 0) close(pidfd);
+}
+
+ServiceManager::ServiceManager() : mExits([this](uint64_t key) { registrantExited(key); }) {
     Service self;
     self.binder = this;
     self.owner = getpid();
@@ -120,7 +136,8 @@ status_t ServiceManager::addService(const Parcel& data, Parcel* reply) {
         return NO_ERROR;
     }
     // Accepted for the platform's sake: there are no isolated processes here.
-    reply->writeInt32(registerService(name, binder, callingPid()));
+    Caller caller;
+    reply->writeInt32(registerService(name, binder, caller));
     return NO_ERROR;
 }
 
@@ -153,7 +170,8 @@ status_t ServiceManager::waitForService(const Parcel& data, Parcel* reply) {
         return NO_ERROR;
     }
     sp<IBinder> present;
-    const status_t status = addWaiter(name, callback, callingPid(), &present);
+    Caller caller;
+    const status_t status = addWaiter(name, callback, caller, &present);
     reply->writeInt32(status);
     reply->writeStrongBinder(present);
     return NO_ERROR;
@@ -166,92 +184,118 @@ status_t ServiceManager::cancelWait(const Parcel& data, Parcel* reply) {
         reply->writeInt32(BAD_VALUE);
         return NO_ERROR;
     }
-    const pid_t caller = callingPid();
-    std::vector<Waiter> cancelled;
+    Caller caller;
+    std::vector<sp<IBinder>> unlink;
+    bool cancelled = false;
     {
         std::lock_guard<std::mutex> lock(mLock);
+        const uint64_t key = findRegistrantLocked(caller, &unlink);
         auto waiter = std::find_if(mWaiters.begin(), mWaiters.end(), [&](const Waiter& w) {
-            return w.callback == callback && w.owner == caller && w.name == name;
+            return key != 0 && w.registrant == key && w.callback == callback && w.name == name;
         });
         if (waiter != mWaiters.end()) {
-            cancelled.push_back(std::move(*waiter));
+            cancelled = true;
+            unlink.push_back(std::move(waiter->callback));
             mWaiters.erase(waiter);
+            uncountLocked(key, &Registrant::waiters);
         }
     }
-    for (const Waiter& waiter : cancelled) waiter.callback->unlinkToDeath(this);
-    reply->writeInt32(cancelled.empty() ? NAME_NOT_FOUND : NO_ERROR);
+    unlinkFrom(&unlink);
+    reply->writeInt32(cancelled ? NO_ERROR : NAME_NOT_FOUND);
     return NO_ERROR;
 }
 
 status_t ServiceManager::registerService(const String16& name, const sp<IBinder>& binder,
-                                         pid_t caller) {
+                                         Caller& caller) {
     const status_t watched = watch(binder);
     if (watched != NO_ERROR) return watched;
-    sp<IBinder> replaced;
+    std::vector<sp<IBinder>> unlink;
     std::vector<Waiter> waiters;
     status_t status;
     {
         std::lock_guard<std::mutex> lock(mLock);
-        status = admitServiceLocked(name, caller);
+        uint64_t key = 0;
+        status = enrolLocked(caller, &key, &unlink);
+        if (status == NO_ERROR) status = admitServiceLocked(name, key);
         // A death between linking and here found no entry to drop.
         if (status == NO_ERROR && !binder->isBinderAlive()) status = DEAD_OBJECT;
         if (status == NO_ERROR) {
-            Service& entry = mServices[name];
-            replaced = std::move(entry.binder);
-            entry = Service{binder, caller};
+            auto [entry, added] = mServices.try_emplace(name);
+            const uint64_t previous = entry->second.registrant;
+            if (!added) unlink.push_back(std::move(entry->second.binder));
+            entry->second = Service{binder, key, caller.pid};
+            // Counted before the previous holder is uncounted: that may be `key` itself.
+            ++mRegistrants.at(key).services;
+            if (!added) uncountLocked(previous, &Registrant::services);
             waiters = takeWaitersLocked(name);
+        } else if (key != 0) {
+            uncountLocked(key, nullptr);
         }
     }
-    if (status != NO_ERROR) {
-        binder->unlinkToDeath(this);
-        return status;
-    }
-    if (replaced != nullptr) replaced->unlinkToDeath(this);
-    ALOGI("added %s for pid %d", String8(name).string(), caller);
+    if (status != NO_ERROR) unlink.push_back(binder);
+    unlinkFrom(&unlink);
+    if (status != NO_ERROR) return status;
+    ALOGI("added %s for pid %d", String8(name).string(), caller.pid);
     notifyWaiters(waiters, binder);
     return NO_ERROR;
 }
 
-status_t ServiceManager::admitServiceLocked(const String16& name, pid_t caller) const {
+status_t ServiceManager::admitServiceLocked(const String16& name, uint64_t registrant) const {
+    const pid_t caller = mRegistrants.at(registrant).pid;
     auto existing = mServices.find(name);
     if (existing != mServices.end()) {
         const Service& holder = existing->second;
-        if (holder.owner == caller || !holder.binder->isBinderAlive()) return NO_ERROR;
-        ALOGW("refused %s to pid %d: held by pid %d", String8(name).string(), caller, holder.owner);
-        return ALREADY_EXISTS;
+        if (holder.registrant == registrant) return NO_ERROR;  // replaces its own: counts stay
+        if (holder.binder->isBinderAlive() && !registrantExitedLocked(holder.registrant)) {
+            ALOGW("refused %s to pid %d: held by pid %d", String8(name).string(), caller,
+                  holder.owner);
+            return ALREADY_EXISTS;
+        }
     }
-    if (mServices.size() < kMaxServices && countServicesLocked(caller) < kMaxServicesPerProcess) {
+    if (withinLimitsLocked(registrant, &Registrant::services, kMaxServicesPerProcess,
+                           kMaxServicesPerUser)) {
         return NO_ERROR;
     }
-    ALOGW("refused %s to pid %d: registry full", String8(name).string(), caller);
+    ALOGW("refused %s to pid %d: too many registrations", String8(name).string(), caller);
     return NO_MEMORY;
 }
 
-status_t ServiceManager::addWaiter(const String16& name, const sp<IBinder>& callback, pid_t caller,
-                                   sp<IBinder>* present) {
+status_t ServiceManager::addWaiter(const String16& name, const sp<IBinder>& callback,
+                                   Caller& caller, sp<IBinder>* present) {
     *present = findService(name);
     if (*present != nullptr) return NO_ERROR;
     const status_t watched = watch(callback);
     if (watched != NO_ERROR) return watched;
+    std::vector<sp<IBinder>> unlink;
     status_t status = NO_ERROR;
+    bool waiting = false;
     {
         std::lock_guard<std::mutex> lock(mLock);
         auto found = mServices.find(name);
         if (found != mServices.end()) {
             *present = found->second.binder;  // registered meanwhile
-        } else if (mWaiters.size() >= kMaxWaiters ||
-                   countWaitersLocked(caller) >= kMaxWaitersPerProcess) {
-            ALOGW("refused a waiter for %s to pid %d: too many waiters", String8(name).string(),
-                  caller);
-            status = NO_MEMORY;
-        } else if (!callback->isBinderAlive()) {
-            status = DEAD_OBJECT;
         } else {
-            mWaiters.push_back(Waiter{name, callback, caller});
-            return NO_ERROR;
+            uint64_t key = 0;
+            status = enrolLocked(caller, &key, &unlink);
+            if (status == NO_ERROR &&
+                !withinLimitsLocked(key, &Registrant::waiters, kMaxWaitersPerProcess,
+                                    kMaxWaitersPerUser)) {
+                ALOGW("refused a waiter for %s to pid %d: too many waiters", String8(name).string(),
+                      caller.pid);
+                status = NO_MEMORY;
+            }
+            if (status == NO_ERROR && !callback->isBinderAlive()) status = DEAD_OBJECT;
+            if (status == NO_ERROR) {
+                mWaiters.push_back(Waiter{name, callback, key, caller.pid});
+                ++mRegistrants.at(key).waiters;
+                waiting = true;
+            } else if (key != 0) {
+                uncountLocked(key, nullptr);
+            }
         }
     }
-    callback->unlinkToDeath(this);
+    if (!waiting) unlink.push_back(callback);
+    unlinkFrom(&unlink);
     return status;
 }
 
@@ -275,6 +319,7 @@ std::vector<ServiceManager::Waiter> ServiceManager::takeWaitersLocked(const Stri
                                          [&](const Waiter& w) { return !(w.name == name); });
     std::move(waiting, mWaiters.end(), std::back_inserter(taken));
     mWaiters.erase(waiting, mWaiters.end());
+    for (const Waiter& waiter : taken) uncountLocked(waiter.registrant, &Registrant::waiters);
     return taken;
 }
 
@@ -304,6 +349,7 @@ void ServiceManager::binderDied(const wp<IBinder>& who) {
             if (entry->second.binder.get() == dead) {
                 owner = entry->second.owner;
                 released.push_back(std::move(entry->second.binder));
+                uncountLocked(entry->second.registrant, &Registrant::services);
                 entry = mServices.erase(entry);
             } else {
                 ++entry;
@@ -314,21 +360,115 @@ void ServiceManager::binderDied(const wp<IBinder>& who) {
         });
         for (auto waiter = gone; waiter != mWaiters.end(); ++waiter) {
             released.push_back(std::move(waiter->callback));
+            uncountLocked(waiter->registrant, &Registrant::waiters);
         }
         mWaiters.erase(gone, mWaiters.end());
     }
-    if (owner != 0) ALOGI("pid %d died: dropped its registrations", owner);
+    if (owner != 0) ALOGI("an object registered by pid %d died: dropped its registrations", owner);
 }
 
-size_t ServiceManager::countServicesLocked(pid_t owner) const {
-    return static_cast<size_t>(
-        std::count_if(mServices.begin(), mServices.end(),
-                      [&](const auto& e) { return e.second.owner == owner; }));
+// A registrant is recognised by its pid while that process lives: a live
+// record with the caller's pid is the caller's. A record whose process
+// exited is dropped on the way, whether or not the watcher got to it yet.
+status_t ServiceManager::enrolLocked(Caller& caller, uint64_t* key,
+                                     std::vector<sp<IBinder>>* unlink) {
+    *key = findRegistrantLocked(caller, unlink);
+    if (*key != 0) return NO_ERROR;
+    if (caller.pidfd < 0 || hasExited(caller.pidfd)) return DEAD_OBJECT;
+    if (!mExits.add(caller.pidfd, mNextKey)) {
+        ALOGW("cannot watch pid %d: %s", caller.pid, strerror(errno));
+        return NO_MEMORY;
+    }
+    *key = mNextKey++;
+    mRegistrants.emplace(*key, Registrant{caller.pid, caller.uid, caller.pidfd});
+    caller.pidfd = -1;
+    return NO_ERROR;
 }
 
-size_t ServiceManager::countWaitersLocked(pid_t owner) const {
-    return static_cast<size_t>(std::count_if(mWaiters.begin(), mWaiters.end(),
-                                             [&](const Waiter& w) { return w.owner == owner; }));
+uint64_t ServiceManager::findRegistrantLocked(const Caller& caller,
+                                              std::vector<sp<IBinder>>* unlink) {
+    if (caller.pidfd < 0 || hasExited(caller.pidfd)) return 0;
+    for (auto record = mRegistrants.begin(); record != mRegistrants.end();) {
+        const uint64_t key = (record++)->first;
+        const Registrant& registrant = mRegistrants.at(key);
+        if (registrant.pid != caller.pid) continue;
+        if (!hasExited(registrant.pidfd)) return key;
+        dropRegistrantLocked(key, unlink);
+    }
+    return 0;
+}
+
+bool ServiceManager::registrantExitedLocked(uint64_t key) const {
+    auto record = mRegistrants.find(key);
+    return record != mRegistrants.end() && hasExited(record->second.pidfd);
+}
+
+bool ServiceManager::withinLimitsLocked(uint64_t key, Counter counter, size_t perProcess,
+                                        size_t perUser) const {
+    const Registrant& registrant = mRegistrants.at(key);
+    if (registrant.*counter >= perProcess) return false;
+    size_t ofUser = 0;
+    for (const auto& [other, record] : mRegistrants) {
+        if (record.uid == registrant.uid) ofUser += record.*counter;
+    }
+    return ofUser < perUser;
+}
+
+void ServiceManager::uncountLocked(uint64_t key, Counter counter) {
+    auto record = mRegistrants.find(key);
+    if (record == mRegistrants.end()) return;
+    Registrant& registrant = record->second;
+    if (counter != nullptr) --(registrant.*counter);
+    if (registrant.services == 0 && registrant.waiters == 0) forgetLocked(key);
+}
+
+void ServiceManager::forgetLocked(uint64_t key) {
+    auto record = mRegistrants.find(key);
+    mExits.remove(record->second.pidfd);
+    close(record->second.pidfd);
+    mRegistrants.erase(record);
+}
+
+void ServiceManager::dropRegistrantLocked(uint64_t key, std::vector<sp<IBinder>>* unlink) {
+    for (auto entry = mServices.begin(); entry != mServices.end();) {
+        if (entry->second.registrant == key) {
+            unlink->push_back(std::move(entry->second.binder));
+            entry = mServices.erase(entry);
+        } else {
+            ++entry;
+        }
+    }
+    auto gone = std::stable_partition(mWaiters.begin(), mWaiters.end(),
+                                      [&](const Waiter& w) { return w.registrant != key; });
+    for (auto waiter = gone; waiter != mWaiters.end(); ++waiter) {
+        unlink->push_back(std::move(waiter->callback));
+    }
+    mWaiters.erase(gone, mWaiters.end());
+    forgetLocked(key);
+}
+
+// Each registration and waiter linked its object once; each is unlinked once.
+void ServiceManager::unlinkFrom(std::vector<sp<IBinder>>* objects) {
+    for (const sp<IBinder>& object : *objects) object->unlinkToDeath(this);
+    objects->clear();
+}
+
+void ServiceManager::registrantExited(uint64_t key) {
+    std::vector<sp<IBinder>> unlink;
+    pid_t pid = 0;
+    size_t services = 0;
+    size_t waiters = 0;
+    {
+        std::lock_guard<std::mutex> lock(mLock);
+        auto record = mRegistrants.find(key);
+        if (record == mRegistrants.end()) return;
+        pid = record->second.pid;
+        services = record->second.services;
+        waiters = record->second.waiters;
+        dropRegistrantLocked(key, &unlink);
+    }
+    ALOGI("pid %d died: dropped its %zu registrations and %zu waiters", pid, services, waiters);
+    unlinkFrom(&unlink);
 }
 
 }  // namespace android

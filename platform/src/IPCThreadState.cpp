@@ -5,6 +5,8 @@
 #include <unistd.h>
 
 #include "ChainRegistry.h"
+#include "Connection.h"
+#include "Peer.h"
 #include "Runtime.h"
 
 namespace android {
@@ -55,6 +57,15 @@ pid_t IPCThreadState::getCallingPid() const {
 
 uid_t IPCThreadState::getCallingUid() const {
     return mCallingPid != 0 ? mCallingUid : getuid();
+}
+
+int IPCThreadState::dupCallingPidFd() const {
+    // The innermost connection served is the caller's only when the call
+    // being executed is that synchronous one, not a one-way within it.
+    if (mServing.empty() || mCallingPid == 0) return -1;
+    const tvbinder::Connection& connection = *mServing.back().first;
+    if (connection.peerPid() != mCallingPid || connection.peer() == nullptr) return -1;
+    return connection.peer()->dupPidfd();
 }
 
 int64_t IPCThreadState::clearCallingIdentity() {

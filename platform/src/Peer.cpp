@@ -3,6 +3,7 @@
 #include "Peer.h"
 
 #include <errno.h>
+#include <fcntl.h>
 #include <log/log.h>
 #include <poll.h>
 #include <string.h>
@@ -414,6 +415,12 @@ bool Peer::markDead() {
         if (!mRuntime.pool().started()) dropLink(link);
     }
     return true;
+}
+
+int Peer::dupPidfd() const {
+    // Under the lock: closePidfd() may run at the same time, once the process exited.
+    std::lock_guard<std::mutex> guard(mLock);
+    return mPidfd.valid() ? fcntl(mPidfd.get(), F_DUPFD_CLOEXEC, 0) : -1;
 }
 
 }  // namespace tvbinder

@@ -78,6 +78,8 @@ class Peer : public RefBase, public EventSource {
     // The pidfd that the pool watches, or -1.
     int pidfd() const;
     void closePidfd();
+    // A new descriptor (O_CLOEXEC) for that pidfd, or -1 once it is closed.
+    int dupPidfd() const;
 
   private:
     ~Peer() override;

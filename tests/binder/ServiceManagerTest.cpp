@@ -133,6 +133,18 @@ std::string runAgentCommand(const std::string& verb, const std::string& name,
         return "status " + std::to_string(manager->addService(String16(name.c_str()),
                                                               new TaggedService(argument)));
     }
+    if (verb == "fill") {
+        // Registers the object found under `argument` as NAME0, NAME1, ... until refused.
+        sp<IBinder> object = manager->checkService(String16(argument.c_str()));
+        status_t status = android::NAME_NOT_FOUND;
+        int count = 0;
+        while (object != nullptr && count <= 10000) {
+            status = manager->addService(String16((name + std::to_string(count)).c_str()), object);
+            if (status != NO_ERROR) break;
+            ++count;
+        }
+        return std::to_string(count) + " status " + std::to_string(status);
+    }
     if (verb == "check") return describe(manager->checkService(String16(name.c_str())));
     if (verb == "get") return describe(manager->getService(String16(name.c_str())));
     if (verb == "timeout") {
@@ -144,7 +156,8 @@ std::string runAgentCommand(const std::string& verb, const std::string& name,
 }
 
 // A process that uses the service manager as the test tells it, one line per
-// command: "add NAME TAG", "check NAME", "get NAME", "timeout MS", "registrations".
+// command: "add NAME TAG", "fill PREFIX NAME", "check NAME", "get NAME", "timeout MS",
+// "registrations".
 TVTEST_CHILD_ROLE(sm_agent) {
     (void)args;
     for (;;) {
@@ -209,7 +222,7 @@ TEST_F(ServiceManagerTest, RegistersFindsAndListsServices) {
     EXPECT_NE(std::string::npos, listing.find(std::to_string(owner.pid()))) << listing;
 }
 
-TEST_F(ServiceManagerTest, ANameBelongsToItsLiveOwnerAndIsFreedWhenItDies) {
+TEST_F(ServiceManagerTest, ANameBelongsToItsRegistrantAndEndsWithItOrWithItsObject) {
     tvtest::ChildProcess successor("sm_agent");
     {
         tvtest::ChildProcess owner("sm_agent");
@@ -219,6 +232,25 @@ TEST_F(ServiceManagerTest, ANameBelongsToItsLiveOwnerAndIsFreedWhenItDies) {
         // The holder itself may replace its registration.
         EXPECT_EQ(statusLine(NO_ERROR), ask(owner, "add sm.held three"));
         ASSERT_EQ("tag three", ask(successor, "check sm.held"));
+        {
+            // Another process registers the owner's object under names of its
+            // own, up to its own limit, which leaves the owner's untouched...
+            tvtest::ChildProcess relay("sm_agent");
+            EXPECT_EQ("512 " + statusLine(android::NO_MEMORY),
+                      ask(relay, "fill sm.relay. sm.held"));
+            EXPECT_EQ(statusLine(NO_ERROR), ask(owner, "add sm.more five"));
+            EXPECT_EQ("tag three", ask(successor, "check sm.relay.511"));
+            relay.kill(SIGKILL);
+            ASSERT_NE(-1, relay.wait());
+        }
+        // ...and holds them no longer than it lives, though the object does.
+        EXPECT_TRUE(tvtest::waitUntil(
+            [&] {
+                return ask(successor, "check sm.relay.0") == "null" &&
+                       ask(successor, "check sm.relay.511") == "null";
+            },
+            10s));
+        EXPECT_EQ("tag three", ask(successor, "check sm.held"));
         owner.kill(SIGKILL);
         ASSERT_NE(-1, owner.wait());
     }

@@ -33,6 +33,11 @@ class IPCThreadState {
     // it for the connection; outside a transaction, this process.
     pid_t getCallingPid() const;
     uid_t getCallingUid() const;
+    // A new pidfd (O_CLOEXEC) of the process whose synchronous call this
+    // thread is serving, or -1: outside such a call, after
+    // clearCallingIdentity(), or once that process has exited. Unlike the
+    // pid, it cannot come to name another process.
+    int dupCallingPidFd() const;
     // Until restoreCallingIdentity(token), the caller reads as this process.
     int64_t clearCallingIdentity();
     void restoreCallingIdentity(int64_t token);
