@@ -94,7 +94,10 @@ struct ClientRecord {
     std::atomic<int64_t> oneWaysArrived{0};
     std::atomic<bool> oneWaysInOrder{false};
     std::atomic<bool> done{false};
-    int64_t nanos[1];  // one per round trip
+
+    // One per round trip, right after the record.
+    int64_t* nanos() { return reinterpret_cast<int64_t*>(this + 1); }
+    const int64_t* nanos() const { return reinterpret_cast<const int64_t*>(this + 1); }
 };
 
 class SharedRecord {
@@ -135,7 +138,7 @@ int legitimateClient(int channel, ClientRecord* record, const Names& names, cons
         const int64_t start = monotonicNanos();
         const bool answered = target->transact(AttackService::ECHO, data, &reply) == NO_ERROR &&
                               reply.readInt32() == i;
-        record->nanos[i] = monotonicNanos() - start;
+        record->nanos()[i] = monotonicNanos() - start;
         if (!answered) ++record->failed;
         ++record->completed;
     }
@@ -179,7 +182,7 @@ ClientResult summarise(const ClientRecord& record, int roundTrips) {
     result.lostCalls = record.failed + (result.completed < roundTrips ? 1 : 0);
     result.lostOneWays = record.oneWaysAccepted - record.oneWaysArrived;
     result.oneWaysInOrder = record.oneWaysInOrder;
-    std::vector<int64_t> samples(record.nanos, record.nanos + result.completed);
+    std::vector<int64_t> samples(record.nanos(), record.nanos() + result.completed);
     std::sort(samples.begin(), samples.end());
     if (!samples.empty()) {
         result.medianMicros = static_cast<double>(samples[samples.size() / 2]) / 1000;
@@ -224,7 +227,8 @@ struct Row {
     std::optional<ClientResult> attacked;
     size_t peakDescriptors = 0;
     size_t peakResidentKib = 0;
-    std::string trouble;
+    std::string trouble;  // the line is not a measurement
+    std::string note;
 };
 
 Row run(const Attack& attack, const Sizes& sizes, int index) {
@@ -247,8 +251,13 @@ Row run(const Attack& attack, const Sizes& sizes, int index) {
             [&](int channel) { return attack.body(channel, names.target, sizes.attack); }));
     }
     tvproc::PeakWatch peak(served.pid());
-    for (auto& hostile : hostiles) {
-        if (!hostile->receive(kSetupTimeout)) row.trouble = "an attacker did not get going";
+    // An attack under way may keep later attackers from starting.
+    int started = 0;
+    for (auto& hostile : hostiles) started += hostile->receive(kSetupTimeout) ? 1 : 0;
+    if (started == 0) row.trouble = "no attacker got going";
+    if (started > 0 && started < attack.processes) {
+        row.note = std::to_string(started) + " of " + std::to_string(attack.processes) +
+                   " attackers got going";
     }
     row.attacked = client.measure();
     peak.stop();
@@ -299,6 +308,7 @@ void print(const std::vector<Row>& rows, const Sizes& sizes) {
         }
         if (verdict.empty()) verdict = "ok";
         if (!row.trouble.empty()) verdict += " (" + row.trouble + ")";
+        if (!row.note.empty()) verdict += " (" + row.note + ")";
         printf("%-34s %-17s %-17s %-13s %-11s %-10s %-9zu %-9s %s\n", row.name.c_str(),
                figures(row.quiet).c_str(), figures(row.attacked).c_str(), ratio.c_str(),
                answered.c_str(), lost.c_str(), row.peakDescriptors,
