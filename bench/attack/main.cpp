@@ -5,6 +5,7 @@
 #include <binder/IServiceManager.h>
 #include <binder/Parcel.h>
 #include <binder/ProcessState.h>
+#include <signal.h>
 #include <stdio.h>
 #include <string.h>
 #include <sys/mman.h>
@@ -88,6 +89,7 @@ int serve(int channel, const Names& names, rlim_t descriptorLimit) {
 // What a client process did, in memory it shares with the driver so that the
 // figures survive the client being killed.
 struct ClientRecord {
+    std::atomic<bool> found{false};  // got the objects from the service manager
     std::atomic<int64_t> completed{0};
     std::atomic<int64_t> failed{0};
     std::atomic<int64_t> oneWaysAccepted{0};
@@ -128,9 +130,8 @@ int legitimateClient(int channel, ClientRecord* record, const Names& names, cons
     android::ProcessState::self()->startThreadPool();
     const sp<IBinder> target = find(names.target);
     const sp<IBinder> other = find(names.other);
-    if (target == nullptr || other == nullptr || !receiveValue(channel, std::chrono::minutes(5))) {
-        return 1;
-    }
+    record->found = target != nullptr && other != nullptr;
+    if (!record->found || !receiveValue(channel, std::chrono::minutes(5))) return 1;
     for (int32_t i = 0; i < sizes.roundTrips; ++i) {
         Parcel data;
         Parcel reply;
@@ -164,6 +165,7 @@ int legitimateClient(int channel, ClientRecord* record, const Names& names, cons
 }
 
 struct ClientResult {
+    bool found = false;
     bool finished = false;
     int64_t completed = 0;
     int64_t answered = 0;
@@ -176,6 +178,7 @@ struct ClientResult {
 
 ClientResult summarise(const ClientRecord& record, int roundTrips) {
     ClientResult result;
+    result.found = record.found;
     result.finished = record.done;
     result.completed = record.completed;
     result.answered = result.completed - record.failed;
@@ -200,8 +203,11 @@ class Client {
           }) {}
 
     ClientResult measure() {
-        if (mRecord.get() == nullptr || !mProcess.send(1)) return {};
-        tvproc::waitUntil([&] { return mRecord.get()->done.load(); }, mSizes.clientLimit);
+        if (mRecord.get() == nullptr) return {};
+        // A client that found no service has gone already.
+        if (mProcess.send(1)) {
+            tvproc::waitUntil([&] { return mRecord.get()->done.load(); }, mSizes.clientLimit);
+        }
         mProcess.finish(std::chrono::seconds(1));
         return summarise(*mRecord.get(), mSizes.roundTrips);
     }
@@ -299,7 +305,9 @@ void print(const std::vector<Row>& rows, const Sizes& sizes) {
                 std::to_string(row.attacked->answered) + "/" + std::to_string(sizes.roundTrips);
             lost = std::to_string(row.attacked->lostCalls) + "+" +
                    std::to_string(row.attacked->lostOneWays) + "ow";
-            if (!row.attacked->finished) {
+            if (!row.attacked->found) {
+                verdict = "MISS: service not found";
+            } else if (!row.attacked->finished) {
                 verdict = "MISS: stalled";
             } else if (row.attacked->lostCalls > 0 || row.attacked->lostOneWays > 0 ||
                        !row.attacked->oneWaysInOrder) {
@@ -332,6 +340,8 @@ int main(int argc, char** argv) {
         sizes = Sizes::quick();
     }
     // A context of our own, inherited by every process forked below.
+    // A client or attacker that is gone must not end the driver.
+    signal(SIGPIPE, SIG_IGN);
     const std::string context = "attack-" + std::to_string(getpid());
     setenv("TAVRIN_BINDER_CONTEXT", context.c_str(), 1);
     ServiceManagerDaemon daemon(context);
