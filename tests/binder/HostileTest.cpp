@@ -3,7 +3,6 @@
 #include <binder/ProcessState.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <poll.h>
 #include <stddef.h>
 #include <string.h>
 #include <sys/mman.h>
@@ -13,15 +12,19 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <chrono>
 #include <functional>
+#include <future>
+#include <random>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "ChildProcess.h"
-#include "Connection.h"
 #include "FlatObject.h"
 #include "Frame.h"
-#include "Peer.h"
+#include "RawPeer.h"
 #include "Runtime.h"
 #include "ServedChild.h"
 #include "SocketDirectory.h"
@@ -33,101 +36,24 @@ using android::tvbinder::endpointAddress;
 using android::tvbinder::FlatObject;
 using android::tvbinder::FrameHeader;
 using android::tvbinder::FrameKind;
-using android::tvbinder::kFrameMagic;
 using android::tvbinder::kHelloLink;
 using android::tvbinder::kLayoutBodyInMemfd;
+using android::tvbinder::kMaxTransactionSize;
 using android::tvbinder::Runtime;
+using tvraw::Bytes;
+using tvraw::carrying;
+using tvraw::endpointOf;
+using tvraw::FullBacklog;
+using tvraw::ownEndpoint;
+using tvraw::RawConnection;
+using tvraw::sealedMemfd;
+using tvraw::transactionTo;
 using tvtest::ServedChild;
 using tvtest::TestService;
+using namespace std::chrono_literals;
+using Clock = std::chrono::steady_clock;
 
 namespace {
-
-using Bytes = std::vector<uint8_t>;
-
-// A socket to a process's endpoint that speaks the wire protocol by hand.
-class RawConnection {
-  public:
-    explicit RawConnection(uint64_t endpoint) {
-        mFd = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
-        sockaddr_un address;
-        socklen_t length;
-        connected =
-            android::tvbinder::socketAddress(endpointAddress(endpoint), &address, &length) &&
-            connect(mFd, reinterpret_cast<sockaddr*>(&address), length) == 0;
-    }
-    ~RawConnection() { close(mFd); }
-
-    bool connected = false;
-
-    void send(const void* bytes, size_t size, const std::vector<int>& fds = {}) {
-        iovec part{const_cast<void*>(bytes), size};
-        msghdr message{};
-        message.msg_iov = &part;
-        message.msg_iovlen = 1;
-        alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int) * 8)];
-        if (!fds.empty()) {
-            message.msg_control = control;
-            message.msg_controllen = CMSG_SPACE(sizeof(int) * fds.size());
-            cmsghdr* cmsg = CMSG_FIRSTHDR(&message);
-            cmsg->cmsg_level = SOL_SOCKET;
-            cmsg->cmsg_type = SCM_RIGHTS;
-            cmsg->cmsg_len = CMSG_LEN(sizeof(int) * fds.size());
-            memcpy(CMSG_DATA(cmsg), fds.data(), sizeof(int) * fds.size());
-        }
-        sendmsg(mFd, &message, MSG_NOSIGNAL);
-    }
-    void sendFrame(FrameHeader header, const Bytes& body = {}, const std::vector<int>& fds = {}) {
-        Bytes bytes(sizeof(header));
-        memcpy(bytes.data(), &header, sizeof(header));
-        bytes.insert(bytes.end(), body.begin(), body.end());
-        send(bytes.data(), bytes.size(), fds);
-    }
-    void hello(uint64_t endpoint) {
-        FrameHeader header = makeHeader(FrameKind::kHello);
-        header.argument = endpoint;
-        sendFrame(header);
-    }
-    // True when the peer closed the connection (within a generous bound).
-    bool closedByPeer() {
-        FrameHeader ignored;
-        return receive(&ignored) == 0;
-    }
-    // The size of the next frame (its header in *header), 0 at end, -1 on timeout.
-    ssize_t receive(FrameHeader* header) {
-        pollfd waiter{mFd, POLLIN, 0};
-        if (poll(&waiter, 1, 20000) <= 0) return -1;
-        uint8_t buffer[70000];
-        ssize_t n = recv(mFd, buffer, sizeof(buffer), 0);
-        if (n >= static_cast<ssize_t>(sizeof(FrameHeader))) memcpy(header, buffer, sizeof(*header));
-        return n;
-    }
-
-    static FrameHeader makeHeader(FrameKind kind) {
-        FrameHeader header{};
-        header.magic = kFrameMagic;
-        header.kind = static_cast<uint32_t>(kind);
-        return header;
-    }
-
-  private:
-    int mFd = -1;
-};
-
-uint64_t endpointOf(const android::sp<android::IBinder>& binder) {
-    return binder->remoteBinder()->owner()->endpoint();
-}
-
-uint64_t ownEndpoint() {
-    return Runtime::current()->endpoint();
-}
-
-FrameHeader transactionTo(const android::sp<android::IBinder>& binder, uint32_t code) {
-    FrameHeader header = RawConnection::makeHeader(FrameKind::kTransaction);
-    header.code = code;
-    header.tokenHi = binder->remoteBinder()->tokenHi();
-    header.tokenLo = binder->remoteBinder()->tokenLo();
-    return header;
-}
 
 // Data holding one object record at offset 0, then its offsets table.
 Bytes bodyWithRecord(const FlatObject& record, uint32_t offset = 0,
@@ -136,6 +62,131 @@ Bytes bodyWithRecord(const FlatObject& record, uint32_t offset = 0,
     if (offset + sizeof(record) <= dataSize) memcpy(body.data() + offset, &record, sizeof(record));
     memcpy(body.data() + dataSize, &offset, sizeof(offset));
     return body;
+}
+
+// What a legitimate caller met while the child was under attack.
+struct Calls {
+    int made = 0;
+    int failed = 0;
+    Clock::duration slowest{};
+};
+
+// Calls ECHO on `binder` for `period`.
+Calls callsDuring(const android::sp<IBinder>& binder, Clock::duration period) {
+    Calls calls;
+    for (const auto end = Clock::now() + period; Clock::now() < end; ++calls.made) {
+        const auto start = Clock::now();
+        android::status_t status = android::NO_ERROR;
+        const int32_t echoed = tvtest::callInt(binder, TestService::ECHO, calls.made, &status);
+        calls.slowest = std::max(calls.slowest, Clock::now() - start);
+        if (status != android::NO_ERROR || echoed != calls.made) ++calls.failed;
+    }
+    return calls;
+}
+
+long long millis(Clock::duration duration) {
+    return std::chrono::duration_cast<std::chrono::milliseconds>(duration).count();
+}
+
+// Waits up to `limit` for `pending`; past it, kills `child` so that the calls
+// end, and says false.
+template <typename Result>
+bool finishedWithin(std::future<Result>& pending, ServedChild& child, Clock::duration limit) {
+    if (pending.wait_for(limit) == std::future_status::ready) return true;
+    child.process().kill(SIGKILL);
+    pending.wait();
+    return false;
+}
+
+// The test's objects as any process of its user gets them: from the registry.
+android::sp<IBinder> lookUpAsAClient(const std::string& name) {
+    android::ProcessState::self()->startThreadPool();
+    return tvtest::lookup(name);
+}
+
+// Opens args[2] connections to endpoint args[0], each saying hello as endpoint args[1].
+TVTEST_CHILD_ROLE(claim_endpoint) {
+    if (args.size() < 3) return 2;
+    std::vector<std::unique_ptr<RawConnection>> claims;
+    for (int i = 0; i < std::stoi(args[2]); ++i) {
+        claims.push_back(std::make_unique<RawConnection>(std::stoull(args[0])));
+        claims.back()->hello(std::stoull(args[1]));
+    }
+    tvtest::ParentChannel::send("sent");
+    tvtest::ParentChannel::receive();
+    return 0;
+}
+
+// Connects to the socket at args[0] up to args[1] times, or until the backlog
+// is full, and keeps the connections open.
+TVTEST_CHILD_ROLE(connection_flood) {
+    if (args.size() < 2) return 2;
+    sockaddr_un address;
+    socklen_t length;
+    if (!android::tvbinder::socketAddress(args[0], &address, &length)) return 3;
+    std::vector<int> connections;
+    for (int i = 0; i < std::stoi(args[1]); ++i) {
+        int fd = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+        if (connect(fd, reinterpret_cast<sockaddr*>(&address), length) != 0) {
+            close(fd);
+            break;
+        }
+        connections.push_back(fd);
+    }
+    tvtest::ParentChannel::send(std::to_string(connections.size()));
+    tvtest::ParentChannel::receive();
+    return 0;
+}
+
+// On args[1] connections, calls BARRIER on the object named args[0] with a
+// body of the largest size: each call waits in the child while its body is held.
+TVTEST_CHILD_ROLE(large_bodies) {
+    if (args.size() < 2) return 2;
+    const android::sp<IBinder> target = lookUpAsAClient(args[0]);
+    if (target == nullptr) return 3;
+    const int32_t parties = 1000;
+    Bytes start(sizeof(parties));
+    memcpy(start.data(), &parties, sizeof(parties));
+    const int body = sealedMemfd(start, kMaxTransactionSize);
+    FrameHeader header = transactionTo(target, TestService::BARRIER);
+    header.layout = kLayoutBodyInMemfd;
+    header.dataSize = kMaxTransactionSize;
+    std::vector<std::unique_ptr<RawConnection>> calls;
+    for (int i = 0; i < std::stoi(args[1]); ++i) {
+        calls.push_back(std::make_unique<RawConnection>(endpointOf(target)));
+        calls.back()->hello(ownEndpoint());
+        calls.back()->sendFrame(header, {}, {body});
+    }
+    tvtest::ParentChannel::send("sent");
+    tvtest::ParentChannel::receive();
+    return 0;
+}
+
+// Over a link to the object named args[0], blocks it, then sends args[1]
+// SEQUENCE one-ways carrying args[2] descriptors each; says "dropped" if the
+// child then closed the link.
+TVTEST_CHILD_ROLE(descriptor_oneways) {
+    if (args.size() < 3) return 2;
+    const android::sp<IBinder> target = lookUpAsAClient(args[0]);
+    if (target == nullptr) return 3;
+    RawConnection link(endpointOf(target));
+    link.hello(ownEndpoint(), kHelloLink);
+    FrameHeader block = transactionTo(target, TestService::BLOCK);
+    block.flags = IBinder::FLAG_ONEWAY;
+    link.sendFrame(block);
+    FlatObject fdRecord{};
+    fdRecord.type = FlatObject::kTypeFd;
+    const std::vector<int> fds(std::stoul(args[2]), STDERR_FILENO);
+    FrameHeader call = transactionTo(target, TestService::SEQUENCE);
+    call.flags = IBinder::FLAG_ONEWAY;
+    Bytes body = carrying(&call, std::vector<FlatObject>(fds.size(), fdRecord), Bytes(4));
+    for (int32_t i = 0; i < std::stoi(args[1]); ++i) {
+        memcpy(body.data(), &i, sizeof(i));
+        link.sendFrame(call, body, fds);
+    }
+    tvtest::ParentChannel::send(link.endsWithin(10s) ? "dropped" : "open");
+    tvtest::ParentChannel::receive();
+    return 0;
 }
 
 class HostilePeers : public testing::Test {
@@ -259,10 +310,7 @@ TEST_F(HostilePeers, AMalformedFrameAmongOneWaysClosesTheLinkAfterThoseSentBefor
     // Sent in one go, so that the child reads them in batches.
     constexpr int32_t kCalls = 40;
     RawConnection link(endpoint);
-    FrameHeader hello = RawConnection::makeHeader(FrameKind::kHello);
-    hello.argument = ownEndpoint();
-    hello.flags = kHelloLink;
-    link.sendFrame(hello);
+    link.hello(ownEndpoint(), kHelloLink);
     for (int32_t i = 0; i < kCalls; ++i) {
         FrameHeader call = transactionTo(child.binder(), TestService::SEQUENCE);
         call.flags = IBinder::FLAG_ONEWAY;
@@ -340,15 +388,12 @@ TEST_F(HostilePeers, ObjectsThePeerWasNeverHandedAreRefused) {
     release.argument = 1000000;
     EXPECT_TRUE(hangsUpOn(release));
     RawConnection link(endpoint);
-    FrameHeader hello = RawConnection::makeHeader(FrameKind::kHello);
-    hello.argument = ownEndpoint();
-    hello.flags = kHelloLink;
-    link.sendFrame(hello);
+    link.hello(ownEndpoint(), kHelloLink);
     link.sendFrame(release);
     expectStillServing();
 }
 
-TEST_F(HostilePeers, AFloodOfIdleConnectionsIsCappedAndDoesNotStopTheService) {
+TEST_F(HostilePeers, FloodsOfConnectionsAreCappedAndDoNotStopTheService) {
     expectStillServing();  // leaves this process an idle connection from before the flood
     std::vector<std::unique_ptr<RawConnection>> idle;
     for (int i = 0; i < 300; ++i) idle.push_back(std::make_unique<RawConnection>(endpoint));
@@ -356,6 +401,150 @@ TEST_F(HostilePeers, AFloodOfIdleConnectionsIsCappedAndDoesNotStopTheService) {
     // One process gets at most 256 of them; the rest are closed at once.
     EXPECT_TRUE(idle.back()->closedByPeer());
     idle.clear();
+    expectStillServing();
+
+    // Several processes together take more than a process with few
+    // descriptors has, once with the application holding little of them and
+    // once with it holding nearly all.
+    constexpr size_t kLimit = 128;
+    for (const bool applicationHoldsMost : {false, true}) {
+        SCOPED_TRACE(applicationHoldsMost ? "few descriptors to spare" : "many to spare");
+        ServedChild limited({"--nofile=" + std::to_string(kLimit),
+                             applicationHoldsMost ? "--leave-fds=8" : "--leave-fds=100"});
+        ASSERT_TRUE(limited.ready());
+        ASSERT_EQ(1, tvtest::callInt(limited.binder(), TestService::ECHO, 1));
+        tvproc::PeakWatch peak(limited.pid());
+        std::vector<std::unique_ptr<tvtest::ChildProcess>> flooders;
+        for (int i = 0; i < 4; ++i) {
+            flooders.push_back(std::make_unique<tvtest::ChildProcess>(
+                "connection_flood",
+                std::vector<std::string>{endpointAddress(endpointOf(limited.binder())), "100"}));
+        }
+        for (auto& flooder : flooders) EXPECT_NE("", flooder->readLine());
+        std::this_thread::sleep_for(300ms);
+        const auto cpuBefore = tvproc::cpuTime(limited.pid());
+        std::this_thread::sleep_for(1s);
+        EXPECT_LT((tvproc::cpuTime(limited.pid()) - cpuBefore).count(), 300)
+            << "ms of CPU in 1 s of a flood: the listener spins";
+        RawConnection late(endpointOf(limited.binder()));
+        EXPECT_TRUE(late.closedByPeer(3s)) << "a connection beyond the limits was left waiting";
+        peak.stop();
+        if (!applicationHoldsMost) {
+            EXPECT_LT(peak.descriptors(), kLimit) << "the connections took every descriptor";
+        }
+        flooders.clear();
+
+        auto served = std::async(std::launch::async, [&] {
+            return tvtest::waitUntil(
+                [&] { return tvtest::callInt(limited.binder(), TestService::ECHO, 2) == 2; });
+        });
+        ASSERT_TRUE(finishedWithin(served, limited, 30s)) << "a call hung after the flood";
+        EXPECT_TRUE(served.get()) << "not served again once the flood ended";
+    }
+}
+
+TEST_F(HostilePeers, NamingAnUnreachableEndpointDoesNotStallTheService) {
+    FullBacklog unreachable;
+    ASSERT_TRUE(unreachable.full);
+    auto legitimate =
+        std::async(std::launch::async, [&] { return callsDuring(child.binder(), 5s); });
+
+    // Hellos claiming it, from several processes so that no per-process cap
+    // turns them away.
+    std::vector<std::unique_ptr<tvtest::ChildProcess>> claimers;
+    for (int i = 0; i < 3; ++i) {
+        claimers.push_back(std::make_unique<tvtest::ChildProcess>(
+            "claim_endpoint",
+            std::vector<std::string>{std::to_string(endpoint), std::to_string(unreachable.endpoint),
+                                     "150"}));
+    }
+    // Objects of unknown owners by the thousand, some of them owned there...
+    std::mt19937_64 random(std::random_device{}());
+    std::vector<std::unique_ptr<RawConnection>> senders;
+    for (int i = 0; i < 4; ++i) {
+        std::vector<FlatObject> records(30000);
+        for (size_t r = 0; r < records.size(); ++r) {
+            records[r].type = FlatObject::kTypeBinder;
+            records[r].endpoint = r % 1000 == 0 ? unreachable.endpoint : random();
+            records[r].tokenHi = random();
+            records[r].tokenLo = random();
+        }
+        FrameHeader header = transactionTo(child.binder(), TestService::ECHO);
+        header.layout = kLayoutBodyInMemfd;
+        const Bytes body = carrying(&header, records);
+        const int memfd = sealedMemfd(body, body.size());
+        senders.push_back(introduced());
+        senders.back()->sendFrame(header, {}, {memfd});
+        close(memfd);
+        // ...and the child's own object granted to it.
+        FrameHeader grant = RawConnection::makeHeader(FrameKind::kGrant);
+        grant.tokenHi = child.binder()->remoteBinder()->tokenHi();
+        grant.tokenLo = child.binder()->remoteBinder()->tokenLo();
+        grant.argument = unreachable.endpoint;
+        for (int g = 0; g < 5; ++g) senders.back()->sendFrame(grant);
+    }
+    for (auto& claimer : claimers) EXPECT_EQ("sent", claimer->readLine());
+
+    EXPECT_TRUE(finishedWithin(legitimate, child, 30s)) << "a call did not end";
+    const Calls calls = legitimate.get();
+    EXPECT_EQ(0, calls.failed) << "of " << calls.made << " calls";
+    EXPECT_LT(millis(calls.slowest), 1000) << "ms for the slowest of " << calls.made << " calls";
+    expectStillServing();
+}
+
+TEST_F(HostilePeers, LargeBodiesAndQueuedDescriptorsStayWithinTheSendersShare) {
+    // One-ways carrying descriptors, queued behind the object the sender blocked.
+    const android::sp<IBinder> other = tvtest::newObject(child.binder());
+    ASSERT_NE(nullptr, other);
+    const size_t descriptorsBefore = tvtest::countOpenFds(child.pid());
+    {
+        tvproc::PeakWatch peak(child.pid());
+        tvtest::ChildProcess hostile("descriptor_oneways",
+                                     std::vector<std::string>{child.name(), "60", "64"});
+        std::vector<int32_t> accepted;
+        for (int32_t i = 0; i < 200; ++i) {
+            android::Parcel data;
+            data.writeInt32(i);
+            if (other->transact(TestService::SEQUENCE, data, nullptr, IBinder::FLAG_ONEWAY) ==
+                android::NO_ERROR) {
+                accepted.push_back(i);
+            }
+        }
+        EXPECT_EQ("dropped", hostile.readLine(30s)) << "a link beyond its budget was kept";
+        EXPECT_EQ(accepted, tvtest::sequenceValues(other, static_cast<int32_t>(accepted.size())));
+        EXPECT_EQ(200u, accepted.size());
+        peak.stop();
+        EXPECT_LT(peak.descriptors(), descriptorsBefore + 400) << "descriptors at the peak";
+    }
+    ASSERT_EQ(android::NO_ERROR, tvtest::sendObject(child.binder(), TestService::UNBLOCK));
+
+    // Calls with bodies of the largest size that wait in the child. What one
+    // costs it is measured first: sanitizers multiply it.
+    size_t residentBefore = tvproc::residentKib(child.pid());
+    size_t perBody = 0;
+    {
+        tvproc::PeakWatch peak(child.pid());
+        tvtest::ChildProcess one("large_bodies", std::vector<std::string>{child.name(), "1"});
+        EXPECT_EQ("sent", one.readLine());
+        std::this_thread::sleep_for(1s);
+        peak.stop();
+        const size_t grown = std::max(peak.residentKib(), residentBefore) - residentBefore;
+        perBody = std::max<size_t>(grown, kMaxTransactionSize / 1024);
+        residentBefore = tvproc::residentKib(child.pid());
+    }
+    tvproc::PeakWatch peak(child.pid());
+    tvtest::ChildProcess hostile("large_bodies", std::vector<std::string>{child.name(), "14"});
+    EXPECT_EQ("sent", hostile.readLine());
+    auto legitimate =
+        std::async(std::launch::async, [&] { return callsDuring(child.binder(), 3s); });
+    EXPECT_TRUE(finishedWithin(legitimate, child, 30s)) << "a call did not end";
+    const Calls calls = legitimate.get();
+    EXPECT_EQ(0, calls.failed) << "of " << calls.made << " calls";
+    EXPECT_LT(millis(calls.slowest), 1000) << "ms for the slowest of " << calls.made << " calls";
+    peak.stop();
+    // The budget admits two at once.
+    EXPECT_LT(peak.residentKib(), residentBefore + 4 * perBody)
+        << "KiB resident at the peak, " << perBody << " KiB for one body";
     expectStillServing();
 }
 

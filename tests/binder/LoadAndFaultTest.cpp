@@ -33,7 +33,9 @@ using android::wp;
 using tvtest::callInt;
 using tvtest::CountingRecipient;
 using tvtest::currentTid;
+using tvtest::newObject;
 using tvtest::sendObject;
+using tvtest::sequenceValues;
 using tvtest::ServedChild;
 using tvtest::TestService;
 using tvtest::waitUntil;
@@ -57,13 +59,6 @@ status_t sendOneWay(const sp<IBinder>& target, uint32_t code, int32_t value = 0,
     return target->transact(code, data, nullptr, IBinder::FLAG_ONEWAY);
 }
 
-sp<IBinder> newObject(const sp<IBinder>& service) {
-    Parcel data;
-    Parcel reply;
-    if (service->transact(TestService::NEW_OBJECT, data, &reply) != NO_ERROR) return nullptr;
-    return reply.readStrongBinder();
-}
-
 struct SequenceReport {
     status_t status = NO_ERROR;
     int32_t count = 0;
@@ -81,19 +76,6 @@ SequenceReport reportSequence(const sp<IBinder>& target, int32_t expected) {
     report.inOrder = reply.readInt32() == 1;
     report.maxConcurrent = reply.readInt32();
     return report;
-}
-
-// The SEQUENCE values `target` ran, once it has run `expected` of them.
-std::vector<int32_t> sequenceValues(const sp<IBinder>& target, int32_t expected) {
-    Parcel data;
-    Parcel reply;
-    data.writeInt32(expected);
-    std::vector<int32_t> values;
-    if (target->transact(TestService::SEQUENCE_VALUES, data, &reply) != NO_ERROR) return values;
-    for (int32_t count = reply.readInt32(); count > 0 && reply.dataAvail() >= 4; --count) {
-        values.push_back(reply.readInt32());
-    }
-    return values;
 }
 
 // What a flood of one-ways met: which were accepted, how the others were refused.

@@ -3,8 +3,11 @@
 #include <binder/IPCThreadState.h>
 #include <binder/ProcessState.h>
 #include <errno.h>
+#include <fcntl.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <string>
@@ -33,6 +36,17 @@ status_t relay(const sp<IBinder>& target, uint32_t code, int32_t value, Parcel* 
     status_t status;
     const int32_t result = callInt(target, code, value, &status);
     return status != NO_ERROR ? status : reply->writeInt32(result);
+}
+
+// Takes descriptors, as an application would, until only `spare` are left
+// below the limit.
+void holdDescriptorsLeaving(size_t spare) {
+    rlimit limit{};
+    getrlimit(RLIMIT_NOFILE, &limit);
+    const int devNull = open("/dev/null", O_RDONLY | O_CLOEXEC);
+    while (devNull >= 0 && countOpenFds(getpid()) + spare < limit.rlim_cur &&
+           fcntl(devNull, F_DUPFD_CLOEXEC, 0) >= 0) {
+    }
 }
 
 }  // namespace
@@ -214,17 +228,31 @@ status_t TestService::barrier(int32_t parties, Parcel* reply) {
 
 int serveTestService(const std::vector<std::string>& args) {
     if (args.empty()) return 2;
+    // Before the transport starts, which sizes its limits from it.
+    for (const std::string& option : args) {
+        if (option.rfind("--nofile=", 0) == 0) {
+            const rlim_t soft = std::stoul(option.substr(9));
+            rlimit limit{};
+            getrlimit(RLIMIT_NOFILE, &limit);
+            limit.rlim_cur = std::min(soft, limit.rlim_max);
+            setrlimit(RLIMIT_NOFILE, &limit);
+        }
+    }
     sp<android::ProcessState> process = android::ProcessState::self();
+    size_t leaveFds = 0;
     for (const std::string& option : args) {
         if (option.rfind("--max-threads=", 0) == 0) {
             process->setThreadPoolMaxThreadCount(std::stoul(option.substr(14)));
         } else if (option.rfind("--name=", 0) == 0) {
             process->setProcessName(option.substr(7).c_str());
+        } else if (option.rfind("--leave-fds=", 0) == 0) {
+            leaveFds = std::stoul(option.substr(12));
         }
     }
     process->startThreadPool();
     sp<TestService> service = new TestService();
     publish(args[0], service);
+    if (leaveFds > 0) holdDescriptorsLeaving(leaveFds);
     ParentChannel::send("ready");
     // "" means the test went away.
     for (;;) {

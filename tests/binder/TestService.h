@@ -72,7 +72,8 @@ class TestService : public android::BBinder {
 
 // Serves a TestService under the name given as first argument, tells the
 // test "ready", then waits for "quit". Options: --max-threads=N, --name=NAME
-// (process name).
+// (process name), --nofile=N (soft RLIMIT_NOFILE), --leave-fds=N (holds
+// descriptors until only N are left below that limit).
 int serveTestService(const std::vector<std::string>& args);
 
 }  // namespace tvtest

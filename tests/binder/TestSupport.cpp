@@ -149,4 +149,23 @@ int32_t heldCall(const sp<IBinder>& service, uint32_t code, int32_t argument, st
     return reply.readInt32();
 }
 
+sp<IBinder> newObject(const sp<IBinder>& service) {
+    Parcel data;
+    Parcel reply;
+    if (service->transact(TestService::NEW_OBJECT, data, &reply) != NO_ERROR) return nullptr;
+    return reply.readStrongBinder();
+}
+
+std::vector<int32_t> sequenceValues(const sp<IBinder>& target, int32_t expected) {
+    Parcel data;
+    Parcel reply;
+    data.writeInt32(expected);
+    std::vector<int32_t> values;
+    if (target->transact(TestService::SEQUENCE_VALUES, data, &reply) != NO_ERROR) return values;
+    for (int32_t count = reply.readInt32(); count > 0 && reply.dataAvail() >= 4; --count) {
+        values.push_back(reply.readInt32());
+    }
+    return values;
+}
+
 }  // namespace tvtest

@@ -8,6 +8,7 @@
 #include <chrono>
 #include <functional>
 #include <string>
+#include <vector>
 
 #include "ProcSupport.h"
 
@@ -78,5 +79,10 @@ android::status_t sendObject(const android::sp<android::IBinder>& service, uint3
 // the first int32 of that reply, status in *status.
 int32_t heldCall(const android::sp<android::IBinder>& service, uint32_t code, int32_t argument,
                  android::status_t* status = nullptr);
+
+// A new object of the TestService `service`.
+android::sp<android::IBinder> newObject(const android::sp<android::IBinder>& service);
+// The SEQUENCE values `target` ran, once it has run `expected` of them.
+std::vector<int32_t> sequenceValues(const android::sp<android::IBinder>& target, int32_t expected);
 
 }  // namespace tvtest

@@ -8,6 +8,9 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <fstream>
+#include <limits>
+#include <sstream>
 #include <thread>
 
 namespace tvproc {
@@ -120,6 +123,53 @@ size_t countEntries(const std::string& directory) {
     }
     closedir(dir);
     return count;
+}
+
+std::chrono::milliseconds cpuTime(pid_t pid) {
+    std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
+    std::string line;
+    std::getline(stat, line);
+    // The name in parentheses may hold spaces; the fields after it do not.
+    const size_t nameEnd = line.rfind(')');
+    if (nameEnd == std::string::npos) return std::chrono::milliseconds(0);
+    std::istringstream fields(line.substr(nameEnd + 1));
+    std::string field;
+    unsigned long long ticks = 0;
+    // utime and stime are the 12th and 13th fields after the name.
+    for (int i = 1; i <= 13 && fields >> field; ++i) {
+        if (i >= 12) ticks += std::stoull(field);
+    }
+    return std::chrono::milliseconds(ticks * 1000 /
+                                     static_cast<unsigned long long>(sysconf(_SC_CLK_TCK)));
+}
+
+size_t residentKib(pid_t pid) {
+    std::ifstream status("/proc/" + std::to_string(pid) + "/status");
+    std::string key;
+    while (status >> key) {
+        if (key == "VmRSS:") {
+            size_t kib = 0;
+            status >> kib;
+            return kib;
+        }
+        status.ignore(std::numeric_limits<std::streamsize>::max(), '\n');
+    }
+    return 0;
+}
+
+PeakWatch::PeakWatch(pid_t pid)
+    : mSampler([this, pid] {
+          while (!mStopped) {
+              mDescriptors = std::max<size_t>(mDescriptors,
+                                              countEntries("/proc/" + std::to_string(pid) + "/fd"));
+              mResidentKib = std::max(mResidentKib.load(), tvproc::residentKib(pid));
+              std::this_thread::sleep_for(std::chrono::milliseconds(20));
+          }
+      }) {}
+
+void PeakWatch::stop() {
+    mStopped = true;
+    if (mSampler.joinable()) mSampler.join();
 }
 
 }  // namespace tvproc

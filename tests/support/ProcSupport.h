@@ -3,9 +3,11 @@
 #include <stddef.h>
 #include <sys/types.h>
 
+#include <atomic>
 #include <chrono>
 #include <functional>
 #include <string>
+#include <thread>
 
 // Process and descriptor helpers shared by the tests and the benchmark: every
 // wait is bounded, and a child that overstays is killed and reaped.
@@ -32,5 +34,30 @@ std::string besideThisProgram(const std::string& name);
 
 // Entries of a directory such as /proc/<pid>/fd, without "." and "..".
 size_t countEntries(const std::string& directory);
+
+// What `pid` has used: CPU time of all its threads, and its resident memory
+// in KiB (0 once it is gone).
+std::chrono::milliseconds cpuTime(pid_t pid);
+size_t residentKib(pid_t pid);
+
+// Samples a process's open descriptors and resident memory from another
+// thread, keeping the highest of each, until stopped.
+class PeakWatch {
+  public:
+    explicit PeakWatch(pid_t pid);
+    ~PeakWatch() { stop(); }
+    PeakWatch(const PeakWatch&) = delete;
+    PeakWatch& operator=(const PeakWatch&) = delete;
+
+    void stop();
+    size_t descriptors() const { return mDescriptors; }
+    size_t residentKib() const { return mResidentKib; }
+
+  private:
+    std::atomic<bool> mStopped{false};
+    std::atomic<size_t> mDescriptors{0};
+    std::atomic<size_t> mResidentKib{0};
+    std::thread mSampler;
+};
 
 }  // namespace tvproc
