@@ -7,6 +7,7 @@
 #include <log/log.h>
 #include <poll.h>
 #include <stdlib.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <vector>
@@ -187,28 +188,59 @@ void Runtime::onEvent(EventSource* source, uint32_t events) {
     }
 }
 
+namespace {
+
+// The connections one pass of accepting refused: logged once, so that a
+// flood of connections is not a flood of log lines too.
+struct Refusals {
+    size_t otherUser = 0;
+    size_t overShare = 0;
+    size_t noDescriptor = 0;
+    pid_t lastPid = 0;
+
+    void log() const {
+        if (otherUser > 0) {
+            ALOGW("refused %zu connections of other users (the last from pid %d)", otherUser,
+                  lastPid);
+        }
+        if (overShare > 0) {
+            ALOGW("too many connections: refused %zu (the last from pid %d)", overShare, lastPid);
+        }
+        if (noDescriptor > 0) ALOGW("out of descriptors: refused %zu connections", noDescriptor);
+    }
+};
+
+}  // namespace
+
 void Runtime::acceptAll(Listener& listener) {
+    Refusals refused;
     for (;;) {
         int fd = listener.acceptOne();
         if (fd < 0) {
             if (errno != EMFILE && errno != ENFILE) break;
-            if (refuseWaitingConnection(listener)) continue;
+            const SpareOutcome outcome = refuseWaitingConnection(listener);
+            if (outcome == SpareOutcome::kRefusedOne) {
+                ++refused.noDescriptor;
+                continue;
+            }
+            if (outcome == SpareOutcome::kNoneWaiting) break;
             // Re-armed now, it would wake again at once: it waits for a
             // connection to close instead.
+            refused.log();
             std::lock_guard<std::mutex> guard(mLock);
             mPausedListeners.push_back(&listener);
             return;
         }
         sp<Connection> connection = Connection::adoptAccepted(fd);
         connection->answersHello = listener.answersHello();
+        refused.lastPid = connection->peerPid();
         if (!connection->peerIsTrustedUser()) {
-            ALOGW("refused a connection from pid %d of another user (uid %u)",
-                  connection->peerPid(), connection->peerUid());
+            ++refused.otherUser;
             continue;
         }
         sp<PeerAccount> account = mAccounts.admitConnection(connection->peerPid());
         if (account == nullptr) {
-            ALOGW("too many connections; refusing one from pid %d", connection->peerPid());
+            ++refused.overShare;
             continue;
         }
         connection->setAccount(account);
@@ -218,10 +250,11 @@ void Runtime::acceptAll(Listener& listener) {
         }
         mPool.add(connection.get(), connection->fd());
     }
+    refused.log();
     mPool.rearm(&listener, listener.fd());
 }
 
-bool Runtime::refuseWaitingConnection(Listener& listener) {
+Runtime::SpareOutcome Runtime::refuseWaitingConnection(Listener& listener) {
     ScopedFd spare;
     {
         std::lock_guard<std::mutex> guard(mLock);
@@ -229,17 +262,14 @@ bool Runtime::refuseWaitingConnection(Listener& listener) {
     }
     // A descriptor may have been freed since the spare was last given up.
     if (!spare.valid()) spare = ScopedFd(open("/dev/null", O_RDONLY | O_CLOEXEC));
-    if (!spare.valid()) return false;
+    if (!spare.valid()) return SpareOutcome::kNoDescriptor;
     spare.reset();
     int fd = listener.acceptOne();
-    if (fd >= 0) {
-        ALOGW("out of descriptors: refused a connection");
-        ::close(fd);
-    }
+    if (fd >= 0) ::close(fd);
     spare = ScopedFd(open("/dev/null", O_RDONLY | O_CLOEXEC));
     std::lock_guard<std::mutex> guard(mLock);
     mSpareFd = std::move(spare);
-    return fd >= 0 && mSpareFd.valid();
+    return fd >= 0 ? SpareOutcome::kRefusedOne : SpareOutcome::kNoneWaiting;
 }
 
 void Runtime::rearm(const sp<Connection>& connection) {
@@ -260,6 +290,8 @@ void Runtime::drop(const sp<Connection>& connection) {
         if (mAccepted.erase(connection.get()) == 0) return;
         paused.swap(mPausedListeners);
     }
+    // One-ways queued from it may keep it a while: the peer learns now.
+    shutdown(connection->fd(), SHUT_RDWR);
     if (connection->isLink) connection->account()->returnLink();
     mAccounts.closeConnection(*connection->account());
     // Its descriptor closes with the last reference, which may be later:

@@ -86,8 +86,9 @@ class Runtime {
     status_t init();
     void acceptAll(Listener& listener);
     // Out of descriptors: the spare one makes room to accept the waiting
-    // connection and close it at once. False when that is not possible.
-    bool refuseWaitingConnection(Listener& listener);
+    // connection, if one still waits, and close it at once.
+    enum class SpareOutcome { kRefusedOne, kNoneWaiting, kNoDescriptor };
+    SpareOutcome refuseWaitingConnection(Listener& listener);
     void onPeerExited(Peer* peer);
     void forgetDeadPeer(const sp<Peer>& peer);
     sp<BpBinder> connectToContextManager();
