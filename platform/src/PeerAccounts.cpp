@@ -73,17 +73,38 @@ void PeerAccounts::init() {
     mMaxPerProcess = std::min(mMaxConnections, std::max(kMinPerProcess, mMaxConnections / 16));
 }
 
-sp<PeerAccount> PeerAccounts::admitConnection(pid_t pid) {
+PeerAccounts::Admission PeerAccounts::admitConnection(pid_t pid) {
     std::lock_guard<std::mutex> guard(mLock);
     sp<PeerAccount>& account = mAccounts[pid];
     if (account == nullptr) account = new PeerAccount(pid);
-    if (mConnections >= mMaxConnections || account->mConnections >= mMaxPerProcess) {
+    Admission admission;
+    if (account->mConnections < mMaxPerProcess) {
+        if (mConnections < mMaxConnections) {
+            admission.account = account;
+        } else if (PeerAccount* largest = largestLocked();
+                   largest->mConnections > account->mConnections + 1) {
+            // Processes that flood take turns with newcomers, never all.
+            admission.account = account;
+            admission.evictFrom = largest;
+        }
+    }
+    if (admission.account == nullptr) {
         if (account->mConnections == 0) mAccounts.erase(pid);
-        return nullptr;
+        return admission;
     }
     ++account->mConnections;
     ++mConnections;
-    return account;
+    return admission;
+}
+
+PeerAccount* PeerAccounts::largestLocked() const {
+    PeerAccount* largest = nullptr;
+    for (const auto& [pid, account] : mAccounts) {
+        if (largest == nullptr || account->mConnections > largest->mConnections) {
+            largest = account.get();
+        }
+    }
+    return largest;
 }
 
 void PeerAccounts::closeConnection(PeerAccount& account) {

@@ -68,16 +68,21 @@ class PeerAccounts {
 
     // Reads the descriptor limit.
     void init();
-    // The account for one more connection from `pid`, or null when the
-    // process or the whole process table is at its cap.
-    sp<PeerAccount> admitConnection(pid_t pid);
+    struct Admission {
+        sp<PeerAccount> account;  // null: refused
+        // Set when all connections are taken: the process holding the most,
+        // more than the newcomer would, gives one up for it.
+        sp<PeerAccount> evictFrom;
+    };
+    // One more connection from `pid`: refused beyond the process's share,
+    // and, when all are taken, unless another process holds more.
+    Admission admitConnection(pid_t pid);
     // One connection of the account's process is gone.
     void closeConnection(PeerAccount& account);
 
-    size_t maxConnections() const { return mMaxConnections; }
-    size_t maxConnectionsPerProcess() const { return mMaxPerProcess; }
-
   private:
+    PeerAccount* largestLocked() const;
+
     size_t mMaxConnections = 0;
     size_t mMaxPerProcess = 0;
     std::mutex mLock;  // guards everything below

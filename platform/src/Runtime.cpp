@@ -238,14 +238,15 @@ void Runtime::acceptAll(Listener& listener) {
             ++refused.otherUser;
             continue;
         }
-        sp<PeerAccount> account = mAccounts.admitConnection(connection->peerPid());
-        if (account == nullptr) {
+        PeerAccounts::Admission admission = mAccounts.admitConnection(connection->peerPid());
+        if (admission.account == nullptr) {
             ++refused.overShare;
             continue;
         }
-        connection->setAccount(account);
+        connection->setAccount(admission.account);
         {
             std::lock_guard<std::mutex> guard(mLock);
+            if (admission.evictFrom != nullptr) evictOneLocked(*admission.evictFrom);
             mAccepted.emplace(connection.get(), connection);
         }
         mPool.add(connection.get(), connection->fd());
@@ -270,6 +271,17 @@ Runtime::SpareOutcome Runtime::refuseWaitingConnection(Listener& listener) {
     std::lock_guard<std::mutex> guard(mLock);
     mSpareFd = std::move(spare);
     return fd >= 0 ? SpareOutcome::kRefusedOne : SpareOutcome::kNoneWaiting;
+}
+
+void Runtime::evictOneLocked(const PeerAccount& account) {
+    for (const auto& [raw, connection] : mAccepted) {
+        if (connection->account().get() != &account || connection->broken()) continue;
+        // The thread that holds or next takes it drops it; counts follow.
+        connection->markBroken();
+        shutdown(connection->fd(), SHUT_RDWR);
+        ALOGW("all connections taken: closed one of pid %d for a newcomer", account.pid());
+        return;
+    }
 }
 
 void Runtime::rearm(const sp<Connection>& connection) {

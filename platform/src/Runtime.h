@@ -89,6 +89,8 @@ class Runtime {
     // connection, if one still waits, and close it at once.
     enum class SpareOutcome { kRefusedOne, kNoneWaiting, kNoDescriptor };
     SpareOutcome refuseWaitingConnection(Listener& listener);
+    // Closes one connection of `account`'s process to make room.
+    void evictOneLocked(const PeerAccount& account);
     void onPeerExited(Peer* peer);
     void forgetDeadPeer(const sp<Peer>& peer);
     sp<BpBinder> connectToContextManager();
