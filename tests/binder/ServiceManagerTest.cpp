@@ -43,6 +43,36 @@ namespace {
 constexpr char kContextVariable[] = "TAVRIN_BINDER_CONTEXT";
 constexpr char kDaemonVariable[] = "TAVRIN_SERVICEMANAGER";
 
+// Sets (or, with null, removes) a variable for one test's children and puts
+// the old value back: the children of later tests must meet the test registry.
+class ScopedVariable {
+  public:
+    ScopedVariable(const char* name, const char* value) : mName(name) {
+        const char* old = getenv(name);
+        if (old != nullptr) mOld = old;
+        mHad = old != nullptr;
+        if (value != nullptr) {
+            setenv(name, value, 1);
+        } else {
+            unsetenv(name);
+        }
+    }
+    ~ScopedVariable() {
+        if (mHad) {
+            setenv(mName, mOld.c_str(), 1);
+        } else {
+            unsetenv(mName);
+        }
+    }
+    ScopedVariable(const ScopedVariable&) = delete;
+    ScopedVariable& operator=(const ScopedVariable&) = delete;
+
+  private:
+    const char* mName;
+    std::string mOld;
+    bool mHad = false;
+};
+
 std::string daemonPath() {
     return tvproc::besideThisProgram("tavrin-servicemanager");
 }
@@ -184,18 +214,18 @@ class ServiceManagerTest : public testing::Test {
   protected:
     void SetUp() override {
         mContext = tvtest::uniqueName("smtest");
-        setenv(kContextVariable, mContext.c_str(), 1);
+        mContextVariable = std::make_unique<ScopedVariable>(kContextVariable, mContext.c_str());
         // Children must use this test's daemon, never start one of their own.
-        setenv(kDaemonVariable, "/nonexistent/tavrin-servicemanager", 1);
+        mDaemonVariable =
+            std::make_unique<ScopedVariable>(kDaemonVariable, "/nonexistent/tavrin-servicemanager");
         mDaemon = std::make_unique<ForegroundDaemon>(mContext);
         ASSERT_TRUE(mDaemon->serving());
     }
-    void TearDown() override {
-        mDaemon.reset();
-        unsetenv(kDaemonVariable);
-    }
+    void TearDown() override { mDaemon.reset(); }
 
     std::string mContext;
+    std::unique_ptr<ScopedVariable> mContextVariable;
+    std::unique_ptr<ScopedVariable> mDaemonVariable;
     std::unique_ptr<ForegroundDaemon> mDaemon;
 };
 
@@ -587,8 +617,8 @@ pid_t managerPidIn(const std::string& registrations) {
 
 TEST(ServiceManagerAutostartTest, StartsOneDaemonForRacingNewcomers) {
     const std::string context = tvtest::uniqueName("smauto");
-    setenv(kContextVariable, context.c_str(), 1);
-    unsetenv(kDaemonVariable);  // found beside the binder library
+    const ScopedVariable contextVariable(kContextVariable, context.c_str());
+    const ScopedVariable daemonVariable(kDaemonVariable, nullptr);  // found beside the library
     ASSERT_EQ(1, runListTool(context)) << "--list must not start a daemon";
 
     AdoptedDaemons daemons;
