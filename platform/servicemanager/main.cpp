@@ -20,6 +20,7 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -152,9 +153,20 @@ void tellLauncher(int* readiness, char word) {
     *readiness = -1;
 }
 
+// Every registrant costs the daemon a pidfd, and every process it talks to a
+// link and a pidfd: it takes all the descriptors it is allowed, before the
+// transport sizes its caps from the limit.
+void raiseDescriptorLimit() {
+    rlimit limit{};
+    if (getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur >= limit.rlim_max) return;
+    limit.rlim_cur = limit.rlim_max;
+    if (setrlimit(RLIMIT_NOFILE, &limit) != 0) ALOGW("cannot raise the descriptor limit");
+}
+
 int serve(const Options& options) {
     int readiness = options.foreground ? -1 : daemonise();
     signal(SIGPIPE, SIG_IGN);
+    raiseDescriptorLimit();
     sp<android::ProcessState> process = android::ProcessState::self();
     process->setProcessName("servicemanager");
     // Set before claiming the context, so that no client finds it without an object.

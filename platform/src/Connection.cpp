@@ -128,7 +128,16 @@ Connection::Connection(int fd) : EventSource(Type::kConnection), mFd(fd) {
     }
 }
 
-Connection::~Connection() = default;
+Connection::~Connection() {
+    // Counted until here: a dropped link lives on while its one-ways wait.
+    if (mAccount != nullptr) mAccount->connectionGone(mHoldsLinkShare.load());
+}
+
+bool Connection::takeLinkShare() {
+    if (!mAccount->takeLink()) return false;
+    mHoldsLinkShare.store(true);
+    return true;
+}
 
 bool Connection::peerIsTrustedUser() const {
     return mPeerUid == geteuid() || mPeerUid == 0;
@@ -336,8 +345,10 @@ status_t Connection::readMemfdBody(int memfd, Frame* out) {
     const size_t bodySize = frameBodySize(header);
     int seals = fcntl(memfd, F_GET_SEALS);
     const int required = F_SEAL_SHRINK | F_SEAL_WRITE;
-    if (fstat(memfd, &status) != 0 || !S_ISREG(status.st_mode) ||
-        size_t(status.st_size) != bodySize || seals < 0 || (seals & required) != required) {
+    // Seals first: only a memfd has them, and any other file (one on a
+    // peer's FUSE mount, say) could stall fstat().
+    if (seals < 0 || (seals & required) != required || fstat(memfd, &status) != 0 ||
+        !S_ISREG(status.st_mode) || size_t(status.st_size) != bodySize) {
         return BAD_VALUE;
     }
     out->data = static_cast<uint8_t*>(malloc(header.dataSize > 0 ? header.dataSize : 1));

@@ -53,6 +53,9 @@ class Connection : public RefBase, public EventSource {
     // bodies are charged to before they are read; null on outgoing ones.
     const sp<PeerAccount>& account() const { return mAccount; }
     void setAccount(const sp<PeerAccount>& account) { mAccount = account; }
+    // Makes it one of its process's links, within the process's share.
+    bool takeLinkShare();
+    bool holdsLinkShare() const { return mHoldsLinkShare.load(); }
 
     // Sends one frame, waiting up to `waitMs` for socket space: WOULD_BLOCK
     // when the receiver does not drain it. DEAD_OBJECT when the peer closed
@@ -112,6 +115,7 @@ class Connection : public RefBase, public EventSource {
     uid_t mPeerUid = 0;
     sp<Peer> mPeer;
     sp<PeerAccount> mAccount;
+    std::atomic<bool> mHoldsLinkShare{false};
     std::atomic<bool> mBroken{false};
     std::atomic<uint32_t> mHandoff{0};
 };

@@ -238,11 +238,29 @@ void Dispatcher::sendRelease(const sp<Peer>& owner, const Token& token, uint32_t
 
 // ---- Receiving ----
 
+namespace {
+
+// A synchronous call on an introduced connection, by its header alone.
+bool isCall(const Connection& connection, const Frame& frame) {
+    return connection.helloDone && frame.header.magic == kFrameMagic &&
+           frame.kind() == FrameKind::kTransaction &&
+           (frame.header.flags & IBinder::FLAG_ONEWAY) == 0;
+}
+
+}  // namespace
+
 void Dispatcher::onReadable(const sp<Connection>& connection) {
     for (;;) {
         Frame frame;
         status_t status = connection->receive(&frame, false);
         if (status == WOULD_BLOCK) {
+            mRuntime.rearm(connection);
+            return;
+        }
+        if (status == NO_MEMORY && isCall(*connection, frame)) {
+            // Beyond the sender's share for now: that call fails, not the connection.
+            Parcel none;
+            sendReply(*connection, NO_MEMORY, &none);
             mRuntime.rearm(connection);
             return;
         }
@@ -299,7 +317,7 @@ status_t Dispatcher::handleHello(Connection& connection, const Frame& frame) {
     connection.setPeer(peer);
     connection.helloDone = true;
     if ((frame.header.flags & kHelloLink) != 0) {
-        if (!connection.account()->takeLink()) {
+        if (!connection.takeLinkShare()) {
             ALOGW("pid %d opened more links than it has endpoints", connection.peerPid());
             return PERMISSION_DENIED;
         }
@@ -393,22 +411,33 @@ constexpr size_t kMaxNewEndpointsPerFrame = 64;
 
 }  // namespace
 
-bool Dispatcher::mayResolve(uint64_t endpoint, const Connection& from,
-                            std::vector<uint64_t>* newEndpoints) {
-    if (endpoint == mRuntime.endpoint() || endpoint == from.peer()->endpoint() ||
-        std::find(newEndpoints->begin(), newEndpoints->end(), endpoint) != newEndpoints->end() ||
-        mRuntime.peers().find(endpoint) != nullptr) {
-        return true;
+bool Dispatcher::namesFewNewProcesses(const Frame& frame, const Connection& from) {
+    std::vector<uint64_t> newEndpoints;
+    for (uint32_t offset : frame.offsets) {
+        FlatObject record;
+        memcpy(&record, frame.data + offset, sizeof(record));
+        const uint64_t endpoint = record.endpoint;
+        if (record.type != FlatObject::kTypeBinder || endpoint == mRuntime.endpoint() ||
+            endpoint == from.peer()->endpoint() ||
+            std::find(newEndpoints.begin(), newEndpoints.end(), endpoint) != newEndpoints.end() ||
+            mRuntime.peers().find(endpoint) != nullptr) {
+            continue;
+        }
+        if (newEndpoints.size() == kMaxNewEndpointsPerFrame) return false;
+        newEndpoints.push_back(endpoint);
     }
-    if (newEndpoints->size() >= kMaxNewEndpointsPerFrame) return false;
-    newEndpoints->push_back(endpoint);
     return true;
 }
 
 status_t Dispatcher::decodeParcel(Frame& frame, const Connection& from, Parcel* out) {
+    // Refused before anything is resolved. The references that third
+    // processes granted for it stay counted there until this process ends.
+    if (!namesFewNewProcesses(frame, from)) {
+        ALOGW("pid %d named too many processes in one transaction", from.peerPid());
+        return FAILED_TRANSACTION;
+    }
     std::vector<Parcel::Object> objects;
     objects.reserve(frame.offsets.size());
-    std::vector<uint64_t> newEndpoints;
     size_t nextFd = 0;
     status_t status = NO_ERROR;
     // Every record is resolved, even after a bad one, so that each granted
@@ -420,9 +449,6 @@ status_t Dispatcher::decodeParcel(Frame& frame, const Connection& from, Parcel* 
         object.offset = offset;
         if (record.type == FlatObject::kTypeFd) {
             object.fd = frame.fds[nextFd++];
-        } else if (!mayResolve(record.endpoint, from, &newEndpoints)) {
-            if (status == NO_ERROR) ALOGW("pid %d named too many processes", from.peerPid());
-            status = BAD_VALUE;
         } else {
             object.binder =
                 resolveBinder(record.endpoint, Token{record.tokenHi, record.tokenLo}, from);

@@ -38,6 +38,8 @@ class Dispatcher {
     // Pool thread: the accepted connection has a frame (or was closed).
     void onReadable(const sp<Connection>& connection);
     // Builds the received Parcel: descriptors and resolved objects.
+    // FAILED_TRANSACTION when it names too many unknown processes, BAD_VALUE
+    // when it names objects the sender does not hold.
     status_t decodeParcel(Frame& frame, const Connection& from, Parcel* out);
     // Runs a received transaction on `target` as the connection's peer, as
     // part of `chain` (synchronous ones).
@@ -76,9 +78,9 @@ class Dispatcher {
     status_t handleHello(Connection& connection, const Frame& frame);
 
     sp<IBinder> resolveBinder(uint64_t endpoint, const Token& token, const Connection& from);
-    // False for an endpoint this process does not know, once the frame has
-    // named as many new ones as it may.
-    bool mayResolve(uint64_t endpoint, const Connection& from, std::vector<uint64_t>* newEndpoints);
+    // False when the frame names more processes this one does not know than
+    // one frame may.
+    bool namesFewNewProcesses(const Frame& frame, const Connection& from);
 
     Runtime& mRuntime;
 };

@@ -107,9 +107,13 @@ bool LinkReader::admitOneWay(Connection& link, Frame& frame) {
     link.oneWayReceived.store(received + cost, std::memory_order_relaxed);
     auto call = std::make_unique<PendingOneWay>();
     call->cost = cost;
-    if (mRuntime.dispatcher().decodeParcel(frame, link, &call->data) != NO_ERROR) {
-        ALOGW("malformed one-way from pid %d", link.peerPid());
+    call->charge = std::move(frame.charge);
+    const status_t decoded = mRuntime.dispatcher().decodeParcel(frame, link, &call->data);
+    if (decoded != NO_ERROR) {
         mRuntime.oneWays().consumed(link, cost);
+        // Refused, not malformed: the link goes on.
+        if (decoded == FAILED_TRANSACTION) return true;
+        ALOGW("malformed one-way from pid %d", link.peerPid());
         return false;
     }
     call->target = mRuntime.exports().lookup(frame.token(), link.peer()->endpoint());

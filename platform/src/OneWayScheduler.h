@@ -26,6 +26,7 @@ struct PendingOneWay {
     uint32_t flags = 0;
     Parcel data;
     uint64_t cost = 0;  // what it counts against its link's budget
+    BodyCharge charge;  // a large body stays charged to its sender until it ran
 };
 
 // Runs received one-ways: those of one object one at a time, in the order

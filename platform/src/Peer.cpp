@@ -30,6 +30,10 @@ constexpr int kOneWayWaitMs = 5;
 constexpr uint64_t kReadAcksAbove = kOneWayBudget / 2;
 // Frames read from the link per acknowledgement pass.
 constexpr size_t kAckBatch = 16;
+// A peer whose listener has no room for a link is tried again this much
+// later, then twice as late, a few times, before its releases are dropped.
+constexpr int kFirstReleaseRetryMs = 5;
+constexpr int kMaxReleaseRetries = 8;
 // Objects whose releases may wait for a peer that does not read its link;
 // releases of further objects are dropped (the peer keeps them alive).
 constexpr size_t kMaxPendingReleases = 65536;
@@ -77,9 +81,8 @@ status_t Peer::attach(pid_t pid) {
     std::unique_lock<std::mutex> guard(mLock);
     if (mPid != 0) return mPid == pid ? NO_ERROR : PERMISSION_DENIED;
     if (!mRuntime.peers().admitEndpointOf(pid)) {
-        ALOGW("pid %d serves too many endpoints: endpoint %016llx refused", pid,
-              (unsigned long long)mEndpoint);
-        return PERMISSION_DENIED;
+        ALOGW("no room to watch endpoint %016llx of pid %d", (unsigned long long)mEndpoint, pid);
+        return NO_MEMORY;
     }
     int fd = static_cast<int>(syscall(SYS_pidfd_open, pid, 0));
     if (fd < 0) {
@@ -128,6 +131,12 @@ sp<Connection> Peer::connect(bool link, status_t* status) {
         return nullptr;
     }
     *status = attach(connection->peerPid());
+    if (*status == NO_MEMORY) {
+        // Refused for good: forgotten, so that nothing waits for it.
+        mRuntime.peerLost(this);
+        *status = DEAD_OBJECT;
+        return nullptr;
+    }
     if (*status != NO_ERROR) {
         ALOGW("endpoint %016llx is served by pid %d, expected %d", (unsigned long long)mEndpoint,
               connection->peerPid(), pid());
@@ -351,7 +360,38 @@ void Peer::flushReleases() {
     }
     status_t status;
     sp<Connection> link = obtainLink(&status);
-    if (link != nullptr && !trySendReleases(*link)) rearmLink(link);
+    if (link == nullptr) {
+        retryReleasesLater();
+        return;
+    }
+    {
+        std::lock_guard<std::mutex> guard(mLock);
+        mReleaseRetries = 0;
+    }
+    if (!trySendReleases(*link)) rearmLink(link);
+}
+
+void Peer::retryReleasesLater() {
+    if (isDead() || !mRuntime.pool().started()) return;
+    int delayMs;
+    {
+        std::lock_guard<std::mutex> guard(mLock);
+        if (mPendingReleases.empty() || mFlushPosted) return;
+        if (mReleaseRetries == kMaxReleaseRetries) {
+            ALOGW("pid %d does not accept connections: %zu releases dropped", mPid,
+                  mPendingReleases.size());
+            mPendingReleases.clear();
+            mReleaseRetries = 0;
+            return;
+        }
+        delayMs = kFirstReleaseRetryMs << mReleaseRetries++;
+        mFlushPosted = true;
+    }
+    sp<Peer> self(this);
+    mRuntime.pool().post(new WorkTask([self, delayMs] {
+        usleep(static_cast<useconds_t>(delayMs) * 1000);
+        self->flushReleases();
+    }));
 }
 
 bool Peer::trySendReleases(Connection& link) {

@@ -98,6 +98,8 @@ class Peer : public RefBase, public EventSource {
     // Sends waiting releases without blocking; false when some still wait.
     bool trySendReleases(Connection& link);
     void rearmLink(const sp<Connection>& link);
+    // The link could not be made: flushReleases() again a little later.
+    void retryReleasesLater();
 
     Runtime& mRuntime;
     const uint64_t mEndpoint;
@@ -114,6 +116,7 @@ class Peer : public RefBase, public EventSource {
     std::unordered_map<Token, uint64_t, TokenHash> mPendingReleases;
     bool mFlushPosted = false;
     bool mReleasesDropped = false;
+    int mReleaseRetries = 0;
 };
 
 }  // namespace tvbinder

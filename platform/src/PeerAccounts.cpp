@@ -22,7 +22,9 @@ constexpr size_t kMaxConnectionsCeiling = 4096;
 constexpr size_t kMinReserve = 32;
 // The least share of one process: a client calls from as many threads at
 // once as it has connections here.
-constexpr size_t kMinPerProcess = 64;
+constexpr size_t kMinPerProcess = 128;
+// Processes watched at once, however low the limit.
+constexpr size_t kMinWatched = 64;
 
 }  // namespace
 
@@ -46,8 +48,9 @@ bool PeerAccount::takeLink() {
     return true;
 }
 
-void PeerAccount::returnLink() {
-    mLinks.fetch_sub(1);
+void PeerAccount::connectionGone(bool wasLink) {
+    if (wasLink) mLinks.fetch_sub(1);
+    mAccounts.closeConnection(*this);
 }
 
 BodyCharge& BodyCharge::operator=(BodyCharge&& other) noexcept {
@@ -71,12 +74,13 @@ void PeerAccounts::init() {
     const size_t usable = descriptors > reserve ? descriptors - reserve : 0;
     mMaxConnections = std::min(kMaxConnectionsCeiling, usable / 2);
     mMaxPerProcess = std::min(mMaxConnections, std::max(kMinPerProcess, mMaxConnections / 16));
+    mMaxWatched = std::max(kMinWatched, usable / 2);
 }
 
 PeerAccounts::Admission PeerAccounts::admitConnection(pid_t pid) {
     std::lock_guard<std::mutex> guard(mLock);
     sp<PeerAccount>& account = mAccounts[pid];
-    if (account == nullptr) account = new PeerAccount(pid);
+    if (account == nullptr) account = new PeerAccount(*this, pid);
     Admission admission;
     if (account->mConnections < mMaxPerProcess) {
         if (mConnections < mMaxConnections) {

@@ -32,12 +32,15 @@ class PeerAccount : public RefBase {
     // its share (a process has one link per endpoint it serves; an exec'd
     // one briefly two).
     bool takeLink();
-    void returnLink();
+    // An accepted connection of the process is gone (destroyed: one-ways
+    // queued from a link keep it, and its share, until they ran).
+    void connectionGone(bool wasLink);
 
   private:
     friend class PeerAccounts;
-    explicit PeerAccount(pid_t pid) : mPid(pid) {}
+    PeerAccount(PeerAccounts& accounts, pid_t pid) : mAccounts(accounts), mPid(pid) {}
 
+    PeerAccounts& mAccounts;
     const pid_t mPid;
     std::atomic<uint64_t> mBodyBytes{0};
     std::atomic<uint32_t> mLinks{0};
@@ -77,14 +80,17 @@ class PeerAccounts {
     // One more connection from `pid`: refused beyond the process's share,
     // and, when all are taken, unless another process holds more.
     Admission admitConnection(pid_t pid);
-    // One connection of the account's process is gone.
+    // One connection of the account's process is gone (or was never made).
     void closeConnection(PeerAccount& account);
+    // How many processes may be watched at once (a pidfd and a link each).
+    size_t maxWatchedProcesses() const { return mMaxWatched; }
 
   private:
     PeerAccount* largestLocked() const;
 
     size_t mMaxConnections = 0;
     size_t mMaxPerProcess = 0;
+    size_t mMaxWatched = 0;
     std::mutex mLock;  // guards everything below
     size_t mConnections = 0;
     std::unordered_map<pid_t, sp<PeerAccount>> mAccounts;

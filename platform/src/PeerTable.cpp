@@ -31,16 +31,20 @@ void PeerTable::forget(Peer* peer) {
 
 bool PeerTable::admitEndpointOf(pid_t pid) {
     std::lock_guard<std::mutex> guard(mLock);
+    if (mWatched >= mMaxWatched) return false;
     size_t& endpoints = mEndpointsPerPid[pid];
     if (endpoints >= kMaxEndpointsPerProcess) return false;
     ++endpoints;
+    ++mWatched;
     return true;
 }
 
 void PeerTable::endpointGone(pid_t pid) {
     std::lock_guard<std::mutex> guard(mLock);
     auto it = mEndpointsPerPid.find(pid);
-    if (it != mEndpointsPerPid.end() && --it->second == 0) mEndpointsPerPid.erase(it);
+    if (it == mEndpointsPerPid.end()) return;
+    --mWatched;
+    if (--it->second == 0) mEndpointsPerPid.erase(it);
 }
 
 }  // namespace tvbinder

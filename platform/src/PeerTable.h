@@ -1,5 +1,6 @@
 #pragma once
 
+#include <stddef.h>
 #include <stdint.h>
 #include <sys/types.h>
 #include <utils/RefBase.h>
@@ -31,15 +32,19 @@ class PeerTable {
     sp<Peer> find(uint64_t endpoint);
     void forget(Peer* peer);
 
-    // Counts one more live endpoint of `pid`: false beyond its share.
+    // Counts one more live endpoint of `pid`: false beyond its share, or
+    // when as many endpoints are watched as the process may watch.
     bool admitEndpointOf(pid_t pid);
     void endpointGone(pid_t pid);
+    void setMaxWatched(size_t endpoints) { mMaxWatched = endpoints; }
 
   private:
     Runtime& mRuntime;
     std::mutex mLock;  // guards everything below
     std::unordered_map<uint64_t, sp<Peer>> mPeers;
     std::unordered_map<pid_t, size_t> mEndpointsPerPid;
+    size_t mWatched = 0;
+    size_t mMaxWatched = SIZE_MAX;  // set once, before any peer
 };
 
 }  // namespace tvbinder

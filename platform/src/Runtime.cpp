@@ -21,6 +21,11 @@ namespace tvbinder {
 namespace {
 
 constexpr int kHelloAnswerTimeoutMs = 5000;
+// Connections accepted in one pass before the listener goes back to epoll,
+// so that a flood of them does not keep a thread from everything else.
+constexpr size_t kAcceptsPerPass = 256;
+// How long a listener waits before it tries again when no descriptor is free.
+constexpr int kAcceptRetryMs = 10;
 // How long a pool thread keeps reading a busy connection before handing it
 // back to epoll: a stream of calls or one-ways then costs one receive each,
 // not a wake-up each.
@@ -89,6 +94,7 @@ status_t Runtime::init() {
     std::call_once(atExit, [] { atexit(removeSocketFilesAtExit); });
     SocketDirectory::removeStale(kStaleSocketsLookedAt);
     mAccounts.init();
+    mPeers.setMaxWatched(mAccounts.maxWatchedProcesses());
     mSpareFd = ScopedFd(open("/dev/null", O_RDONLY | O_CLOEXEC));
     status_t status = mPool.init();
     if (status == NO_ERROR) status = mStallGuard.init();
@@ -214,7 +220,7 @@ struct Refusals {
 
 void Runtime::acceptAll(Listener& listener) {
     Refusals refused;
-    for (;;) {
+    for (size_t taken = 0; taken < kAcceptsPerPass; ++taken) {
         int fd = listener.acceptOne();
         if (fd < 0) {
             if (errno != EMFILE && errno != ENFILE) break;
@@ -224,11 +230,9 @@ void Runtime::acceptAll(Listener& listener) {
                 continue;
             }
             if (outcome == SpareOutcome::kNoneWaiting) break;
-            // Re-armed now, it would wake again at once: it waits for a
-            // connection to close instead.
+            // Re-armed now, it would wake again at once.
             refused.log();
-            std::lock_guard<std::mutex> guard(mLock);
-            mPausedListeners.push_back(&listener);
+            rearmLater(listener);
             return;
         }
         sp<Connection> connection = Connection::adoptAccepted(fd);
@@ -238,21 +242,32 @@ void Runtime::acceptAll(Listener& listener) {
             ++refused.otherUser;
             continue;
         }
-        PeerAccounts::Admission admission = mAccounts.admitConnection(connection->peerPid());
-        if (admission.account == nullptr) {
+        if (!admit(connection)) {
             ++refused.overShare;
             continue;
-        }
-        connection->setAccount(admission.account);
-        {
-            std::lock_guard<std::mutex> guard(mLock);
-            if (admission.evictFrom != nullptr) evictOneLocked(*admission.evictFrom);
-            mAccepted.emplace(connection.get(), connection);
         }
         mPool.add(connection.get(), connection->fd());
     }
     refused.log();
     mPool.rearm(&listener, listener.fd());
+}
+
+bool Runtime::admit(const sp<Connection>& connection) {
+    PeerAccounts::Admission admission = mAccounts.admitConnection(connection->peerPid());
+    if (admission.account == nullptr) return false;
+    // Counted from here until the connection is destroyed.
+    connection->setAccount(admission.account);
+    std::lock_guard<std::mutex> guard(mLock);
+    if (admission.evictFrom != nullptr && !evictOneLocked(*admission.evictFrom)) return false;
+    mAccepted.emplace(connection.get(), connection);
+    return true;
+}
+
+void Runtime::rearmLater(Listener& listener) {
+    mPool.post(new WorkTask([this, &listener] {
+        usleep(kAcceptRetryMs * 1000);
+        mPool.rearm(&listener, listener.fd());
+    }));
 }
 
 Runtime::SpareOutcome Runtime::refuseWaitingConnection(Listener& listener) {
@@ -273,15 +288,20 @@ Runtime::SpareOutcome Runtime::refuseWaitingConnection(Listener& listener) {
     return fd >= 0 ? SpareOutcome::kRefusedOne : SpareOutcome::kNoneWaiting;
 }
 
-void Runtime::evictOneLocked(const PeerAccount& account) {
+bool Runtime::evictOneLocked(const PeerAccount& account) {
     for (const auto& [raw, connection] : mAccepted) {
-        if (connection->account().get() != &account || connection->broken()) continue;
+        // Links carry one-ways already accepted: never taken.
+        if (connection->account().get() != &account || connection->broken() ||
+            connection->holdsLinkShare()) {
+            continue;
+        }
         // The thread that holds or next takes it drops it; counts follow.
         connection->markBroken();
         shutdown(connection->fd(), SHUT_RDWR);
         ALOGW("all connections taken: closed one of pid %d for a newcomer", account.pid());
-        return;
+        return true;
     }
+    return false;
 }
 
 void Runtime::rearm(const sp<Connection>& connection) {
@@ -296,19 +316,16 @@ void Runtime::rearm(const sp<Connection>& connection) {
 void Runtime::drop(const sp<Connection>& connection) {
     connection->markBroken();
     mPool.remove(connection->fd());
-    std::vector<Listener*> paused;
+    sp<Connection> listed;  // let go after the lock
     {
         std::lock_guard<std::mutex> guard(mLock);
-        if (mAccepted.erase(connection.get()) == 0) return;
-        paused.swap(mPausedListeners);
+        auto it = mAccepted.find(connection.get());
+        if (it == mAccepted.end()) return;
+        listed = std::move(it->second);
+        mAccepted.erase(it);
     }
     // One-ways queued from it may keep it a while: the peer learns now.
     shutdown(connection->fd(), SHUT_RDWR);
-    if (connection->isLink) connection->account()->returnLink();
-    mAccounts.closeConnection(*connection->account());
-    // Its descriptor closes with the last reference, which may be later:
-    // a listener that finds none free pauses again.
-    for (Listener* listener : paused) mPool.rearm(listener, listener->fd());
 }
 
 void Runtime::deliverObituaries(const sp<BpBinder>& proxy) {

@@ -89,8 +89,14 @@ class Runtime {
     // connection, if one still waits, and close it at once.
     enum class SpareOutcome { kRefusedOne, kNoneWaiting, kNoDescriptor };
     SpareOutcome refuseWaitingConnection(Listener& listener);
-    // Closes one connection of `account`'s process to make room.
-    void evictOneLocked(const PeerAccount& account);
+    // Counts the connection against its process and lists it: false when
+    // refused.
+    bool admit(const sp<Connection>& connection);
+    // Closes one connection of `account`'s process to make room: false when
+    // it has none to give up.
+    bool evictOneLocked(const PeerAccount& account);
+    // Re-arms the listener after a pause, on a pool thread.
+    void rearmLater(Listener& listener);
     void onPeerExited(Peer* peer);
     void forgetDeadPeer(const sp<Peer>& peer);
     sp<BpBinder> connectToContextManager();
@@ -114,9 +120,6 @@ class Runtime {
     sp<BpBinder> mContextProxy;
     std::unordered_map<Connection*, sp<Connection>> mAccepted;
     ScopedFd mSpareFd;
-    // Listeners left unarmed while no descriptor is free: re-armed when an
-    // accepted connection closes.
-    std::vector<Listener*> mPausedListeners;
 };
 
 }  // namespace tvbinder
