@@ -163,28 +163,32 @@ TVTEST_CHILD_ROLE(large_bodies) {
 }
 
 // Over a link to the object named args[0], blocks it, then sends args[1]
-// SEQUENCE one-ways carrying args[2] descriptors each; says "dropped" if the
-// child then closed the link.
+// SEQUENCE one-ways carrying args[2] descriptors each; does it again over a
+// new link args[3] times. Says "dropped" if the child closed every link.
 TVTEST_CHILD_ROLE(descriptor_oneways) {
-    if (args.size() < 3) return 2;
+    if (args.size() < 4) return 2;
     const android::sp<IBinder> target = lookUpAsAClient(args[0]);
     if (target == nullptr) return 3;
-    RawConnection link(endpointOf(target));
-    link.hello(ownEndpoint(), kHelloLink);
     FrameHeader block = transactionTo(target, TestService::BLOCK);
     block.flags = IBinder::FLAG_ONEWAY;
-    link.sendFrame(block);
     FlatObject fdRecord{};
     fdRecord.type = FlatObject::kTypeFd;
     const std::vector<int> fds(std::stoul(args[2]), STDERR_FILENO);
     FrameHeader call = transactionTo(target, TestService::SEQUENCE);
     call.flags = IBinder::FLAG_ONEWAY;
     Bytes body = carrying(&call, std::vector<FlatObject>(fds.size(), fdRecord), Bytes(4));
-    for (int32_t i = 0; i < std::stoi(args[1]); ++i) {
-        memcpy(body.data(), &i, sizeof(i));
-        link.sendFrame(call, body, fds);
+    bool allDropped = true;
+    for (int round = 0; round <= std::stoi(args[3]); ++round) {
+        RawConnection link(endpointOf(target));
+        link.hello(ownEndpoint(), kHelloLink);
+        if (round == 0) link.sendFrame(block);
+        for (int32_t i = 0; i < std::stoi(args[1]); ++i) {
+            memcpy(body.data(), &i, sizeof(i));
+            link.sendFrame(call, body, fds);
+        }
+        allDropped = link.endsWithin(10s) && allDropped;
     }
-    tvtest::ParentChannel::send(link.endsWithin(10s) ? "dropped" : "open");
+    tvtest::ParentChannel::send(allDropped ? "dropped" : "open");
     tvtest::ParentChannel::receive();
     return 0;
 }
@@ -511,8 +515,11 @@ TEST_F(HostilePeers, LargeBodiesAndQueuedDescriptorsStayWithinTheSendersShare) {
     const size_t descriptorsBefore = tvtest::countOpenFds(child.pid());
     {
         tvproc::PeakWatch peak(child.pid());
-        tvtest::ChildProcess hostile("descriptor_oneways",
-                                     std::vector<std::string>{child.name(), "60", "64"});
+        // Links dropped and made again, round after round.
+        constexpr size_t kFdsPerOneWay = 16;
+        tvtest::ChildProcess hostile(
+            "descriptor_oneways",
+            std::vector<std::string>{child.name(), "60", std::to_string(kFdsPerOneWay), "20"});
         std::vector<int32_t> accepted;
         for (int32_t i = 0; i < 200; ++i) {
             android::Parcel data;
@@ -526,10 +533,12 @@ TEST_F(HostilePeers, LargeBodiesAndQueuedDescriptorsStayWithinTheSendersShare) {
         EXPECT_EQ(accepted, tvtest::sequenceValues(other, static_cast<int32_t>(accepted.size())));
         EXPECT_EQ(200u, accepted.size());
         peak.stop();
-        // What the link's budget lets wait, plus one read of the sender's
-        // frames, closed as soon as it is found over budget.
-        const size_t bound = android::tvbinder::kOneWayBudget / android::tvbinder::kOneWayFdCost +
-                             android::tvbinder::kReceiveBatch * 64 + 64;
+        // What the budgets of the process's links let wait, plus one read of
+        // the sender's frames, closed as soon as it is found over budget.
+        const size_t bound = android::tvbinder::PeerAccounts::kMaxLinksPerProcess *
+                                 android::tvbinder::kOneWayBudget /
+                                 android::tvbinder::kOneWayFdCost +
+                             android::tvbinder::kReceiveBatch * kFdsPerOneWay + 64;
         EXPECT_LT(peak.descriptors(), descriptorsBefore + bound) << "descriptors at the peak";
     }
     ASSERT_EQ(android::NO_ERROR, tvtest::sendObject(child.binder(), TestService::UNBLOCK));

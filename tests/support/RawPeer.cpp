@@ -90,6 +90,8 @@ ssize_t RawConnection::receive(FrameHeader* header, std::chrono::milliseconds ti
     if (poll(&waiter, 1, static_cast<int>(timeout.count())) <= 0) return -1;
     uint8_t buffer[70000];
     ssize_t n = recv(mFd, buffer, sizeof(buffer), 0);
+    // A peer that closed with frames of ours unread resets the connection.
+    if (n < 0 && errno == ECONNRESET) return 0;
     if (n >= static_cast<ssize_t>(sizeof(FrameHeader))) memcpy(header, buffer, sizeof(*header));
     return n;
 }
