@@ -340,7 +340,9 @@ void Peer::sendRelease(const Token& token, uint64_t count) {
     }
     sp<Connection> link = currentLink();
     if (link != nullptr) {
-        if (!trySendReleases(*link)) rearmLink(link);
+        // Only the pool thread that holds the link's event may re-arm it: the
+        // rest waits for a later try.
+        if (!trySendReleases(*link)) retryReleasesLater();
         return;
     }
     // Connecting may take a moment: a pool thread does it.
@@ -360,15 +362,12 @@ void Peer::flushReleases() {
     }
     status_t status;
     sp<Connection> link = obtainLink(&status);
-    if (link == nullptr) {
+    if (link == nullptr || !trySendReleases(*link)) {
         retryReleasesLater();
         return;
     }
-    {
-        std::lock_guard<std::mutex> guard(mLock);
-        mReleaseRetries = 0;
-    }
-    if (!trySendReleases(*link)) rearmLink(link);
+    std::lock_guard<std::mutex> guard(mLock);
+    mReleaseRetries = 0;
 }
 
 void Peer::retryReleasesLater() {

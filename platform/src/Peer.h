@@ -59,11 +59,13 @@ class Peer : public RefBase, public EventSource {
     // the one-way is then not sent. A one-way sent is delivered.
     status_t sendOneWay(const OutgoingFrame& frame);
     // Gives `count` references back to the peer. Never blocks: what cannot
-    // leave at once is sent when the link has room, by a pool thread.
+    // leave at once is sent by a pool thread, when the link is writable or a
+    // little later.
     void sendRelease(const Token& token, uint64_t count);
     // Pool thread: `events` on this process's link to the peer.
     void onLinkEvent(const sp<Connection>& link, uint32_t events);
-    // Sends the releases that wait (a posted task; may connect).
+    // Sends the releases that wait (a posted task; may connect), or tries
+    // again later.
     void flushReleases();
 
     // After a connection to the peer failed or closed: the peer is lost when
