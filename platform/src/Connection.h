@@ -55,7 +55,8 @@ class Connection : public RefBase, public EventSource {
     void setAccount(const sp<PeerAccount>& account) { mAccount = account; }
     // Makes it one of its process's links, within the process's share.
     bool takeLinkShare();
-    bool holdsLinkShare() const { return mHoldsLinkShare.load(); }
+    // True for the peer's one-way link: one that took a link share.
+    bool isLink() const { return mHoldsLinkShare.load(); }
 
     // Sends one frame, waiting up to `waitMs` for socket space: WOULD_BLOCK
     // when the receiver does not drain it. DEAD_OBJECT when the peer closed
@@ -90,7 +91,6 @@ class Connection : public RefBase, public EventSource {
     // State of an accepted connection, used by the thread that holds it.
     bool helloDone = false;
     bool answersHello = false;  // accepted on the context manager's address
-    bool isLink = false;        // the peer's one-way link
 
     // One-way accounting of a link, in oneWayCost() units. The sender counts
     // what it sent and what the receiver acknowledged; the receiver what it

@@ -316,12 +316,9 @@ status_t Dispatcher::handleHello(Connection& connection, const Frame& frame) {
     if (status != NO_ERROR) return status;
     connection.setPeer(peer);
     connection.helloDone = true;
-    if ((frame.header.flags & kHelloLink) != 0) {
-        if (!connection.takeLinkShare()) {
-            ALOGW("pid %d opened more links than it has endpoints", connection.peerPid());
-            return PERMISSION_DENIED;
-        }
-        connection.isLink = true;
+    if ((frame.header.flags & kHelloLink) != 0 && !connection.takeLinkShare()) {
+        ALOGW("pid %d opened more links than it has endpoints", connection.peerPid());
+        return PERMISSION_DENIED;
     }
     if (!connection.answersHello) return NO_ERROR;
     OutgoingFrame answer = OutgoingFrame::make(FrameKind::kHelloAnswer);

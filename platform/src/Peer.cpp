@@ -387,10 +387,7 @@ void Peer::retryReleasesLater() {
         mFlushPosted = true;
     }
     sp<Peer> self(this);
-    mRuntime.pool().post(new WorkTask([self, delayMs] {
-        usleep(static_cast<useconds_t>(delayMs) * 1000);
-        self->flushReleases();
-    }));
+    mRuntime.pool().postAfter(delayMs, [self] { self->flushReleases(); });
 }
 
 bool Peer::trySendReleases(Connection& link) {

@@ -26,14 +26,20 @@ constexpr size_t kMinPerProcess = 128;
 // Processes watched at once, however low the limit.
 constexpr size_t kMinWatched = 64;
 
+// Adds `amount` to `value` unless that would take it past `limit`.
+template <typename T>
+bool addWithin(std::atomic<T>& value, T amount, T limit) {
+    T held = value.load(std::memory_order_relaxed);
+    do {
+        if (held + amount > limit) return false;
+    } while (!value.compare_exchange_weak(held, held + amount));
+    return true;
+}
+
 }  // namespace
 
 bool PeerAccount::takeBody(size_t bytes) {
-    uint64_t held = mBodyBytes.load(std::memory_order_relaxed);
-    do {
-        if (held + bytes > PeerAccounts::kBodyBudgetPerProcess) return false;
-    } while (!mBodyBytes.compare_exchange_weak(held, held + bytes));
-    return true;
+    return addWithin<uint64_t>(mBodyBytes, bytes, PeerAccounts::kBodyBudgetPerProcess);
 }
 
 void PeerAccount::returnBody(size_t bytes) {
@@ -41,11 +47,7 @@ void PeerAccount::returnBody(size_t bytes) {
 }
 
 bool PeerAccount::takeLink() {
-    uint32_t links = mLinks.load(std::memory_order_relaxed);
-    do {
-        if (links >= PeerAccounts::kMaxLinksPerProcess) return false;
-    } while (!mLinks.compare_exchange_weak(links, links + 1));
-    return true;
+    return addWithin<uint32_t>(mLinks, 1, PeerAccounts::kMaxLinksPerProcess);
 }
 
 void PeerAccount::connectionGone(bool wasLink) {

@@ -176,7 +176,7 @@ void Runtime::onEvent(EventSource* source, uint32_t events) {
             connection->takeOver();
             if (connection->isOutgoingLink) {
                 connection->peer()->onLinkEvent(connection, events);
-            } else if (connection->isLink) {
+            } else if (connection->isLink()) {
                 mLinks.onReadable(connection);
             } else {
                 mDispatcher.onReadable(connection);
@@ -237,13 +237,14 @@ void Runtime::acceptAll(Listener& listener) {
         }
         sp<Connection> connection = Connection::adoptAccepted(fd);
         connection->answersHello = listener.answersHello();
-        refused.lastPid = connection->peerPid();
         if (!connection->peerIsTrustedUser()) {
             ++refused.otherUser;
+            refused.lastPid = connection->peerPid();
             continue;
         }
         if (!admit(connection)) {
             ++refused.overShare;
+            refused.lastPid = connection->peerPid();
             continue;
         }
         mPool.add(connection.get(), connection->fd());
@@ -264,10 +265,7 @@ bool Runtime::admit(const sp<Connection>& connection) {
 }
 
 void Runtime::rearmLater(Listener& listener) {
-    mPool.post(new WorkTask([this, &listener] {
-        usleep(kAcceptRetryMs * 1000);
-        mPool.rearm(&listener, listener.fd());
-    }));
+    mPool.postAfter(kAcceptRetryMs, [this, &listener] { mPool.rearm(&listener, listener.fd()); });
 }
 
 Runtime::SpareOutcome Runtime::refuseWaitingConnection(Listener& listener) {
@@ -292,7 +290,7 @@ bool Runtime::evictOneLocked(const PeerAccount& account) {
     for (const auto& [raw, connection] : mAccepted) {
         // Links carry one-ways already accepted: never taken.
         if (connection->account().get() != &account || connection->broken() ||
-            connection->holdsLinkShare()) {
+            connection->isLink()) {
             continue;
         }
         // The thread that holds or next takes it drops it; counts follow.

@@ -66,6 +66,13 @@ void ThreadPool::post(const sp<PoolTask>& task, bool wake) {
     if (wake) wakeOne();
 }
 
+void ThreadPool::postAfter(int delayMs, std::function<void()> work) {
+    post(new WorkTask([delayMs, work = std::move(work)] {
+        usleep(static_cast<useconds_t>(delayMs) * 1000);
+        work();
+    }));
+}
+
 sp<PoolTask> ThreadPool::takePosted() {
     std::lock_guard<std::mutex> guard(mTaskLock);
     if (mPosted.empty()) return nullptr;

@@ -6,6 +6,7 @@
 
 #include <atomic>
 #include <deque>
+#include <functional>
 #include <mutex>
 
 #include "EventSource.h"
@@ -40,6 +41,9 @@ class ThreadPool {
     // Queues `task`. With `wake`, an idle pool thread is woken for it; a pool
     // thread that runs the queue itself next (runPosted) need not wake one.
     void post(const sp<PoolTask>& task, bool wake = true);
+    // Runs `work` on a pool thread some `delayMs` from now. The thread sleeps
+    // meanwhile: for short pauses only.
+    void postAfter(int delayMs, std::function<void()> work);
     // Runs posted tasks until none is left, waking another idle thread while
     // more wait, so that tasks do not wait for each other.
     void runPosted();
