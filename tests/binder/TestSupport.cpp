@@ -101,20 +101,12 @@ int currentTid() {
 size_t countOpenFds(pid_t pid) {
     // Regular files are left out: a sanitizer's runtime opens the program's
     // libraries for a moment now and then, and the transport holds none.
-    const std::string directory = "/proc/" + std::to_string(pid) + "/fd";
-    DIR* dir = opendir(directory.c_str());
-    if (dir == nullptr) return 0;
-    size_t count = 0;
-    while (const dirent* entry = readdir(dir)) {
-        struct stat target;
-        if (entry->d_name[0] == '.') continue;
-        // One closed meanwhile is not counted either.
-        if (fstatat(dirfd(dir), entry->d_name, &target, 0) == 0 && !S_ISREG(target.st_mode)) {
-            ++count;
-        }
-    }
-    closedir(dir);
-    return count;
+    return tvproc::countEntries(
+        "/proc/" + std::to_string(pid) + "/fd", [](int directory, const char* name) {
+            // One closed meanwhile is not counted either.
+            struct stat target;
+            return fstatat(directory, name, &target, 0) == 0 && !S_ISREG(target.st_mode);
+        });
 }
 
 size_t countPoolThreads(pid_t pid) {

@@ -114,12 +114,14 @@ std::string besideThisProgram(const std::string& name) {
     return program.substr(0, program.rfind('/') + 1) + name;
 }
 
-size_t countEntries(const std::string& directory) {
+size_t countEntries(const std::string& directory,
+                    const std::function<bool(int, const char*)>& counted) {
     DIR* dir = opendir(directory.c_str());
     if (dir == nullptr) return 0;
     size_t count = 0;
     while (const dirent* entry = readdir(dir)) {
-        if (entry->d_name[0] != '.') ++count;
+        if (entry->d_name[0] == '.') continue;
+        if (!counted || counted(dirfd(dir), entry->d_name)) ++count;
     }
     closedir(dir);
     return count;

@@ -32,8 +32,11 @@ bool readSomeWithin(int fd, std::string* pending, std::chrono::milliseconds time
 // The path of `name` in the directory of the running program.
 std::string besideThisProgram(const std::string& name);
 
-// Entries of a directory such as /proc/<pid>/fd, without "." and "..".
-size_t countEntries(const std::string& directory);
+// Entries of a directory such as /proc/<pid>/fd, without "." and ".."; with
+// `counted`, only those it accepts (given the directory's descriptor and the
+// entry's name).
+size_t countEntries(const std::string& directory,
+                    const std::function<bool(int, const char*)>& counted = {});
 
 // What `pid` has used: CPU time of all its threads, and its resident memory
 // in KiB (0 once it is gone).
