@@ -25,15 +25,17 @@ void NotifierManager::addNotifier(int pid, android::sp<android::IBinder>& client
                                   tavrin::tv_sp<tavrin::IService> service) {
     AutoTrace trace("[Tavrin]", "NotifierManager", "addNotifier", false);
     android::sp<Notifier> notifier = new Notifier(this, pid, clientBinder, protocol, service);
-    clientBinder->linkToDeath(notifier, nullptr, 0);
-    bool filed;
     {
+        // The process keeps its first notifier.
         tavrin::AutoLock hold(mLock);
-        filed = mNotifiers.emplace(pid, notifier).second;
+        if (!mNotifiers.emplace(pid, notifier).second) return;
     }
-    // The process keeps its first notifier; repeated requests must not pile
-    // up death registrations.
-    if (!filed) notifier->unwatch();
+    // Filed before it is watched, so that no death notice finds it missing.
+    // A client that died since it sent the request is dropped as if its
+    // notice had come: its pid's next process must be able to register.
+    if (clientBinder->linkToDeath(notifier, nullptr, 0) == android::DEAD_OBJECT) {
+        notifier->binderDied(clientBinder);
+    }
 }
 
 void NotifierManager::removeNotifier(int pid) {
