@@ -18,8 +18,8 @@ namespace {
 
 constexpr const char* kLogTag = "[Tavrin][Announcer_Binder]";
 
-// Carriers live as long as the process: the service keeps using the
-// INotifier its carrier gave it, and binder threads may run in a carrier
+// Published carriers live as long as the process: the service keeps using
+// the INotifier its carrier gave it, and binder threads may run in a carrier
 // while the process exits.
 void keepForProcessLife(const android::sp<ServiceCarrier>& carrier) {
     static std::mutex* const lock = new std::mutex;
@@ -39,16 +39,17 @@ int Announcer_Binder::publish(tavrin::ServiceInfo& info, tavrin::Protocol& proto
     }
     android::sp<android::IServiceManager> serviceManager = android::defaultServiceManager();
     android::sp<ServiceCarrier> carrier = new ServiceCarrier(service, protocol);
-    keepForProcessLife(carrier);
     const android::status_t status =
         serviceManager->addService(android::String16(info.serviceName.c_str()), carrier, false);
     if (status != android::NO_ERROR) {
-        // A second copy of a service must not sit silently unreachable.
+        // A second copy of a service must not sit silently unreachable. Its
+        // carrier, and with it the service, goes with the last reference.
         __android_log_print(ANDROID_LOG_ERROR, kLogTag,
                             "publish failed:service manager refused [%s],status[%d]",
                             info.serviceName.c_str(), status);
         return -1;
     }
+    keepForProcessLife(carrier);
     if (!mStarted.exchange(true)) startServices();
     return 0;
 }

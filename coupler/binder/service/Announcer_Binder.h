@@ -19,7 +19,8 @@ class Announcer_Binder : public tavrin::IAnnouncer {
     Announcer_Binder() = default;
 
     // 0 (the first successful call does not return); -1 when the service
-    // manager refuses the name.
+    // manager refuses the name: the carrier made for it is released, and
+    // with it the INotifier it gave the service.
     int publish(tavrin::ServiceInfo& info, tavrin::Protocol& protocol,
                 tavrin::tv_sp<tavrin::IService>& service) override;
     // 0, or -1 when the sub-service could not register with its master.
