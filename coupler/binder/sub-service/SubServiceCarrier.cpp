@@ -62,8 +62,7 @@ SubServiceCarrier::~SubServiceCarrier() = default;
 
 bool SubServiceCarrier::active() {
     AutoTrace trace("[Tavrin]", "SubServiceCarrier", "active", false);
-    tavrin::AutoLock hold(mLock);
-    if (mActive) {
+    if (!startActivation()) {
         __android_log_print(ANDROID_LOG_ERROR, kLogTag, "sub service already active,[%s]",
                             mSubServiceName.c_str());
         return true;
@@ -77,13 +76,41 @@ bool SubServiceCarrier::active() {
     if (master == nullptr) {
         __android_log_print(ANDROID_LOG_ERROR, kLogTag, "ServiceManager have no service named [%s]",
                             mMasterName.c_str());
+        endActivation(false);
         return false;
     }
-    mActive = registerWith(master);
-    return mActive;
+    std::unique_ptr<tavrin::IPCClass> config;
+    bool configured = false;
+    const bool registered = registerWith(master, &configured, &config);
+    endActivation(registered);
+    if (!registered) return false;
+    // Told once the carrier counts as active and without any lock held: the
+    // sub-service may publish again from here.
+    if (configured) mService->onConfig(config.get());
+    // A master that died before the watch was set would never be noticed.
+    if (master->linkToDeath(mDeathRecipient, nullptr, 0) == android::DEAD_OBJECT) masterDied();
+    return true;
 }
 
-bool SubServiceCarrier::registerWith(const android::sp<android::IBinder>& master) {
+bool SubServiceCarrier::startActivation() {
+    std::unique_lock<std::mutex> hold(mActivationLock);
+    // Another publish is registering: its outcome decides what this one does.
+    mActivationChanged.wait(hold, [this] { return mActivation != Activation::REGISTERING; });
+    if (mActivation == Activation::ACTIVE) return false;
+    mActivation = Activation::REGISTERING;
+    return true;
+}
+
+void SubServiceCarrier::endActivation(bool registered) {
+    {
+        std::lock_guard<std::mutex> hold(mActivationLock);
+        mActivation = registered ? Activation::ACTIVE : Activation::INACTIVE;
+    }
+    mActivationChanged.notify_all();
+}
+
+bool SubServiceCarrier::registerWith(const android::sp<android::IBinder>& master, bool* configured,
+                                     std::unique_ptr<tavrin::IPCClass>* config) {
     android::Parcel request;
     android::Parcel reply;
     writeName(request, mSubServiceName);
@@ -95,15 +122,12 @@ bool SubServiceCarrier::registerWith(const android::sp<android::IBinder>& master
                             mMasterName.c_str());
         return false;
     }
-    if (reply.readInt32() == 1) {
-        std::unique_ptr<tavrin::IPCClass> config(
-            UniversalSerialization::readValue(mMasterProtocol, reply));
-        mService->onConfig(config.get());
+    *configured = reply.readInt32() == 1;
+    if (*configured) {
+        config->reset(UniversalSerialization::readValue(mMasterProtocol, reply));
     } else {
         __android_log_print(ANDROID_LOG_WARN, kLogTag, "master servcie is not configured!!!");
     }
-    // A master that died before the watch was set would never be noticed.
-    if (master->linkToDeath(mDeathRecipient, nullptr, 0) == android::DEAD_OBJECT) masterDied();
     return true;
 }
 

@@ -2,6 +2,9 @@
 
 #include <binder/Binder.h>
 
+#include <condition_variable>
+#include <memory>
+#include <mutex>
 #include <string>
 
 #include "IMasterServiceProxy.h"
@@ -25,8 +28,9 @@ namespace tavrin_binder {
 // strong reference to itself, since remote references come and go and
 // binder threads use it until the process ends. onTransact runs on binder
 // threads, several at once, without any lock of the carrier; active and
-// ipcCall may run on any threads at once (mLock serialises activation,
-// mMasterLock guards the master's binder).
+// ipcCall may run on any threads at once (one registration at a time, the
+// others wait for its outcome; mMasterLock guards the master's binder). No
+// lock is held while the sub-service is called.
 class SubServiceCarrier : public android::BBinder, public tavrin::IMasterServiceProxy {
   public:
     // The process's carrier, made from the first call's arguments; later
@@ -52,7 +56,14 @@ class SubServiceCarrier : public android::BBinder, public tavrin::IMasterService
                       tavrin::Protocol& clientProtocol, tavrin::Protocol& masterProtocol);
     android::status_t dispatch(uint32_t code, const android::Parcel& data, android::Parcel* reply,
                                uint32_t flags);
-    bool registerWith(const android::sp<android::IBinder>& master);
+    // False when the carrier is active already; otherwise it is registering
+    // until endActivation.
+    bool startActivation();
+    void endActivation(bool registered);
+    // REGISTER_SUB_SERVICE; false when refused. *configured tells whether
+    // the master sent a configuration (*config, null when unreadable).
+    bool registerWith(const android::sp<android::IBinder>& master, bool* configured,
+                      std::unique_ptr<tavrin::IPCClass>* config);
     android::sp<android::IBinder> currentMaster();
     void addNotifier(const android::Parcel& data, android::Parcel* reply);
     void clientCall(const android::Parcel& data, android::Parcel* reply);
@@ -69,8 +80,10 @@ class SubServiceCarrier : public android::BBinder, public tavrin::IMasterService
     android::sp<android::IBinder> mMaster;
     const tavrin::tv_sp<tavrin::ISubService> mService;
     android::sp<MasterServiceDeathRecipient> mDeathRecipient;
-    tavrin::Mutex mLock;  // serialises active(); guards mActive
-    bool mActive = false;
+    enum class Activation { INACTIVE, REGISTERING, ACTIVE };
+    std::mutex mActivationLock;  // guards mActivation
+    std::condition_variable mActivationChanged;
+    Activation mActivation = Activation::INACTIVE;
 };
 
 class SubServiceCarrier::MasterServiceDeathRecipient : public android::IBinder::DeathRecipient {
