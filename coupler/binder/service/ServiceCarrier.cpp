@@ -3,15 +3,13 @@
 #include <android/log.h>
 #include <binder/IPCThreadState.h>
 #include <binder/Parcel.h>
-#include <binder/ProcessState.h>
 #include <time.h>
-
-#include <algorithm>
 
 #include "Log/AutoTrace.h"
 #include "coupler/binder/CarrierRequests.h"
 #include "coupler/binder/ResultFlag.h"
 #include "coupler/binder/service/ServiceCarrierCode.h"
+#include "coupler/binder/service/WaiterQuota.h"
 #include "protocol/UniversalSerialization.h"
 #include "utils/Assert.h"
 #include "utils/AutoLock.h"
@@ -134,15 +132,19 @@ tavrin::tv_sp<ISubServiceProxy> ServiceCarrier::awaitSubService(const std::strin
         __android_log_print(ANDROID_LOG_ERROR, kLogTag, "get sub service failed!:timeout invalid");
         return record;
     }
+    // Each waiter holds a binder thread: they are counted for the whole
+    // process and per caller.
+    const pid_t caller = android::IPCThreadState::self()->getCallingPid();
+    if (timeout > 0 && !WaiterQuota::self().admit(caller)) {
+        __android_log_print(ANDROID_LOG_WARN, kLogTag,
+                            "get sub service failed!:too many waiters,sub service[%s]",
+                            name.c_str());
+        return record;
+    }
     int64_t elapsed = 0;
     do {
         tavrin::Semaphore registered;
-        if (!addWaiter(&registered)) {
-            __android_log_print(ANDROID_LOG_WARN, kLogTag,
-                                "get sub service failed!:too many waiters,sub service[%s]",
-                                name.c_str());
-            return record;
-        }
+        addWaiter(&registered);
         // Looked up again once listed: a registration that landed since the
         // first look-up posted nobody.
         record = mSubServiceProxyManager.get(name);
@@ -152,6 +154,7 @@ tavrin::tv_sp<ISubServiceProxy> ServiceCarrier::awaitSubService(const std::strin
         removeWaiter(&registered);
         elapsed = monotonicMillis() - start;
     } while (!record && elapsed < timeout);
+    if (timeout > 0) WaiterQuota::self().release(caller);
     return record;
 }
 

@@ -48,8 +48,7 @@ class ServiceCarrier : public android::BBinder, public SubServiceProxyManager::R
                                                     const android::Parcel& data);
     void subServiceIpcCall(const android::Parcel& data, android::Parcel* reply);
     void registerSubService(const android::Parcel& data, android::Parcel* reply);
-    // False when too many requests wait already.
-    bool addWaiter(tavrin::Semaphore* waiter);
+    void addWaiter(tavrin::Semaphore* waiter);
     void removeWaiter(tavrin::Semaphore* waiter);
     void wakeWaiters();
 
