@@ -5,6 +5,7 @@
 #include <binder/Parcel.h>
 
 #include "Log/AutoTrace.h"
+#include "coupler/binder/ProxyIdentity.h"
 #include "coupler/binder/ResultFlag.h"
 #include "coupler/binder/clients/ClientsManager.h"
 #include "coupler/binder/clients/ServiceProxyManager.h"
@@ -24,7 +25,8 @@ ServiceProxy::ServiceProxy(tavrin::tv_sp<ClientsManager>& clientsManager, const 
       name(name),
       protocol(protocol),
       notifier(new Notifier(clientsManager, protocol)),
-      deathRecipient(new ServiceDeathRecipient(name, this)),
+      identity(newProxyIdentity()),
+      deathRecipient(new ServiceDeathRecipient(name, identity)),
       subServiceProxies(this) {}
 
 ServiceProxy::~ServiceProxy() {
@@ -132,7 +134,8 @@ tavrin::tv_sp<tavrin::IPCClass> ServiceProxy::callSubService(tavrin::IPCClass& v
     return subService->ipcCall(value, client);
 }
 
-void ServiceProxy::onSubServiceRemoved(std::string subServiceName) {
+void ServiceProxy::onSubServiceRemoved(std::string subServiceName,
+                                       const tavrin::tv_sp<ISubServiceProxy>& /*proxy*/) {
     __android_log_print(ANDROID_LOG_WARN, kLogTag, "sub service removed,service name[%s]",
                         subServiceName.c_str());
 }
@@ -145,8 +148,8 @@ ServiceProxy::Notifier::Notifier(tavrin::tv_sp<ClientsManager>& clients, tavrin:
     : NotificationReceiver(kLogTag, clients, protocol) {}
 
 ServiceProxy::ServiceDeathRecipient::ServiceDeathRecipient(const std::string& name,
-                                                           const ServiceProxy* proxy)
-    : mName(name), mProxy(proxy) {}
+                                                           uint64_t identity)
+    : mName(name), mIdentity(identity) {}
 
 void ServiceProxy::ServiceDeathRecipient::binderDied(const android::wp<android::IBinder>& /*who*/) {
     AutoTrace trace("[Tavrin]", "ServiceProxy", "binderDied", false);
@@ -154,7 +157,7 @@ void ServiceProxy::ServiceDeathRecipient::binderDied(const android::wp<android::
     mDied.store(true);
     // Not found: the proxy is not registered yet, and its bind removes it.
     tavrin::tv_sp<ServiceProxy> proxy = ServiceProxyManager::self().get(mName);
-    if (proxy.get() == mProxy) proxy->disconnect();
+    if (proxy && proxy->identity == mIdentity) proxy->disconnect();
 }
 
 }  // namespace tavrin_binder

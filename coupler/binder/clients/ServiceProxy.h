@@ -51,7 +51,8 @@ class ServiceProxy final : public SubServiceProxyManager::Removeable {
     tavrin::tv_sp<tavrin::IPCClass> callSubService(tavrin::IPCClass& value,
                                                    tavrin::ClientInfo& client,
                                                    std::string& subServiceName, int session);
-    void onSubServiceRemoved(std::string name) override;
+    void onSubServiceRemoved(std::string name,
+                             const tavrin::tv_sp<ISubServiceProxy>& proxy) override;
 
     tavrin::tv_sp<ClientsManager>& getClientsManager() { return clientsManager; }
     // The service's death has been noticed (possibly before the proxy was
@@ -68,6 +69,7 @@ class ServiceProxy final : public SubServiceProxyManager::Removeable {
     NameLocks subServiceConnects;           // one GET_SUB_SERVICE at a time per sub-service name
     android::sp<android::IBinder> service;  // set by connect, before the proxy is shared
     android::sp<Notifier> notifier;
+    const uint64_t identity;
     android::sp<ServiceDeathRecipient> deathRecipient;
     // Last, so that it goes first: its death link is cleared while the rest
     // of the proxy is whole.
@@ -81,17 +83,18 @@ class ServiceProxy::Notifier : public NotificationReceiver {
 };
 
 // Disconnects its proxy when the service dies. It knows the proxy only by
-// name and identity, and reaches it through the ServiceProxyManager, whose
-// reference keeps the proxy alive until disconnect has returned.
+// name and identity (see newProxyIdentity), and reaches it through the
+// ServiceProxyManager, whose reference keeps the proxy alive until
+// disconnect has returned.
 class ServiceProxy::ServiceDeathRecipient : public android::IBinder::DeathRecipient {
   public:
-    ServiceDeathRecipient(const std::string& name, const ServiceProxy* proxy);
+    ServiceDeathRecipient(const std::string& name, uint64_t identity);
     void binderDied(const android::wp<android::IBinder>& who) override;
     bool hasDied() const { return mDied.load(); }
 
   private:
     const std::string mName;
-    const ServiceProxy* const mProxy;  // compared, never dereferenced
+    const uint64_t mIdentity;
     std::atomic<bool> mDied{false};
 };
 

@@ -52,7 +52,10 @@ int callingPid(int line) {
 }  // namespace
 
 ServiceCarrier::ServiceCarrier(tavrin::tv_sp<tavrin::IService>& service, tavrin::Protocol& protocol)
-    : mSubServiceProxyManager(this), mProtocol(protocol), mService(service) {
+    : mSubServiceProxyManager(this),
+      mProtocol(protocol),
+      mSubServiceEvents(service),
+      mService(service) {
     AutoTrace trace("[Tavrin]", "ServiceCarrier", "ServiceCarrier", false);
     mService->setNotifier(&mNotifierManager);
 }
@@ -208,7 +211,7 @@ void ServiceCarrier::registerSubService(const android::Parcel& data, android::Pa
         return;
     }
     tavrin::tv_sp<tavrin::IPCClass> config = mService->getSubServiceConfig(name);
-    mService->onSubServiceRegistered(name, record.get());
+    mSubServiceEvents.registered(name, record);
     reply->writeInt32(0);
     if (config) {
         __android_log_print(ANDROID_LOG_INFO, kLogTag, "regitster sub servcie success:[%s]",
@@ -220,19 +223,14 @@ void ServiceCarrier::registerSubService(const android::Parcel& data, android::Pa
     wakeWaiters();
 }
 
-void ServiceCarrier::onSubServiceRemoved(std::string name) {
-    mService->onSubServiceRemoved(name);
+void ServiceCarrier::onSubServiceRemoved(std::string name,
+                                         const tavrin::tv_sp<ISubServiceProxy>& record) {
+    mSubServiceEvents.removed(name, record);
 }
 
-bool ServiceCarrier::addWaiter(tavrin::Semaphore* waiter) {
-    // Each waiter holds a binder thread: keep half of the pool for the
-    // registrations that end the waits and for everything else.
-    const size_t limit =
-        std::max<size_t>(1, android::ProcessState::self()->getThreadPoolMaxThreadCount() / 2);
+void ServiceCarrier::addWaiter(tavrin::Semaphore* waiter) {
     tavrin::AutoLock hold(mWaitersLock);
-    if (mWaiters.size() >= limit) return false;
     mWaiters.push_back(waiter);
-    return true;
 }
 
 void ServiceCarrier::removeWaiter(tavrin::Semaphore* waiter) {

@@ -8,6 +8,7 @@
 #include "IService.h"
 #include "Protocol.h"
 #include "coupler/binder/service/NotifierManager.h"
+#include "coupler/binder/service/SubServiceEvents.h"
 #include "coupler/binder/sub-service/SubServiceProxyManager.h"
 #include "tv_sp.h"
 #include "utils/Mutex.h"
@@ -22,17 +23,20 @@ namespace tavrin_binder {
 // the service's sub-services, with the requests waiting for a sub-service
 // that has not registered yet.
 //
-// Made by Announcer_Binder, which keeps it for the life of the process, so
-// that the INotifier given to the service never dangles. onTransact runs on
+// Made by Announcer_Binder, which keeps it for the life of the process once
+// the service manager took it, so that the INotifier given to the service
+// never dangles (a carrier the service manager refused goes at once). onTransact runs on
 // binder threads, several at once, and calls the service without any lock
-// of the carrier held; mWaitersLock guards the list of waiters only.
+// of the carrier held; mWaitersLock guards the list of waiters only. The
+// service hears of sub-services coming and going through mSubServiceEvents.
 class ServiceCarrier : public android::BBinder, public SubServiceProxyManager::Removeable {
   public:
     ServiceCarrier(tavrin::tv_sp<tavrin::IService>& service, tavrin::Protocol& protocol);
 
     android::status_t onTransact(uint32_t code, const android::Parcel& data, android::Parcel* reply,
                                  uint32_t flags) override;
-    void onSubServiceRemoved(std::string name) override;
+    void onSubServiceRemoved(std::string name,
+                             const tavrin::tv_sp<ISubServiceProxy>& record) override;
 
   protected:
     ~ServiceCarrier() override;
@@ -57,6 +61,7 @@ class ServiceCarrier : public android::BBinder, public SubServiceProxyManager::R
     tavrin::Protocol mProtocol;  // read only
     std::list<tavrin::Semaphore*> mWaiters;
     tavrin::Mutex mWaitersLock;  // guards mWaiters
+    SubServiceEvents mSubServiceEvents;
     const tavrin::tv_sp<tavrin::IService> mService;
 };
 

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <binder/IBinder.h>
+#include <stdint.h>
 
 #include <string>
 
@@ -20,14 +21,16 @@ class ISubServiceProxy : public tavrin::ISubServiceClient {
     virtual tavrin::Protocol& getProtocol() = 0;
     // Stops delivering notifications (its manager is going away).
     virtual void detach() = 0;
-    // The sub-service's death has been noticed (or it was dead already).
+    // The sub-service is known to be dead.
     virtual bool hasDied() = 0;
+    // Unique within the process (see newProxyIdentity).
+    virtual uint64_t getIdentity() = 0;
 
-    // Told that the process of the sub-service `name`, reached through
-    // `proxy`, died. `proxy` may be gone: it is compared, never used.
+    // Told that the process of the sub-service `name`, reached through the
+    // proxy of `identity`, died. That proxy may be gone already.
     class DeathRecipient {
       public:
-        virtual void onSubServiceDied(std::string name, const ISubServiceProxy* proxy) = 0;
+        virtual void onSubServiceDied(std::string name, uint64_t identity) = 0;
 
       protected:
         ~DeathRecipient() = default;

@@ -6,6 +6,7 @@
 #include <atomic>
 
 #include "Log/AutoTrace.h"
+#include "coupler/binder/ProxyIdentity.h"
 #include "coupler/binder/ResultFlag.h"
 #include "coupler/binder/clients/ClientsManager.h"
 #include "coupler/binder/sub-service/SubServiceCarrierCode.h"
@@ -39,7 +40,8 @@ SubServiceProxy::SubServiceProxy(std::string& name, android::sp<android::IBinder
       remote(remote),
       protocol(protocol),
       notifier(withNotifier ? new Notifier(clients, protocol) : nullptr),
-      deathRecipient(new SubServiceDeathRecipient(name, deathLink, this)) {
+      identity(newProxyIdentity()),
+      deathRecipient(new SubServiceDeathRecipient(name, deathLink, identity)) {
     AutoTrace trace("[Tavrin]", "SubServiceProxy", "SubServiceProxy", false);
     if (!withNotifier || registerNotifier()) watchAndNumber();
 }
@@ -108,7 +110,11 @@ void SubServiceProxy::detach() {
 }
 
 bool SubServiceProxy::hasDied() {
-    return deathRecipient->hasDied();
+    return deathRecipient->hasDied() || !remote->isBinderAlive();
+}
+
+uint64_t SubServiceProxy::getIdentity() {
+    return identity;
 }
 
 SubServiceProxy::Notifier::Notifier(const tavrin::tv_sp<ClientsManager>& clients,
@@ -116,15 +122,15 @@ SubServiceProxy::Notifier::Notifier(const tavrin::tv_sp<ClientsManager>& clients
     : NotificationReceiver(kLogTag, clients, protocol) {}
 
 SubServiceProxy::SubServiceDeathRecipient::SubServiceDeathRecipient(
-    const std::string& name, android::sp<SubServiceDeathLink>& link, const ISubServiceProxy* proxy)
-    : mName(name), mLink(link), mProxy(proxy) {}
+    const std::string& name, android::sp<SubServiceDeathLink>& link, uint64_t identity)
+    : mName(name), mLink(link), mIdentity(identity) {}
 
 void SubServiceProxy::SubServiceDeathRecipient::binderDied(
     const android::wp<android::IBinder>& /*who*/) {
     AutoTrace trace("[Tavrin]", "SubServiceProxy", "binderDied", false);
     __android_log_print(ANDROID_LOG_INFO, kLogTag, "sub service died,name[%s]", mName.c_str());
     mDied.store(true);
-    mLink->subServiceDied(mName, mProxy);
+    mLink->subServiceDied(mName, mIdentity);
 }
 
 }  // namespace tavrin_binder

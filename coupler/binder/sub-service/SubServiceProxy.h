@@ -52,6 +52,7 @@ class SubServiceProxy : public ISubServiceProxy {
     tavrin::Protocol& getProtocol() override;
     void detach() override;
     bool hasDied() override;
+    uint64_t getIdentity() override;
 
     class Notifier;
     class SubServiceDeathRecipient;
@@ -68,6 +69,7 @@ class SubServiceProxy : public ISubServiceProxy {
     const android::sp<android::IBinder> remote;
     tavrin::Protocol protocol;       // read only
     android::sp<Notifier> notifier;  // notifier form only
+    const uint64_t identity;
     android::sp<SubServiceDeathRecipient> deathRecipient;
     int session = -1;  // set during construction, read only afterwards
 };
@@ -80,11 +82,11 @@ class SubServiceProxy::Notifier : public NotificationReceiver {
 };
 
 // Reports the sub-service's death through the link; never touches the proxy,
-// which may be gone by then.
+// which may be gone by then, and names it by its identity.
 class SubServiceProxy::SubServiceDeathRecipient : public android::IBinder::DeathRecipient {
   public:
     SubServiceDeathRecipient(const std::string& name, android::sp<SubServiceDeathLink>& link,
-                             const ISubServiceProxy* proxy);
+                             uint64_t identity);
     void binderDied(const android::wp<android::IBinder>& who) override;
     void markDied() { mDied.store(true); }
     bool hasDied() const { return mDied.load(); }
@@ -92,7 +94,7 @@ class SubServiceProxy::SubServiceDeathRecipient : public android::IBinder::Death
   private:
     const std::string mName;
     const android::sp<SubServiceDeathLink> mLink;
-    const ISubServiceProxy* const mProxy;  // compared, never dereferenced
+    const uint64_t mIdentity;
     std::atomic<bool> mDied{false};
 };
 

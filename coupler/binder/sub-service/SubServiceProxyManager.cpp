@@ -2,9 +2,6 @@
 
 #include <android/log.h>
 
-#include <chrono>
-#include <thread>
-
 #include "Log/AutoTrace.h"
 #include "coupler/binder/clients/ClientsManager.h"
 #include "coupler/binder/sub-service/SubServiceProxy.h"
@@ -14,10 +11,6 @@ namespace tavrin_binder {
 namespace {
 
 constexpr const char* kLogTag = "[Tavrin][SubServiceProxyManager]";
-// How long a registration waits for the death of the name's previous holder
-// to be handled: a restarted sub-service may register right after it died.
-constexpr std::chrono::seconds kDeadHolderWait{2};
-constexpr std::chrono::milliseconds kDeadHolderPoll{5};
 
 }  // namespace
 
@@ -54,23 +47,22 @@ tavrin::tv_sp<ISubServiceProxy> SubServiceProxyManager::create(
 tavrin::tv_sp<ISubServiceProxy> SubServiceProxyManager::admit(
     const std::string& name, const tavrin::tv_sp<ISubServiceProxy>& proxy) {
     if (proxy->hasDied()) return tavrin::tv_sp<ISubServiceProxy>();
-    const auto deadline = std::chrono::steady_clock::now() + kDeadHolderWait;
-    while (!store(name, proxy)) {
-        tavrin::tv_sp<ISubServiceProxy> holder = find(name);
-        if ((holder && !holder->hasDied()) || std::chrono::steady_clock::now() >= deadline) {
-            return tavrin::tv_sp<ISubServiceProxy>();
-        }
-        std::this_thread::sleep_for(kDeadHolderPoll);
+    tavrin::tv_sp<ISubServiceProxy> deadHolder;
+    {
+        tavrin::AutoLock hold(mLock);
+        tavrin::tv_sp<ISubServiceProxy>& slot = mProxies[name];
+        if (slot && !slot->hasDied()) return tavrin::tv_sp<ISubServiceProxy>();
+        // A restarted sub-service may register before the notice of its
+        // predecessor's death has come: that notice will find nothing.
+        deadHolder = slot;
+        slot = proxy;
     }
+    if (deadHolder) mOwner->onSubServiceRemoved(name, deadHolder);
     // A death noticed before the proxy was stored found nothing to drop.
-    if (proxy->hasDied() && forget(name, proxy.get())) return tavrin::tv_sp<ISubServiceProxy>();
+    if (proxy->hasDied() && take(name, proxy->getIdentity())) {
+        return tavrin::tv_sp<ISubServiceProxy>();
+    }
     return proxy;
-}
-
-bool SubServiceProxyManager::store(const std::string& name,
-                                   const tavrin::tv_sp<ISubServiceProxy>& proxy) {
-    tavrin::AutoLock hold(mLock);
-    return mProxies.emplace(name, proxy).second;
 }
 
 tavrin::tv_sp<ISubServiceProxy> SubServiceProxyManager::find(const std::string& name) {
@@ -88,31 +80,33 @@ tavrin::tv_sp<ISubServiceProxy> SubServiceProxyManager::get(const std::string& n
     return proxy;
 }
 
-bool SubServiceProxyManager::forget(const std::string& name, const ISubServiceProxy* proxy) {
-    tavrin::tv_sp<ISubServiceProxy> removed;  // released after the lock
+tavrin::tv_sp<ISubServiceProxy> SubServiceProxyManager::take(const std::string& name,
+                                                             uint64_t identity) {
+    tavrin::tv_sp<ISubServiceProxy> taken;
     tavrin::AutoLock hold(mLock);
     auto entry = mProxies.find(name);
-    if (entry == mProxies.end() || entry->second.get() != proxy) return false;
-    removed = entry->second;
+    if (entry == mProxies.end() || entry->second->getIdentity() != identity) return taken;
+    taken = entry->second;
     mProxies.erase(entry);
-    return true;
+    return taken;
 }
 
-void SubServiceProxyManager::destory(const std::string& name, const ISubServiceProxy* proxy) {
+void SubServiceProxyManager::destory(const std::string& name, uint64_t identity) {
     AutoTrace trace("[Tavrin]", "SubServiceProxyManager", "destory", false);
-    tavrin::tv_sp<ISubServiceProxy> stored = find(name);
-    if (stored.get() != proxy) {
+    // Dropped from the map at once, so that a restarted sub-service may take
+    // the name while the owner is told; the owner's reference keeps the
+    // proxy until it has been told.
+    tavrin::tv_sp<ISubServiceProxy> removed = take(name, identity);
+    if (!removed) {
         __android_log_print(ANDROID_LOG_WARN, kLogTag,
                             "remove sub service proxy failed:proxy missing!!!");
         return;
     }
-    // The owner may still use the proxy while it is told; it goes afterwards.
-    mOwner->onSubServiceRemoved(name);
-    forget(name, proxy);
+    mOwner->onSubServiceRemoved(name, removed);
 }
 
-void SubServiceProxyManager::onSubServiceDied(std::string name, const ISubServiceProxy* proxy) {
-    destory(name, proxy);
+void SubServiceProxyManager::onSubServiceDied(std::string name, uint64_t identity) {
+    destory(name, identity);
 }
 
 }  // namespace tavrin_binder

@@ -21,15 +21,17 @@ class ClientsManager;
 // proxy when its sub-service dies and tells the owner.
 //
 // A member of its owner, which outlives it. Any thread; death notices come
-// on binder threads. mLock guards the map only: proxies are built, and
-// released, outside it, and the owner is told without it.
+// on binder threads, several at once. mLock guards the map only: proxies are
+// built, and released, outside it, and the owner is told without it.
 class SubServiceProxyManager : private ISubServiceProxy::DeathRecipient {
   public:
     // Implemented by the owners.
     class Removeable {
       public:
-        // The sub-service `name` died; its proxy is being dropped.
-        virtual void onSubServiceRemoved(std::string name) = 0;
+        // The sub-service `name` died: `proxy` has left the manager, and the
+        // reference passed here is the last one the manager keeps.
+        virtual void onSubServiceRemoved(std::string name,
+                                         const tavrin::tv_sp<ISubServiceProxy>& proxy) = 0;
 
       protected:
         ~Removeable() = default;
@@ -44,8 +46,8 @@ class SubServiceProxyManager : private ISubServiceProxy::DeathRecipient {
 
     // A notifier-form proxy (client side) or a plain-form one (master
     // side), stored and returned; a handle holding no object when `name` is
-    // held by a live sub-service or the new one is dead already. A name
-    // whose holder is known dead is taken over once that holder is dropped.
+    // held by a live sub-service or the new one is dead already. A holder
+    // known to be dead is dropped (its owner told) and replaced at once.
     tavrin::tv_sp<ISubServiceProxy> create(std::string& name, tavrin::Protocol& protocol,
                                            tavrin::tv_sp<ClientsManager>& clients,
                                            android::sp<android::IBinder> binder);
@@ -53,18 +55,18 @@ class SubServiceProxyManager : private ISubServiceProxy::DeathRecipient {
                                            android::sp<android::IBinder> binder);
     // The stored proxy, or a handle holding no object.
     tavrin::tv_sp<ISubServiceProxy> get(const std::string& name);
-    // When `proxy` is the one stored under `name`: tells the owner, then
-    // drops it.
-    void destory(const std::string& name, const ISubServiceProxy* proxy);
 
   private:
-    void onSubServiceDied(std::string name, const ISubServiceProxy* proxy) override;
+    void onSubServiceDied(std::string name, uint64_t identity) override;
+    // When the proxy of `identity` is the one stored under `name`: drops it
+    // and tells the owner.
+    void destory(const std::string& name, uint64_t identity);
     tavrin::tv_sp<ISubServiceProxy> admit(const std::string& name,
                                           const tavrin::tv_sp<ISubServiceProxy>& proxy);
-    bool store(const std::string& name, const tavrin::tv_sp<ISubServiceProxy>& proxy);
     tavrin::tv_sp<ISubServiceProxy> find(const std::string& name);
-    // Drops `proxy` if it is stored under `name`; true if it was.
-    bool forget(const std::string& name, const ISubServiceProxy* proxy);
+    // Removes the proxy of `identity` if it is stored under `name`, and
+    // hands it over.
+    tavrin::tv_sp<ISubServiceProxy> take(const std::string& name, uint64_t identity);
 
     Removeable* const mOwner;
     android::sp<SubServiceDeathLink> mDeathLink;  // shared with the proxies' death recipients
