@@ -55,23 +55,29 @@ tavrin::tv_sp<ServiceProxy> Discoverer_Binder::proxyFor(const std::string& servi
                                                         const std::string& loggedName,
                                                         tavrin::Protocol& protocol,
                                                         const char* failure) {
+    tavrin::tv_sp<ServiceProxy> proxy = ServiceProxyManager::self().get(serviceName);
+    if (proxy) return proxy;
+    // Binds that come while another connects to the service take its
+    // outcome: one proxy, one notifier, and one wait for a missing name.
+    mConnects.share(
+        serviceName, Connects::kNoDeadline,
+        [&] { return connect(serviceName, loggedName, protocol); }, &proxy);
+    if (!proxy) __android_log_print(ANDROID_LOG_INFO, kLogTag, failure, serviceName.c_str());
+    return proxy;
+}
+
+tavrin::tv_sp<ServiceProxy> Discoverer_Binder::connect(const std::string& serviceName,
+                                                       const std::string& loggedName,
+                                                       tavrin::Protocol& protocol) {
     ServiceProxyManager& proxies = ServiceProxyManager::self();
+    // Registered by an attempt that ended since this bind looked.
     tavrin::tv_sp<ServiceProxy> proxy = proxies.get(serviceName);
     if (proxy) return proxy;
-    // Two proxies of one service in a process would each register a
-    // notifier, and the service keeps only the first: connect one at a time.
-    NameLocks::Hold serialised(connects, serviceName);
-    proxy = proxies.get(serviceName);
-    if (proxy) return proxy;
-
     __android_log_print(ANDROID_LOG_INFO, kLogTag, "create service proxy,service[%s]",
                         loggedName.c_str());
     tavrin::tv_sp<ClientsManager> clients(new ClientsManager());
     proxy = tavrin::tv_sp<ServiceProxy>(new ServiceProxy(clients, serviceName, protocol));
-    if (!proxy->connect()) {
-        __android_log_print(ANDROID_LOG_INFO, kLogTag, failure, serviceName.c_str());
-        return tavrin::tv_sp<ServiceProxy>(nullptr);
-    }
+    if (!proxy->connect()) return tavrin::tv_sp<ServiceProxy>(nullptr);
     proxies.registered(serviceName, proxy);
     // A death noticed before the proxy was registered could not remove it.
     if (proxy->hasDied()) proxies.unregistered(serviceName, proxy.get());

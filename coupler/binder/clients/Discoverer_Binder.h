@@ -4,7 +4,8 @@
 #include <string>
 
 #include "IDiscoverer.h"
-#include "coupler/binder/NameLocks.h"
+#include "coupler/binder/SharedAttempts.h"
+#include "tv_sp.h"
 
 namespace tavrin_binder {
 
@@ -16,8 +17,9 @@ class ServiceProxy;
 // pool once, and returns a new client handle.
 //
 // One per process, made by the coupler's factory and held by its static
-// tv_sp until exit. Any user thread: first binds to one service run one at
-// a time and share one proxy; binds to other services go on meanwhile.
+// tv_sp until exit. Any user thread: first binds to one service that run at
+// the same time share one connection attempt and its outcome; binds to other
+// services go on meanwhile.
 class Discoverer_Binder : public tavrin::IDiscoverer {
   public:
     Discoverer_Binder() = default;
@@ -28,15 +30,22 @@ class Discoverer_Binder : public tavrin::IDiscoverer {
                                           int timeout, int tag) override;
 
   private:
+    using Connects = SharedAttempts<tavrin::tv_sp<ServiceProxy>>;
+
     // The registered proxy of `serviceName`, connected now if there is none;
-    // null (after logging `failure` with `failedName`) when it cannot connect.
+    // null (after logging `failure` with the service name) when it cannot
+    // connect.
     tavrin::tv_sp<ServiceProxy> proxyFor(const std::string& serviceName,
                                          const std::string& loggedName, tavrin::Protocol& protocol,
                                          const char* failure);
+    // A new proxy of `serviceName`, connected and registered; null when it
+    // cannot connect.
+    tavrin::tv_sp<ServiceProxy> connect(const std::string& serviceName,
+                                        const std::string& loggedName, tavrin::Protocol& protocol);
     void startProxy();
 
     std::once_flag started;
-    NameLocks connects;  // keyed by service name
+    Connects mConnects;  // keyed by service name
 };
 
 }  // namespace tavrin_binder

@@ -4,6 +4,9 @@
 #include <binder/IServiceManager.h>
 #include <binder/Parcel.h>
 
+#include <algorithm>
+#include <chrono>
+
 #include "Log/AutoTrace.h"
 #include "coupler/binder/ProxyIdentity.h"
 #include "coupler/binder/ResultFlag.h"
@@ -16,6 +19,9 @@ namespace tavrin_binder {
 namespace {
 
 constexpr const char* kLogTag = "[Tavrin][ServiceProxy]";
+// How much longer than its own time-out a bind may wait for the answer that
+// another bind is getting: one answer's way back.
+constexpr std::chrono::milliseconds kJoinedAnswerGrace{200};
 
 }  // namespace
 
@@ -77,12 +83,32 @@ bool ServiceProxy::disconnect() {
 int ServiceProxy::connectTo(std::string& subServiceName, tavrin::Protocol& subProtocol,
                             int timeout) {
     AutoTrace trace("[Tavrin]", "ServiceProxy", "connectTo", false);
-    // Two proxies of one sub-service in a process would each register a
-    // notifier, and the sub-service keeps only the first.
-    NameLocks::Hold serialised(subServiceConnects, subServiceName);
-    tavrin::tv_sp<ISubServiceProxy> held = subServiceProxies.get(subServiceName);
-    if (held) return held->getSession();
+    using Clock = SubServiceConnects::Clock;
+    const Clock::time_point until = Clock::now() + std::chrono::milliseconds(std::max(timeout, 0));
+    // Binds that come while another asks the master for the sub-service wait
+    // for its answer rather than asking again, but none waits much longer
+    // than its own time-out. Two proxies of one sub-service in a process
+    // would each register a notifier, and the sub-service keeps only the
+    // first.
+    int askFor = timeout;
+    for (;;) {
+        tavrin::tv_sp<ISubServiceProxy> held = subServiceProxies.get(subServiceName);
+        if (held && !held->hasDied()) return held->getSession();
+        int session = -1;
+        const auto shared = subServiceConnects.share(
+            subServiceName, until + kJoinedAnswerGrace,
+            [&] { return fetchSubService(subServiceName, subProtocol, askFor); }, &session);
+        if (shared != SubServiceConnects::Share::JOINED || session >= 0) return session;
+        // The other bind gave up sooner than this one would.
+        const auto left =
+            std::chrono::duration_cast<std::chrono::milliseconds>(until - Clock::now());
+        if (left.count() < 0) return -1;
+        askFor = static_cast<int>(left.count());
+    }
+}
 
+int ServiceProxy::fetchSubService(std::string& subServiceName, tavrin::Protocol& subProtocol,
+                                  int timeout) {
     android::Parcel request;
     android::Parcel reply;
     if (request.writeCString(subServiceName.c_str()) != 0) {

@@ -8,7 +8,7 @@
 #include "ClientInfo.h"
 #include "IPCClass.h"
 #include "Protocol.h"
-#include "coupler/binder/NameLocks.h"
+#include "coupler/binder/SharedAttempts.h"
 #include "coupler/binder/clients/NotificationReceiver.h"
 #include "coupler/binder/sub-service/SubServiceProxyManager.h"
 #include "tv_sp.h"
@@ -63,10 +63,15 @@ class ServiceProxy final : public SubServiceProxyManager::Removeable {
     class ServiceDeathRecipient;
 
   private:
+    using SubServiceConnects = SharedAttempts<int>;
+
+    // GET_SUB_SERVICE, then the sub-service's proxy: its session, or -1.
+    int fetchSubService(std::string& subServiceName, tavrin::Protocol& protocol, int timeout);
+
     tavrin::tv_sp<ClientsManager> clientsManager;
     const std::string name;
     tavrin::Protocol protocol;              // read only
-    NameLocks subServiceConnects;           // one GET_SUB_SERVICE at a time per sub-service name
+    SubServiceConnects subServiceConnects;  // keyed by sub-service name
     android::sp<android::IBinder> service;  // set by connect, before the proxy is shared
     android::sp<Notifier> notifier;
     const uint64_t identity;
