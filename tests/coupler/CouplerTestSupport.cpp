@@ -2,6 +2,9 @@
 
 #include <android/log.h>
 #include <binder/IServiceManager.h>
+#include <binder/ProcessState.h>
+#include <stdlib.h>
+#include <string.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -34,11 +37,27 @@ std::string textOfValue(IPCClass* value) {
     return value != nullptr ? static_cast<Msg*>(value)->text() : "null";
 }
 
-// Hands the library's warnings and errors to the test, one line each.
+// Hands the library's warnings and errors to the test, one line each. With
+// TVTEST_STALL_ON set, the first thread to log a line that contains it says
+// "stalled" and waits there until the test sends a line.
 void forwardLibraryWarnings() {
+    if (getenv("TVTEST_STALL_ON") != nullptr)
+        __android_log_set_minimum_priority(ANDROID_LOG_VERBOSE);
     __android_log_set_logger([](const __android_logger_data* data, const char* message) {
+        static const char* const stallOn = getenv("TVTEST_STALL_ON");
+        static std::atomic<bool> stalled{false};
         if (data->priority >= ANDROID_LOG_WARN) ParentChannel::send(std::string("log ") + message);
+        if (stallOn != nullptr && strstr(message, stallOn) != nullptr && !stalled.exchange(true)) {
+            ParentChannel::send("stalled");
+            ParentChannel::receive(20s);
+        }
     });
+}
+
+// Sub-services named so make the master's callbacks slow, to let the test
+// act while they run.
+bool named(const std::string& name, const char* prefix) {
+    return name.rfind(prefix, 0) == 0;
 }
 
 // "notify": a one-way note and a question to the caller, from inside its call.
@@ -51,6 +70,7 @@ std::string notifyCaller(tavrin::INotifier* notifier, ClientInfo& client) {
 
 class TestService : public tavrin::IService {
   public:
+    ~TestService() override { ParentChannel::send("released"); }
     tv_sp<IPCClass> onAction(IPCClass* action, ClientInfo& client) override {
         std::istringstream words(textOfValue(action));
         std::string verb, rest;
@@ -75,14 +95,24 @@ class TestService : public tavrin::IService {
     void setNotifier(tavrin::INotifier* notifier) override { mNotifier = notifier; }
     void onClientDied(int pid) override { ParentChannel::send("died " + std::to_string(pid)); }
     bool acceptSubService(std::string& name) override { return name.rfind("deny", 0) != 0; }
+    // "removed NAME RESULT": the handle still answers, with nothing.
     void onSubServiceRemoved(std::string& name) override {
+        if (named(name, "slowbye")) {
+            ParentChannel::send("removing " + name);
+            std::this_thread::sleep_for(3s);
+        }
+        std::string result = callSubService(name + " bye");
         {
             std::lock_guard<std::mutex> hold(mLock);
             mSubServices.erase(name);
         }
-        ParentChannel::send("removed " + name);
+        ParentChannel::send("removed " + name + " " + result);
     }
     void onSubServiceRegistered(std::string& name, tavrin::ISubServiceClient* client) override {
+        if (named(name, "slowreg")) {
+            ParentChannel::send("registering " + name);
+            std::this_thread::sleep_for(1s);
+        }
         {
             std::lock_guard<std::mutex> hold(mLock);
             mSubServices[name] = client;
@@ -93,8 +123,11 @@ class TestService : public tavrin::IService {
         return name.rfind("noproto", 0) == 0 ? nullptr : &mProtocol;
     }
     tv_sp<IPCClass> getSubServiceConfig(std::string& name) override {
-        return name.rfind("noconf", 0) == 0 ? tv_sp<IPCClass>(nullptr)
-                                            : reply("config for " + name);
+        if (named(name, "slowconf")) {
+            ParentChannel::send("configuring " + name);
+            std::this_thread::sleep_for(1s);
+        }
+        return named(name, "noconf") ? tv_sp<IPCClass>(nullptr) : reply("config for " + name);
     }
     tv_sp<IPCClass> onSubServiceAction(IPCClass* action, std::string& name) override {
         return reply("master got " + textOfValue(action) + " from " + name);
@@ -109,7 +142,7 @@ class TestService : public tavrin::IService {
         std::getline(words >> std::ws, text);
         std::lock_guard<std::mutex> hold(mLock);  // the client lives until onSubServiceRemoved
         auto entry = mSubServices.find(name);
-        if (entry == mSubServices.end()) return "no sub service";
+        if (entry == mSubServices.end()) return "unregistered";
         Msg action(text);
         return textOf(entry->second->ipcCall(action));
     }
@@ -120,10 +153,17 @@ class TestService : public tavrin::IService {
     std::map<std::string, tavrin::ISubServiceClient*> mSubServices;
 };
 
+int publishSubService(const std::string& name, const std::string& master, const std::string& again);
+
 class TestSubService : public tavrin::ISubService {
   public:
+    TestSubService(std::string master, std::string again)
+        : mMasterName(std::move(master)), mAgain(std::move(again)) {}
+
+    // Publishes `again` from here when asked to.
     void onConfig(IPCClass* config) override {
         ParentChannel::send("config " + textOfValue(config));
+        if (!mAgain.empty()) publishSubService(mAgain, mMasterName, "");
     }
     tv_sp<IPCClass> onMasterAction(IPCClass* action) override {
         return reply("sub got " + textOfValue(action));
@@ -145,56 +185,68 @@ class TestSubService : public tavrin::ISubService {
     void setNotifier(tavrin::INotifier* notifier) override { mNotifier = notifier; }
 
   private:
+    const std::string mMasterName;
+    const std::string mAgain;
     tavrin::IMasterServiceProxy* mMaster = nullptr;
     tavrin::INotifier* mNotifier = nullptr;
 };
 
-// Publishes a second service once the first has taken the main thread.
-void publishSecond(const std::string& name) {
-    while (processNameOf(getpid()) != "AnnBdSrv") std::this_thread::sleep_for(2ms);
+// Says "`what` RC" while it still holds the service, so that a "released"
+// line can only follow.
+void publish(const std::string& name, const std::string& what) {
     tavrin::ServiceInfo info(name, "Binder");
     tavrin::Protocol protocol = msgProtocol();
     tv_sp<tavrin::IService> service(new TestService());
-    ParentChannel::send("second " + std::to_string(tavrin_binder::createAnnouncer()->publish(
-                                        info, protocol, service)));
+    const int result = tavrin_binder::createAnnouncer()->publish(info, protocol, service);
+    ParentChannel::send(what + " " + std::to_string(result));
 }
 
-// Serves until killed; the answer of a failed publish is its result.
+// Publishes more services once the first has taken the main thread.
+void publishMore(std::vector<std::string> names) {
+    while (processNameOf(getpid()) != "AnnBdSrv") std::this_thread::sleep_for(2ms);
+    for (const std::string& name : names) publish(name, "second");
+}
+
+// "service NAME [MORE_NAMES...]": serves until killed.
 TVTEST_CHILD_ROLE(service) {
     forwardLibraryWarnings();
-    if (args.size() > 1) std::thread(publishSecond, args[1]).detach();
-    tavrin::ServiceInfo info(args.at(0), "Binder");
-    tavrin::Protocol protocol = msgProtocol();
-    tv_sp<tavrin::IService> service(new TestService());
-    const int result = tavrin_binder::createAnnouncer()->publish(info, protocol, service);
-    ParentChannel::send("published " + std::to_string(result));
+    if (args.size() > 1) {
+        std::thread(publishMore, std::vector<std::string>(args.begin() + 1, args.end())).detach();
+    }
+    publish(args.at(0), "published");
+    // A refused publish starts no threads: without them the service
+    // manager's release of the carrier would never be read.
+    android::ProcessState::self()->startThreadPool();
+    ParentChannel::receive(600s);
     return 0;
 }
 
-int publishSubService(const std::string& name, const std::string& master) {
+int publishSubService(const std::string& name, const std::string& master,
+                      const std::string& again) {
     tavrin::SubServiceInfo info(name, master, "Binder");
     tavrin::Protocol clientProtocol = msgProtocol();
     tavrin::Protocol masterProtocol = msgProtocol();
-    tv_sp<tavrin::ISubService> subService(new TestSubService());
+    tv_sp<tavrin::ISubService> subService(new TestSubService(master, again));
     const int result =
         tavrin_binder::createAnnouncer()->publish(info, clientProtocol, masterProtocol, subService);
     ParentChannel::send("published " + std::to_string(result));
     return result;
 }
 
-// "subservice NAME MASTER [SECOND_NAME]": the second publish is made too.
+// "subservice NAME MASTER [SECOND_NAME]": the second publish is made from
+// inside the first one's configuration.
 TVTEST_CHILD_ROLE(subservice) {
     forwardLibraryWarnings();
-    if (publishSubService(args.at(0), args.at(1)) != 0) return 0;
-    if (args.size() > 2) publishSubService(args[2], args[1]);
+    if (publishSubService(args.at(0), args.at(1), args.size() > 2 ? args[2] : "") != 0) return 0;
     ParentChannel::receive(600s);
     return 0;
 }
 
+// "client SERVICE [SUB_SERVICE TIMEOUT_MS]"
 TVTEST_CHILD_ROLE(client) {
-    tavrin::ServiceInfo info(args.at(0), "Binder");
-    tavrin::Protocol protocol = msgProtocol();
-    tv_sp<tavrin::IClient> client = tavrin::Discoverer::self().bindTo(info, protocol, 1);
+    tv_sp<tavrin::IClient> client = args.size() > 2
+                                        ? bindSubService(args[1], args[0], std::stoi(args[2]), 1)
+                                        : bindService(args.at(0), 1);
     ParentChannel::send(client ? "bound" : "unbound");
     ParentChannel::receive(600s);
     return 0;

@@ -54,11 +54,18 @@ bool awaitLine(tvtest::ChildProcess& child, const std::string& expected,
 // The child's /proc comm name.
 std::string processNameOf(pid_t pid);
 
-// Children: a master service "service NAME [SECOND_NAME]", a sub-service
-// "subservice NAME MASTER [SECOND_NAME]", a client "client SERVICE". Each reports on its
-// pipe: "died PID", "registered NAME", "removed NAME", "config TEXT",
-// "published RC", "second RC", "bound", and "log TEXT" for the library's
-// warnings and errors.
+// Children: a master service "service NAME [MORE_NAMES...]", a sub-service
+// "subservice NAME MASTER [SECOND_NAME]" (published again from its
+// configuration), a client "client SERVICE [SUB_SERVICE TIMEOUT_MS]". Each
+// reports on its pipe: "died PID", "registered NAME", "removed NAME RESULT"
+// (of a call through the handle it had), "released" (the service object),
+// "config TEXT", "published RC", "second RC", "bound"/"unbound", and "log
+// TEXT" for the library's warnings and errors. Sub-services named
+// "slowconf-", "slowreg-" and "slowbye-" make the master's callbacks slow,
+// announced by "configuring NAME", "registering NAME" and "removing NAME".
+// With TVTEST_STALL_ON set, a child stops at the first log line (of any
+// priority) that contains it, says "stalled", and goes on at the test's next
+// line.
 tvtest::ChildProcess startService(const std::string& name,
                                   const std::vector<std::string>& more = {});
 tvtest::ChildProcess startSubService(const std::string& name, const std::string& master,

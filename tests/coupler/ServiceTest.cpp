@@ -4,17 +4,25 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <stdlib.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
+#include <functional>
+#include <future>
+#include <list>
+#include <memory>
 #include <mutex>
 #include <set>
 #include <sstream>
+#include <stdexcept>
 #include <thread>
 
 #include "CouplerTestSupport.h"
 #include "ProcSupport.h"
 #include "tavrin/LogCapture.h"
+#include "utils/Semaphore.h"
 
 namespace coupler_test {
 namespace {
@@ -161,18 +169,31 @@ TEST(ServiceNotifications, ReachExactlyTheAddressedHandleAlsoInsideItsCall) {
     EXPECT_EQ(call(first, "notifyex 1 1"), "answer from replacement");
 }
 
+bool isFree(const std::string& name) {
+    return android::defaultServiceManager()->checkService(android::String16(name.c_str())) ==
+           nullptr;
+}
+
 bool nameIsFree(const std::string& name) {
-    return tvproc::waitUntil(
-        [&] {
-            return android::defaultServiceManager()->checkService(
-                       android::String16(name.c_str())) == nullptr;
-        },
-        20s);
+    return tvproc::waitUntil([&] { return isFree(name); }, 20s);
 }
 
 TEST(ServiceDeaths, ClientDeathIsReportedOnceAndServiceDeathOrphansTheProxy) {
     const std::string name = uniqueName("svc");
+    // The first client dies while the service files its notifier, before
+    // the service watches it: it is told all the same.
+    setenv("TVTEST_STALL_ON", "[NotifierManager][addNotifier]", 1);
     tvtest::ChildProcess service = startService(name);
+    unsetenv("TVTEST_STALL_ON");
+    {
+        tvtest::ChildProcess client("client", {name});
+        ASSERT_TRUE(awaitLine(service, "stalled"));
+        client.kill(SIGKILL);
+        client.wait();
+        std::this_thread::sleep_for(300ms);  // for the service to learn of the death first
+        service.writeLine("go");
+        EXPECT_TRUE(awaitLine(service, "died " + std::to_string(client.pid())));
+    }
     {
         tvtest::ChildProcess client("client", {name});
         ASSERT_TRUE(awaitLine(client, "bound"));
@@ -194,27 +215,145 @@ TEST(ServiceDeaths, ClientDeathIsReportedOnceAndServiceDeathOrphansTheProxy) {
     EXPECT_THAT(log.lines(), Contains(LogLine{ANDROID_LOG_INFO, "[Tavrin][ServiceProxy]",
                                               "service died [" + name + "]"}));
     EXPECT_EQ(call(client, "whoami"), "null");
+}
 
-    // The next bind connects afresh to the restarted service: a new proxy
-    // numbers its clients from 1 again; the old handle stays on the dead one.
+// Holds threads of the library at chosen points: the first thread that logs
+// a chosen line (after logging another one, if asked) waits there until the
+// test opens the gate. One at a time per process.
+class LogGate {
+  public:
+    LogGate() : mPreviousPriority(__android_log_set_minimum_priority(ANDROID_LOG_VERBOSE)) {
+        __android_log_set_logger(&LogGate::log);
+    }
+    ~LogGate() {
+        __android_log_set_logger(__android_log_stderr_logger);
+        __android_log_set_minimum_priority(mPreviousPriority);
+        std::lock_guard<std::mutex> hold(state().lock);
+        for (Stop& stop : state().stops) stop.open.post();
+    }
+
+    void close(const std::string& line, const std::string& after = "") {
+        std::lock_guard<std::mutex> hold(state().lock);
+        state().stops.emplace_back(line, after);
+    }
+    bool awaitStopped(const std::string& line) {
+        return tvproc::waitUntil([&] { return find(line).reached.load(); }, 20s);
+    }
+    void open(const std::string& line) { find(line).open.post(); }
+    bool awaitLogged(const std::string& line) {
+        return tvproc::waitUntil(
+            [&] {
+                std::lock_guard<std::mutex> hold(state().lock);
+                return state().logged.count(line) > 0;
+            },
+            20s);
+    }
+
+  private:
+    struct Stop {
+        Stop(const std::string& line, const std::string& after) : line(line), after(after) {}
+        const std::string line;
+        const std::string after;
+        std::atomic<bool> reached{false};
+        tavrin::Semaphore open;
+    };
+    struct State {
+        std::mutex lock;  // guards logged and stops
+        std::set<std::string> logged;
+        std::list<Stop> stops;
+    };
+
+    static State& state() {
+        static State* const instance = new State;
+        return *instance;
+    }
+    static Stop& find(const std::string& line) {
+        std::lock_guard<std::mutex> hold(state().lock);
+        for (Stop& stop : state().stops) {
+            if (stop.line == line) return stop;
+        }
+        throw std::logic_error("no stop at " + line);
+    }
+    static void log(const __android_logger_data* /*data*/, const char* message) {
+        thread_local std::set<std::string> loggedHere;
+        loggedHere.insert(message);
+        Stop* reached = nullptr;
+        {
+            std::lock_guard<std::mutex> hold(state().lock);
+            state().logged.insert(message);
+            for (Stop& stop : state().stops) {
+                if (stop.line == message &&
+                    (stop.after.empty() || loggedHere.count(stop.after) > 0) &&
+                    !stop.reached.exchange(true)) {
+                    reached = &stop;
+                }
+            }
+        }
+        if (reached != nullptr) reached->open.wait();
+    }
+
+    const int mPreviousPriority;
+};
+
+TEST(ServiceDeaths, ALateNoticeLeavesTheNextProxyOfTheNameAlone) {
+    const std::string name = uniqueName("svc");
+    tvtest::ChildProcess first = startService(name);
+    std::unique_ptr<tvtest::ChildProcess> second;
+    std::future<tv_sp<IClient>> binds;  // goes after the gate has let everybody go
+    // The first service dies after its bind connected and before the proxy
+    // is registered; the notice waits until that bind has dropped the proxy
+    // and a new one, perhaps at the same address, serves the second service.
+    LogGate gate;
+    const std::string registering = "[ServiceProxyManager][registered] [-IN-]\n";
+    const std::string lookingUp = "[ServiceProxyManager][get] [-IN-]\n";
+    gate.close(registering);
+    gate.close(lookingUp, "service died [" + name + "]");
+    binds = std::async(std::launch::async, [&] {
+        tv_sp<IClient> orphaned = bindService(name, 4);
+        EXPECT_EQ(call(orphaned, "whoami"), "null");
+        orphaned = tv_sp<IClient>();
+        return bindService(name, 4);
+    });
+    ASSERT_TRUE(gate.awaitStopped(registering));
+    first.kill(SIGKILL);
+    first.wait();
+    ASSERT_TRUE(gate.awaitStopped(lookingUp));
     ASSERT_TRUE(nameIsFree(name));
-    tvtest::ChildProcess restarted = startService(name);
-    tv_sp<IClient> again = bindService(name, 4);
+    second.reset(new tvtest::ChildProcess(startService(name)));
+    ASSERT_TRUE(tvproc::waitUntil([&] { return !isFree(name); }, 20s));
+    gate.open(registering);
+    tv_sp<IClient> again = binds.get();
     ASSERT_TRUE(again);
-    EXPECT_EQ(call(again, "whoami"), clientInfoText(4, 1));
-    EXPECT_EQ(call(client, "whoami"), "null");
+    gate.open(lookingUp);
+    ASSERT_TRUE(gate.awaitLogged("[ServiceProxy][binderDied] [-OUT-]\n"));
+    // The new proxy stays registered: the next bind shares it.
+    tv_sp<IClient> shared = bindService(name, 5);
+    ASSERT_TRUE(shared);
+    EXPECT_EQ(call(shared, "whoami"), clientInfoText(5, 2));
+}
+
+// Runs `bind` on `count` threads at once; the slowest one's time.
+std::chrono::milliseconds slowestOf(int count, const std::function<void()>& bind) {
+    const auto start = std::chrono::steady_clock::now();
+    std::vector<std::thread> threads;
+    for (int i = 0; i < count; ++i) threads.emplace_back(bind);
+    for (std::thread& thread : threads) thread.join();
+    return std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() -
+                                                                 start);
 }
 
 TEST(ServiceFailures, AreReportedAndLeaveNothingBroken) {
-    android::defaultServiceManager()->setGetServiceTimeout(300ms);
+    android::defaultServiceManager()->setGetServiceTimeout(1s);
     LogCapture log;
-    EXPECT_FALSE(bindService("absent", 1));
-    EXPECT_THAT(log.lines(), Contains(LogLine{ANDROID_LOG_ERROR, "[Tavrin][ServiceProxy]",
-                                              "connect failed:ServiceManager have no service "
-                                              "named [absent]"}));
-    EXPECT_THAT(log.lines(),
-                Contains(LogLine{ANDROID_LOG_INFO, "[Tavrin][Discoverer_Binder]",
-                                 "create service proxy failed,connect faild[absent]"}));
+    // Binds at the same time share one connection attempt, and its failure.
+    EXPECT_LT(slowestOf(6, [] { EXPECT_FALSE(bindService("absent", 1)); }), 3s);
+    EXPECT_EQ(countLines(log, {ANDROID_LOG_ERROR, "[Tavrin][ServiceProxy]",
+                               "connect failed:ServiceManager have no service named [absent]"}),
+              1u);
+    EXPECT_EQ(countLines(log, {ANDROID_LOG_INFO, "[Tavrin][Discoverer_Binder]",
+                               "create service proxy failed,connect faild[absent]"}),
+              6u);
+    android::defaultServiceManager()->setGetServiceTimeout(300ms);
     EXPECT_FALSE(bindSubService("tuner", "absent", 0, 1));
     EXPECT_THAT(
         log.lines(),
@@ -229,6 +368,15 @@ TEST(ServiceFailures, AreReportedAndLeaveNothingBroken) {
     EXPECT_EQ(countLines(log, {ANDROID_LOG_ERROR, "[Tavrin][ServiceProxy]",
                                "connect sub service failed!!!! [nosuch]"}),
               2u);
+    // A bind never waits much longer than its own time-out, whatever other
+    // binds to the same sub-service wait for.
+    auto patient = std::async(std::launch::async, [&] {
+        return slowestOf(1, [&] { EXPECT_FALSE(bindSubService("nosuch", name, 3000, 1)); });
+    });
+    std::this_thread::sleep_for(300ms);
+    EXPECT_LT(slowestOf(1, [&] { EXPECT_FALSE(bindSubService("nosuch", name, 0, 1)); }), 1s);
+    EXPECT_LT(slowestOf(1, [&] { EXPECT_FALSE(bindSubService("nosuch", name, 1000, 1)); }), 2s);
+    EXPECT_GE(patient.get(), 2500ms);
     EXPECT_THAT(log.lines(), Contains(LogLine{ANDROID_LOG_INFO, "[Tavrin][Discoverer_Binder]",
                                               "create service proxy failed,connect sub service "
                                               "faild[nosuch]"}));
@@ -245,6 +393,8 @@ TEST(ServiceFailures, AreReportedAndLeaveNothingBroken) {
     EXPECT_TRUE(awaitLine(copy, "log publish failed:service manager refused [" + name +
                                     "],status[" + std::to_string(android::ALREADY_EXISTS) + "]"));
     EXPECT_TRUE(awaitLine(copy, "published -1"));
+    // Nothing of the copy is kept: the application's service goes too.
+    EXPECT_TRUE(awaitLine(copy, "released"));
     EXPECT_NE(processNameOf(copy.pid()), "AnnBdSrv");
     EXPECT_EQ(call(client, "whoami"), clientInfoText(1, 1));
 }

@@ -66,13 +66,17 @@ TEST_F(SubServices, RegisterWithTheMasterAndTalkToClientsAndMasterBothWays) {
                               [&] { return bindSubService(mSubName, mMasterName, 20000, 2); });
     std::this_thread::sleep_for(200ms);
     const std::string ignored = mSubName + ".second";
-    std::unique_ptr<tvtest::ChildProcess> sub = startSub({ignored});
+    tvtest::ChildProcess sub = startSubService(mSubName, mMasterName, {ignored});
+    EXPECT_TRUE(awaitLine(sub, "config config for " + mSubName));
+    // The process carries one sub-service: a second publish, made from
+    // inside the configuration, changes nothing.
+    EXPECT_TRUE(awaitLine(sub, "log sub service already active,[" + mSubName + "]"));
+    EXPECT_TRUE(awaitLine(sub, "published 0"));
+    EXPECT_TRUE(awaitLine(sub, "published 0"));
+    EXPECT_TRUE(awaitLine(*mMaster, "registered " + mSubName));
     tv_sp<IClient> subClient = waiting.get();
     ASSERT_TRUE(subClient);
-    EXPECT_EQ(processNameOf(sub->pid()), "AnnBdPb");
-    // The process carries one sub-service: a second publish changes nothing.
-    EXPECT_TRUE(awaitLine(*sub, "log sub service already active,[" + mSubName + "]"));
-    EXPECT_TRUE(awaitLine(*sub, "published 0"));
+    EXPECT_EQ(processNameOf(sub.pid()), "AnnBdPb");
     EXPECT_FALSE(awaitLine(*mMaster, "registered " + ignored, 300ms));
 
     // Clients of a master and of its sub-services share one sequence of objIDs.
@@ -110,8 +114,8 @@ TEST_F(SubServices, DeathsReachEverySideAndARestartedSubServiceServesNewBinds) {
 
     sub->kill(SIGKILL);
     sub->wait();
-    EXPECT_TRUE(awaitLine(*mMaster, "removed " + mSubName));
-    EXPECT_FALSE(awaitLine(*mMaster, "removed " + mSubName, 300ms));
+    EXPECT_TRUE(awaitLine(*mMaster, "removed " + mSubName + " null"));
+    EXPECT_FALSE(awaitLine(*mMaster, "removed " + mSubName + " null", 300ms));
     EXPECT_TRUE(tvproc::waitUntil(
         [&] {
             for (const LogLine& line : log.lines()) {
@@ -144,6 +148,61 @@ TEST_F(SubServices, DeathsReachEverySideAndARestartedSubServiceServesNewBinds) {
     EXPECT_TRUE(awaitLine(*sub, "log controoler died!!!,sub service[" + mSubName + "]"));
     const int status = sub->wait(20s);
     EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == EXIT_FAILURE) << status;
+}
+
+// The master's lines until `last`, which is not among them.
+std::vector<std::string> linesUntil(tvtest::ChildProcess& child, const std::string& last) {
+    std::vector<std::string> lines;
+    for (std::string line = child.readLine(); line != last; line = child.readLine()) {
+        if (line.empty()) {
+            ADD_FAILURE() << "no " << last;
+            break;
+        }
+        lines.push_back(line);
+    }
+    return lines;
+}
+
+TEST_F(SubServices, ASubServiceThatDiesWhileItRegistersIsAnnouncedInOrderOrNotAtAll) {
+    tv_sp<IClient> serviceClient = bindService(mMasterName, 1);
+    ASSERT_TRUE(serviceClient);
+    // Killed while the master makes its configuration: never announced.
+    const std::string unconfigured = uniqueName("slowconf");
+    tvtest::ChildProcess first = startSubService(unconfigured, mMasterName);
+    ASSERT_TRUE(awaitLine(*mMaster, "configuring " + unconfigured));
+    first.kill(SIGKILL);
+    first.wait();
+    // Killed while the master is told of it: told of its removal afterwards,
+    // through a handle that still answers.
+    const std::string announced = uniqueName("slowreg");
+    tvtest::ChildProcess second = startSubService(announced, mMasterName);
+    ASSERT_TRUE(awaitLine(*mMaster, "registering " + announced));
+    second.kill(SIGKILL);
+    second.wait();
+    EXPECT_EQ(linesUntil(*mMaster, "removed " + announced + " null"),
+              std::vector<std::string>{"registered " + announced});
+    EXPECT_EQ(call(serviceClient, "sub " + announced + " hi"), "unregistered");
+    EXPECT_EQ(call(serviceClient, "sub " + unconfigured + " hi"), "unregistered");
+}
+
+TEST_F(SubServices, ASlowRemovalHoldsUpNothingButItself) {
+    const std::string slow = uniqueName("slowbye");
+    std::unique_ptr<tvtest::ChildProcess> slowSub(
+        new tvtest::ChildProcess(startSubService(slow, mMasterName)));
+    ASSERT_TRUE(awaitLine(*mMaster, "registered " + slow));
+    std::unique_ptr<tvtest::ChildProcess> other = startSub();
+    slowSub->kill(SIGKILL);
+    slowSub->wait();
+    ASSERT_TRUE(awaitLine(*mMaster, "removing " + slow));
+    other->kill(SIGKILL);
+    other->wait();
+    // Another death is told at once, and the restarted sub-service registers
+    // while the slow removal runs; it is announced after that removal.
+    tvtest::ChildProcess restarted = startSubService(slow, mMasterName);
+    EXPECT_TRUE(awaitLine(restarted, "published 0"));
+    EXPECT_EQ(linesUntil(*mMaster, "removed " + slow + " null"),
+              std::vector<std::string>{"removed " + mSubName + " null"});
+    EXPECT_TRUE(awaitLine(*mMaster, "registered " + slow));
 }
 
 TEST_F(SubServices, PublishWithoutARunningMasterFailsAndStartsNothing) {

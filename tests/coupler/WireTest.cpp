@@ -256,6 +256,54 @@ TEST_F(Wire, SubServiceRegistryAnswersExactlyAndWakesItsWaiters) {
     }
 }
 
+TEST_F(Wire, WaitersForSubServicesLeaveEveryServiceOfTheProcessServing) {
+    const std::vector<std::string> names{mName + ".2", mName + ".3"};
+    tvtest::ChildProcess services = startService(mName + ".1", names);
+    ASSERT_TRUE(awaitLine(services, "second 0"));
+    ASSERT_TRUE(awaitLine(services, "second 0"));
+    std::vector<sp<IBinder>> carriers;
+    for (const std::string& name : {mName + ".1", names[0], names[1]})
+        carriers.push_back(lookUp(name));
+
+    // More waiters than the pool has threads, from this one process.
+    constexpr auto kTimeout = 2s;
+    std::vector<std::future<std::pair<Bytes, std::chrono::milliseconds>>> waiters;
+    for (int i = 0; i < 21; ++i) {
+        waiters.push_back(std::async(std::launch::async, [&, i] {
+            const auto start = std::chrono::steady_clock::now();
+            Answer answer = ask(carriers[i % 3], GET_SUB_SERVICE, [&](Parcel& p) {
+                p.writeCString("never");
+                p.writeInt32(std::chrono::milliseconds(kTimeout).count());
+            });
+            return std::make_pair(answer.bytes,
+                                  std::chrono::duration_cast<std::chrono::milliseconds>(
+                                      std::chrono::steady_clock::now() - start));
+        }));
+    }
+    std::this_thread::sleep_for(300ms);
+    // Every service answers at once, and another process still gets a waiter.
+    for (const sp<IBinder>& carrier : carriers) {
+        const auto start = std::chrono::steady_clock::now();
+        expectAnswer(carrier, IPC_CALL, callWith("say hi"), result("echo hi"));
+        EXPECT_LT(std::chrono::steady_clock::now() - start, 1s);
+    }
+    // Parked, it fails only at its time-out.
+    const auto otherStart = std::chrono::steady_clock::now();
+    tvtest::ChildProcess other("client", {mName + ".1", "late", "1500"});
+    EXPECT_TRUE(awaitLine(other, "unbound"));
+    EXPECT_GE(std::chrono::steady_clock::now() - otherStart, 1500ms);
+    int refused = 0;
+    for (auto& waiter : waiters) {
+        auto [bytes, waited] = waiter.get();
+        EXPECT_EQ(bytes, layout(ints({-1})));
+        EXPECT_LT(waited, kTimeout + 1s);
+        refused += waited < kTimeout;
+    }
+    EXPECT_GT(refused, 0);
+    EXPECT_TRUE(
+        awaitLine(services, "log get sub service failed!:too many waiters,sub service[never]"));
+}
+
 TEST_F(Wire, SubServiceCodesAnswerExactly) {
     const std::string subName = uniqueName("sub");
     tvtest::ChildProcess subService = startSubService(subName, mName);
