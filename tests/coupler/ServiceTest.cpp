@@ -218,8 +218,8 @@ TEST(ServiceDeaths, ClientDeathIsReportedOnceAndServiceDeathOrphansTheProxy) {
 }
 
 // Holds threads of the library at chosen points: the first thread that logs
-// a chosen line (after logging another one, if asked) waits there until the
-// test opens the gate. One at a time per process.
+// a line the test closed waits there until the test opens it. One at a time
+// per process.
 class LogGate {
   public:
     LogGate() : mPreviousPriority(__android_log_set_minimum_priority(ANDROID_LOG_VERBOSE)) {
@@ -228,65 +228,44 @@ class LogGate {
     ~LogGate() {
         __android_log_set_logger(__android_log_stderr_logger);
         __android_log_set_minimum_priority(mPreviousPriority);
-        std::lock_guard<std::mutex> hold(state().lock);
-        for (Stop& stop : state().stops) stop.open.post();
+        std::lock_guard<std::mutex> hold(lock());
+        for (auto& stop : stops()) stop.second.open.post();
     }
 
-    void close(const std::string& line, const std::string& after = "") {
-        std::lock_guard<std::mutex> hold(state().lock);
-        state().stops.emplace_back(line, after);
+    void close(const std::string& line) {
+        std::lock_guard<std::mutex> hold(lock());
+        stops()[line];
     }
     bool awaitStopped(const std::string& line) {
-        return tvproc::waitUntil([&] { return find(line).reached.load(); }, 20s);
+        return tvproc::waitUntil([&] { return stop(line).reached.load(); }, 20s);
     }
-    void open(const std::string& line) { find(line).open.post(); }
-    bool awaitLogged(const std::string& line) {
-        return tvproc::waitUntil(
-            [&] {
-                std::lock_guard<std::mutex> hold(state().lock);
-                return state().logged.count(line) > 0;
-            },
-            20s);
-    }
+    void open(const std::string& line) { stop(line).open.post(); }
 
   private:
     struct Stop {
-        Stop(const std::string& line, const std::string& after) : line(line), after(after) {}
-        const std::string line;
-        const std::string after;
         std::atomic<bool> reached{false};
         tavrin::Semaphore open;
     };
-    struct State {
-        std::mutex lock;  // guards logged and stops
-        std::set<std::string> logged;
-        std::list<Stop> stops;
-    };
 
-    static State& state() {
-        static State* const instance = new State;
+    static std::mutex& lock() {
+        static std::mutex* const instance = new std::mutex;
         return *instance;
     }
-    static Stop& find(const std::string& line) {
-        std::lock_guard<std::mutex> hold(state().lock);
-        for (Stop& stop : state().stops) {
-            if (stop.line == line) return stop;
-        }
-        throw std::logic_error("no stop at " + line);
+    static std::map<std::string, Stop>& stops() {  // guarded by lock()
+        static auto* const instance = new std::map<std::string, Stop>;
+        return *instance;
+    }
+    static Stop& stop(const std::string& line) {
+        std::lock_guard<std::mutex> hold(lock());
+        return stops().at(line);
     }
     static void log(const __android_logger_data* /*data*/, const char* message) {
-        thread_local std::set<std::string> loggedHere;
-        loggedHere.insert(message);
         Stop* reached = nullptr;
         {
-            std::lock_guard<std::mutex> hold(state().lock);
-            state().logged.insert(message);
-            for (Stop& stop : state().stops) {
-                if (stop.line == message &&
-                    (stop.after.empty() || loggedHere.count(stop.after) > 0) &&
-                    !stop.reached.exchange(true)) {
-                    reached = &stop;
-                }
+            std::lock_guard<std::mutex> hold(lock());
+            auto entry = stops().find(message);
+            if (entry != stops().end() && !entry->second.reached.exchange(true)) {
+                reached = &entry->second;
             }
         }
         if (reached != nullptr) reached->open.wait();
@@ -306,8 +285,8 @@ TEST(ServiceDeaths, ALateNoticeLeavesTheNextProxyOfTheNameAlone) {
     LogGate gate;
     const std::string registering = "[ServiceProxyManager][registered] [-IN-]\n";
     const std::string lookingUp = "[ServiceProxyManager][get] [-IN-]\n";
+    const std::string noticed = "[ServiceProxy][binderDied] [-OUT-]\n";
     gate.close(registering);
-    gate.close(lookingUp, "service died [" + name + "]");
     binds = std::async(std::launch::async, [&] {
         tv_sp<IClient> orphaned = bindService(name, 4);
         EXPECT_EQ(call(orphaned, "whoami"), "null");
@@ -315,6 +294,7 @@ TEST(ServiceDeaths, ALateNoticeLeavesTheNextProxyOfTheNameAlone) {
         return bindService(name, 4);
     });
     ASSERT_TRUE(gate.awaitStopped(registering));
+    gate.close(lookingUp);  // only the death notice looks the name up meanwhile
     first.kill(SIGKILL);
     first.wait();
     ASSERT_TRUE(gate.awaitStopped(lookingUp));
@@ -324,8 +304,10 @@ TEST(ServiceDeaths, ALateNoticeLeavesTheNextProxyOfTheNameAlone) {
     gate.open(registering);
     tv_sp<IClient> again = binds.get();
     ASSERT_TRUE(again);
+    gate.close(noticed);
     gate.open(lookingUp);
-    ASSERT_TRUE(gate.awaitLogged("[ServiceProxy][binderDied] [-OUT-]\n"));
+    ASSERT_TRUE(gate.awaitStopped(noticed));
+    gate.open(noticed);
     // The new proxy stays registered: the next bind shares it.
     tv_sp<IClient> shared = bindService(name, 5);
     ASSERT_TRUE(shared);
