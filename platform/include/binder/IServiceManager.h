@@ -53,6 +53,8 @@ class IServiceManager : public IInterface {
         String16 name;
         pid_t pid = 0;        // the registering process
         String8 processName;  // its /proc/<pid>/comm at listing time, "?" when gone
+        uid_t uid = 0;        // its user
+        String8 executable;   // its /proc/<pid>/exe at listing time, "?" when unknown
     };
 
     // The registered object, waiting for the name to be registered for up to
