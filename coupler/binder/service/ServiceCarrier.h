@@ -33,6 +33,8 @@ class ServiceCarrier : public android::BBinder, public SubServiceProxyManager::R
     android::status_t onTransact(uint32_t code, const android::Parcel& data, android::Parcel* reply,
                                  uint32_t flags) override;
     void onSubServiceRemoved(std::string name) override;
+    // Its status, or a monitor's records (CarrierDump).
+    android::status_t dump(int fd, const android::Vector<android::String16>& args) override;
 
   protected:
     ~ServiceCarrier() override;
@@ -52,6 +54,8 @@ class ServiceCarrier : public android::BBinder, public SubServiceProxyManager::R
     bool addWaiter(tavrin::Semaphore* waiter);
     void removeWaiter(tavrin::Semaphore* waiter);
     void wakeWaiters();
+    // {"kind":"service","pid","clients":[{"pid"}],"subServices":[{"name"}],"waiting"}
+    std::string status();
 
     NotifierManager mNotifierManager;
     SubServiceProxyManager mSubServiceProxyManager;

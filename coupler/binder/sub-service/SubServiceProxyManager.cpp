@@ -88,6 +88,14 @@ tavrin::tv_sp<ISubServiceProxy> SubServiceProxyManager::get(const std::string& n
     return proxy;
 }
 
+std::vector<std::string> SubServiceProxyManager::names() {
+    std::vector<std::string> names;
+    tavrin::AutoLock hold(mLock);
+    names.reserve(mProxies.size());
+    for (const auto& entry : mProxies) names.push_back(entry.first);
+    return names;
+}
+
 bool SubServiceProxyManager::forget(const std::string& name, const ISubServiceProxy* proxy) {
     tavrin::tv_sp<ISubServiceProxy> removed;  // released after the lock
     tavrin::AutoLock hold(mLock);
