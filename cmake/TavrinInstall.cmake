@@ -33,8 +33,11 @@ install(FILES ${CMAKE_CURRENT_BINARY_DIR}/tavrinConfig.cmake
   ${PROJECT_SOURCE_DIR}/cmake/FindAndroidPlatform.cmake
   DESTINATION ${TAVRIN_CMAKE_DIR})
 
-# pkg-config: programs built against a libdir off the linker's default path
-# find the libraries at run time without a hand-written rpath.
+# pkg-config: the prefix is found from the .pc file's own place, so that a
+# moved tree works; programs built against a libdir off the linker's default
+# path find the libraries at run time without a hand-written rpath.
+file(RELATIVE_PATH TAVRIN_PC_TO_PREFIX ${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig ${CMAKE_INSTALL_PREFIX})
+string(REGEX REPLACE "/$" "" TAVRIN_PC_TO_PREFIX "${TAVRIN_PC_TO_PREFIX}")
 set(TAVRIN_PC_RUNPATH "")
 if(NOT CMAKE_INSTALL_FULL_LIBDIR IN_LIST CMAKE_CXX_IMPLICIT_LINK_DIRECTORIES)
   set(TAVRIN_PC_RUNPATH "-Wl,-rpath,\${libdir}")
@@ -78,5 +81,5 @@ if(TAVRIN_INSTALL_SYSTEMD_UNIT)
   configure_file(${PROJECT_SOURCE_DIR}/cmake/tavrin-servicemanager.service.in
     ${CMAKE_CURRENT_BINARY_DIR}/tavrin-servicemanager.service @ONLY)
   install(FILES ${CMAKE_CURRENT_BINARY_DIR}/tavrin-servicemanager.service
-    DESTINATION ${CMAKE_INSTALL_PREFIX}/lib/systemd/user)
+    DESTINATION lib/systemd/user)
 endif()
