@@ -3,17 +3,28 @@
 # binder context, for the tavrin command to look at: the greeter service, its
 # translator sub-service and a client calling both for ever. Shows `tavrin
 # list` and a few lines of `tavrin monitor` once, then runs until interrupted,
-# or for SECONDS. Whatever it started is killed on exit.
+# or for SECONDS. Whatever it started, a service manager started on demand
+# included, is killed on exit.
 set -euo pipefail
 bin="${1:?usage: live_greeter.sh BIN_DIR [SECONDS]}"
 seconds="${2:-}"
 logs="$(mktemp -d)"
 pids=()
 
+# The context's service manager, unless this run started it: then it goes too.
+manager_pid() {
+  { "$bin/tavrin" list --json 2>/dev/null || true; } | tr -d '\n' |
+    sed -n 's/.*"name":"manager","pid":\([0-9]*\).*/\1/p'
+}
+had_manager="$(manager_pid)"
+
 cleanup() {
   local status=$?
   for p in "${pids[@]}"; do kill -KILL "$p" 2>/dev/null || true; done
   wait 2>/dev/null || true
+  local manager
+  manager="$(manager_pid)"
+  if [ -n "$manager" ] && [ "$manager" != "$had_manager" ]; then kill "$manager" || true; fi
   rm -rf "$logs"
   exit "$status"
 }
