@@ -1,6 +1,7 @@
 #include "coupler/binder/monitor/MonitorHooks.h"
 
 #include <binder/IPCThreadState.h>
+#include <string.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -9,6 +10,14 @@
 
 namespace tavrin_binder {
 namespace {
+
+// Class names are short; a peer's request must not make the ring hoard memory.
+constexpr size_t kMaxClassName = 255;
+
+std::string boundedClassName(const char* name) {
+    if (name == nullptr) return "";
+    return std::string(name, strnlen(name, kMaxClassName));
+}
 
 double secondsSinceEpoch() {
     timespec now{};
@@ -50,8 +59,7 @@ std::string peekClassName(CallKind kind, const android::Parcel& data) {
     } else if (kind == CallKind::kUpCall) {
         data.readCString();
     }
-    const char* name = data.readCString();
-    std::string className = name != nullptr ? name : "";
+    std::string className = boundedClassName(data.readCString());
     data.setDataPosition(0);
     return className;
 }
@@ -91,7 +99,7 @@ void MonitoredNotice::start(const void* notifierManager, CallKind kind, int clie
     record.to = clientPid;
     record.source = notifierManager;
     record.kind = kind;
-    record.className = value.getClassName();
+    record.className = boundedClassName(value.getClassName().c_str());
 }
 
 void MonitoredNotice::record(android::status_t status, const android::Parcel& request) {
