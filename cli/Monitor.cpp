@@ -54,6 +54,15 @@ Monitor::Monitor(ContextInspector& context, const CommandLine& line)
     : mContext(context), mLine(line), mNames(line.operands.begin(), line.operands.end()) {}
 
 int Monitor::run() {
+    const int status = watchUntilDone();
+    if (mDropped > 0) {
+        fprintf(stderr, "tavrin: %llu records dropped in all\n",
+                static_cast<unsigned long long>(mDropped));
+    }
+    return status;
+}
+
+int Monitor::watchUntilDone() {
     const bool forever = mLine.timeout < 0;
     const auto deadline =
         steady_clock::now() + std::chrono::milliseconds(static_cast<int64_t>(mLine.timeout * 1000));
@@ -88,8 +97,6 @@ int Monitor::run() {
         fflush(stdout);
         std::this_thread::sleep_for(kReadPeriod);
     }
-    if (mDropped > 0)
-        fprintf(stderr, "tavrin: %llu records dropped\n", (unsigned long long)mDropped);
     return 0;
 }
 
@@ -174,7 +181,7 @@ bool Monitor::takeHeader(const std::string& text, size_t* end, int* pid, int64_t
     if (dropped > 0) {
         mDropped += dropped;
         fprintf(stderr, "tavrin: %llu records of pid %d dropped (read too slowly)\n",
-                (unsigned long long)dropped, *pid);
+                static_cast<unsigned long long>(dropped), *pid);
     }
     ++*end;
     return true;

@@ -40,6 +40,7 @@ class Monitor {
         int pid = 0;
         bool service = false;  // a master service, whose sub-services are looked for
     };
+    int watchUntilDone();
     // Looks for carriers not watched yet; false when the service manager is gone.
     bool refresh();
     void lookForSubServices(const Source& master);

@@ -206,7 +206,8 @@ TEST(TavrinCommand, UsageContextsAndContextOption) {
     const JsonValue contexts = runJson({"contexts", "--json"});
     const JsonValue* ours = findNamed(contexts, context);
     ASSERT_NE(ours, nullptr);
-    const JsonValue* manager = findNamed(runJson({"list", "--json"}), "manager");
+    const JsonValue list = runJson({"list", "--json"});
+    const JsonValue* manager = findNamed(list, "manager");
     ASSERT_NE(manager, nullptr);
     EXPECT_EQ((*ours)["pid"].number(), (*manager)["pid"].number());
     // --context after the command; a context nobody serves is not started.
