@@ -79,8 +79,9 @@ class IServiceManager : public IInterface {
 };
 
 // The service manager of this process's context. When none answers, starts
-// the daemon (`$TAVRIN_SERVICEMANAGER`, else `../bin/tavrin-servicemanager`
-// beside the binder library) and retries with a bounded backoff. If it still
+// the daemon (`$TAVRIN_SERVICEMANAGER`, else the one installed with the binder
+// library: looked for from the library's directory, then at the path it was
+// installed to) and retries with a bounded backoff. If it still
 // does not answer, returns a service manager whose operations fail, and the
 // next call tries again.
 sp<IServiceManager> defaultServiceManager();
