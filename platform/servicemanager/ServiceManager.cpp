@@ -46,6 +46,15 @@ bool readNameAndCallback(const Parcel& data, String16* name, sp<IBinder>* callba
     return isRemote(*callback) && endsWith(data, 1);
 }
 
+// The path of the process's executable, "?" when it cannot be read.
+String8 executableOf(pid_t pid) {
+    const std::string link = "/proc/" + std::to_string(pid) + "/exe";
+    char path[4096];
+    const ssize_t length = readlink(link.c_str(), path, sizeof path);
+    if (length <= 0 || static_cast<size_t>(length) >= sizeof path) return String8("?");
+    return String8(path, static_cast<size_t>(length));
+}
+
 String8 processNameOf(pid_t pid) {
     const std::string path = "/proc/" + std::to_string(pid) + "/comm";
     int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
@@ -146,18 +155,34 @@ status_t ServiceManager::listServices(const Parcel& data, Parcel* reply) {
         reply->writeInt32(BAD_VALUE);
         return NO_ERROR;
     }
-    std::vector<std::pair<String16, pid_t>> entries;
+    struct Entry {
+        String16 name;
+        pid_t pid;
+        uid_t uid;
+    };
+    std::vector<Entry> entries;
     {
         std::lock_guard<std::mutex> lock(mLock);
         entries.reserve(mServices.size());
-        for (const auto& [name, service] : mServices) entries.emplace_back(name, service.owner);
+        for (const auto& [name, service] : mServices) {
+            auto registrant = mRegistrants.find(service.registrant);
+            const uid_t uid = registrant != mRegistrants.end() ? registrant->second.uid : getuid();
+            entries.push_back(Entry{name, service.owner, uid});
+        }
     }
+    // The entries (name, pid, process name), then each entry's uid and
+    // executable in the same order: readers that know only the first part
+    // stop before the second.
     reply->writeInt32(NO_ERROR);
     reply->writeInt32(static_cast<int32_t>(entries.size()));
-    for (const auto& [name, pid] : entries) {
-        reply->writeString16(name);
-        reply->writeInt32(pid);
-        reply->writeString8(processNameOf(pid));
+    for (const Entry& entry : entries) {
+        reply->writeString16(entry.name);
+        reply->writeInt32(entry.pid);
+        reply->writeString8(processNameOf(entry.pid));
+    }
+    for (const Entry& entry : entries) {
+        reply->writeInt32(static_cast<int32_t>(entry.uid));
+        reply->writeString8(executableOf(entry.pid));
     }
     return NO_ERROR;
 }

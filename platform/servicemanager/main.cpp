@@ -2,11 +2,12 @@
 //
 //   tavrin-servicemanager [--context NAME] [--foreground]   serve the context
 //   tavrin-servicemanager [--context NAME] --list           print its registrations
+//   tavrin-servicemanager --help
 //
 // Without --foreground the daemon detaches (double fork, new session, stdio on
-// /dev/null); the launching process exits once the daemon serves, or once it
-// has found another service manager serving the context, so that whoever
-// started it can connect right away.
+// /dev/null, its log to syslog or a file); the launching process exits once
+// the daemon serves, or once it has found another service manager serving the
+// context, so that whoever started it can connect right away.
 #define LOG_TAG "servicemanager"
 
 #include <binder/IPCThreadState.h>
@@ -26,7 +27,9 @@
 
 #include <string>
 
+#include "DaemonLog.h"
 #include "ServiceManager.h"
+#include "SocketDirectory.h"
 
 namespace {
 
@@ -41,6 +44,7 @@ constexpr char kFailed = 'F';
 struct Options {
     bool foreground = false;
     bool list = false;
+    bool help = false;
     const char* context = nullptr;
 };
 
@@ -48,7 +52,13 @@ void printUsage(FILE* out) {
     fprintf(out,
             "usage: tavrin-servicemanager [--context NAME] [--foreground]\n"
             "       tavrin-servicemanager [--context NAME] --list\n"
-            "The context defaults to $TAVRIN_BINDER_CONTEXT, else \"default\".\n");
+            "       tavrin-servicemanager --help\n"
+            "Serves the registry of named binder objects of one context.\n"
+            "  --context NAME  the context (default: $TAVRIN_BINDER_CONTEXT, else \"default\")\n"
+            "  --foreground    serve without detaching, logging to stderr\n"
+            "  --list          print the context's registrations; never starts a daemon\n"
+            "A detached daemon logs to syslog, else to servicemanager-CONTEXT.log in the\n"
+            "user's socket directory. See tavrin-servicemanager(8).\n");
 }
 
 bool parseOptions(int argc, char** argv, Options* options) {
@@ -58,6 +68,8 @@ bool parseOptions(int argc, char** argv, Options* options) {
             options->foreground = true;
         } else if (arg == "--list") {
             options->list = true;
+        } else if (arg == "--help") {
+            options->help = true;
         } else if (arg == "--context" && i + 1 < argc && argv[i + 1][0] != '\0') {
             options->context = argv[++i];
         } else {
@@ -143,6 +155,7 @@ int daemonise() {
     if (daemon > 0) _exit(0);
     if (chdir("/") != 0) _exit(1);
     redirectStdioToNull();
+    android::logToSyslogOrFile(android::tvbinder::SocketDirectory::path(), contextName());
     return readiness[1];
 }
 
@@ -196,6 +209,10 @@ int main(int argc, char** argv) {
     if (!parseOptions(argc, argv, &options)) {
         printUsage(stderr);
         return 2;
+    }
+    if (options.help) {
+        printUsage(stdout);
+        return 0;
     }
     if (options.context != nullptr) setenv("TAVRIN_BINDER_CONTEXT", options.context, 1);
     return options.list ? listRegistrations() : serve(options);

@@ -12,6 +12,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <vector>
+
 extern char** environ;
 
 namespace android {
@@ -19,7 +21,13 @@ namespace tvbinder {
 namespace {
 
 constexpr const char* kPathVariable = "TAVRIN_SERVICEMANAGER";
-constexpr const char* kBesideLibrary = "/../bin/tavrin-servicemanager";
+constexpr const char* kDaemonName = "tavrin-servicemanager";
+// Where the daemon is from the library's directory once installed (the
+// relative path from the install's libdir to its bindir: true wherever the
+// tree was moved to), in the build tree, and where it was installed to.
+constexpr const char* kInstalledBesideLibrary = TVBINDER_LIB_TO_BIN;
+constexpr const char* kBuildTreeBesideLibrary = "../bin";
+constexpr const char* kInstalledPath = TVBINDER_INSTALLED_SERVICEMANAGER;
 
 std::string directoryOfThisLibrary() {
     Dl_info info{};
@@ -65,9 +73,16 @@ std::string serviceManagerPath() {
     const char* configured = getenv(kPathVariable);
     if (configured != nullptr && configured[0] != '\0') return configured;
     const std::string directory = directoryOfThisLibrary();
-    if (directory.empty()) return std::string();
-    std::string path = directory + kBesideLibrary;
-    return access(path.c_str(), X_OK) == 0 ? path : std::string();
+    std::vector<std::string> candidates;
+    if (!directory.empty()) {
+        candidates.push_back(directory + "/" + kInstalledBesideLibrary + "/" + kDaemonName);
+        candidates.push_back(directory + "/" + kBuildTreeBesideLibrary + "/" + kDaemonName);
+    }
+    candidates.push_back(kInstalledPath);
+    for (const std::string& path : candidates) {
+        if (access(path.c_str(), X_OK) == 0) return path;
+    }
+    return std::string();
 }
 
 bool launchServiceManager() {

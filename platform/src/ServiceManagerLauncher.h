@@ -6,8 +6,9 @@ namespace android {
 namespace tvbinder {
 
 // The service manager daemon to start: $TAVRIN_SERVICEMANAGER when set, else
-// bin/tavrin-servicemanager beside the lib/ directory that holds this library
-// (true in the build tree and once installed). Empty when neither exists.
+// the first that exists of: the installed bindir seen from this library's
+// directory (a relocated install), bin/ beside the build tree's lib/, and the
+// absolute path it was installed to. Empty when none exists.
 std::string serviceManagerPath();
 
 // Starts the daemon of this process's context and waits until it serves or

@@ -140,6 +140,13 @@ std::vector<IServiceManager::Registration> BpServiceManager::listRegistrations()
         registration.processName = reply.readString8();
         registrations.push_back(std::move(registration));
     }
+    // Each entry's uid and executable follow the entries; an older daemon sends none.
+    for (Registration& registration : registrations) {
+        int32_t uid = 0;
+        if (reply.readInt32(&uid) != NO_ERROR) break;
+        registration.uid = static_cast<uid_t>(uid);
+        registration.executable = reply.readString8();
+    }
     return registrations;
 }
 

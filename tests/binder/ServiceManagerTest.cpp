@@ -1,5 +1,6 @@
 // The service manager daemon and its client, with real processes: each test
 // runs its own daemon in a context of its own and kills it at the end.
+#include <android/log.h>
 #include <binder/Binder.h>
 #include <binder/IServiceManager.h>
 #include <binder/Parcel.h>
@@ -13,6 +14,8 @@
 #include <stdlib.h>
 #include <string.h>
 #include <sys/prctl.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -25,6 +28,7 @@
 #include <vector>
 
 #include "ChildProcess.h"
+#include "SocketDirectory.h"
 #include "TestSupport.h"
 
 using android::defaultServiceManager;
@@ -36,6 +40,7 @@ using android::sp;
 using android::status_t;
 using android::String16;
 using android::String8;
+using android::tvbinder::SocketDirectory;
 using namespace std::chrono_literals;
 
 namespace {
@@ -609,6 +614,23 @@ class AdoptedDaemons {
     }
 };
 
+bool syslogAcceptsDatagrams() {
+    const int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    strcpy(address.sun_path, "/dev/log");
+    const bool accepted = connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
+    close(fd);
+    return accepted;
+}
+
+bool fileContains(const std::string& path, const std::string& text) {
+    std::ifstream file(path);
+    std::stringstream contents;
+    contents << file.rdbuf();
+    return contents.str().find(text) != std::string::npos;
+}
+
 pid_t managerPidIn(const std::string& registrations) {
     const size_t entry = registrations.find("manager:");
     if (entry == std::string::npos) return -1;
@@ -636,6 +658,45 @@ TEST(ServiceManagerAutostartTest, StartsOneDaemonForRacingNewcomers) {
     EXPECT_EQ("servicemanager", processNameOf(manager));
     EXPECT_EQ("tag two", ask(first, "check sm.second"));
     EXPECT_EQ("tag one", ask(second, "check sm.first"));
+
+    // The detached daemon keeps its log: syslog when it takes datagrams, else a file.
+    const std::string log = SocketDirectory::path() + "/servicemanager-" + context + ".log";
+    if (syslogAcceptsDatagrams()) {
+        EXPECT_NE(0, access(log.c_str(), F_OK));
+    } else {
+        EXPECT_TRUE(tvtest::waitUntil(
+            [&] { return fileContains(log, "serving context " + context); }, 10s));
+    }
+    unlink(log.c_str());
+}
+
+TEST(ServiceManagerUsageTest, HelpGoesToStdoutWithSuccess) {
+    std::string usage;
+    FILE* pipe = popen((daemonPath() + " --help 2>/dev/null").c_str(), "r");
+    ASSERT_NE(pipe, nullptr);
+    char buffer[512];
+    while (fgets(buffer, sizeof buffer, pipe) != nullptr) usage.append(buffer);
+    const int status = pclose(pipe);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+    EXPECT_NE(std::string::npos, usage.find("usage: tavrin-servicemanager")) << usage;
+}
+
+// TAVRIN_LOG, read when the binder library is loaded: the child's least priority.
+TVTEST_CHILD_ROLE(log_level) {
+    (void)args;
+    tvtest::ParentChannel::send(std::to_string(__android_log_get_minimum_priority()));
+    return 0;
+}
+
+TEST(LogLevelTest, TavrinLogSetsTheLeastPriorityAtLoad) {
+    const auto levelWith = [](const char* value) {
+        const ScopedVariable level("TAVRIN_LOG", value);
+        tvtest::ChildProcess child("log_level");
+        return child.readLine();
+    };
+    EXPECT_EQ(std::to_string(ANDROID_LOG_VERBOSE), levelWith("verbose"));
+    EXPECT_EQ(std::to_string(ANDROID_LOG_ERROR), levelWith("ERROR"));
+    EXPECT_EQ(levelWith(nullptr), levelWith("loud"));
 }
 
 }  // namespace

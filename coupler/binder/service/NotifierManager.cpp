@@ -5,6 +5,7 @@
 
 #include "Log/AutoTrace.h"
 #include "coupler/binder/ResultFlag.h"
+#include "coupler/binder/monitor/MonitorHooks.h"
 #include "coupler/binder/service/ServiceCarrierCode.h"
 #include "protocol/UniversalSerialization.h"
 #include "utils/AutoLock.h"
@@ -71,6 +72,14 @@ tavrin::tv_sp<tavrin::IPCClass> NotifierManager::sendNotifyEx(tavrin::IPCClass& 
     return notifier->sendNotifyEx(value, client);
 }
 
+std::vector<int> NotifierManager::clientPids() {
+    std::vector<int> pids;
+    tavrin::AutoLock hold(mLock);
+    pids.reserve(mNotifiers.size());
+    for (const auto& entry : mNotifiers) pids.push_back(entry.first);
+    return pids;
+}
+
 android::sp<NotifierManager::INotifier> NotifierManager::find(int pid) {
     {
         tavrin::AutoLock hold(mLock);
@@ -113,7 +122,10 @@ void NotifierManager::Notifier::write(tavrin::IPCClass& value, tavrin::ClientInf
 void NotifierManager::Notifier::sendNotify(tavrin::IPCClass& value, tavrin::ClientInfo& client) {
     android::Parcel request;
     write(value, client, 0, request);
-    mClientBinder->transact(NotifierCode::NOTIFY, request, nullptr, android::IBinder::FLAG_ONEWAY);
+    MonitoredNotice monitored(mManager, CallKind::kNotify, mPid, value);
+    monitored.finish(mClientBinder->transact(NotifierCode::NOTIFY, request, nullptr,
+                                             android::IBinder::FLAG_ONEWAY),
+                     request);
 }
 
 tavrin::tv_sp<tavrin::IPCClass> NotifierManager::Notifier::sendNotifyEx(
@@ -121,7 +133,8 @@ tavrin::tv_sp<tavrin::IPCClass> NotifierManager::Notifier::sendNotifyEx(
     android::Parcel request;
     android::Parcel reply;
     write(value, client, 1, request);
-    mClientBinder->transact(NotifierCode::NOTIFY, request, &reply, 0);
+    MonitoredNotice monitored(mManager, CallKind::kNotifyWait, mPid, value);
+    monitored.finish(mClientBinder->transact(NotifierCode::NOTIFY, request, &reply, 0), request);
     return readResult(mProtocol, reply);
 }
 

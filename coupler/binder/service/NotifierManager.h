@@ -3,6 +3,7 @@
 #include <binder/IBinder.h>
 
 #include <map>
+#include <vector>
 
 #include "INotifier.h"
 #include "IService.h"
@@ -33,6 +34,8 @@ class NotifierManager : public tavrin::INotifier {
     void addNotifier(int pid, android::sp<android::IBinder>& clientBinder,
                      tavrin::Protocol& protocol, tavrin::tv_sp<tavrin::IService> service);
     void removeNotifier(int pid);
+    // The processes that have a notifier filed, in ascending order.
+    std::vector<int> clientPids();
 
     void sendNotify(tavrin::IPCClass& value, tavrin::ClientInfo& client) override;
     tavrin::tv_sp<tavrin::IPCClass> sendNotifyEx(tavrin::IPCClass& value,

@@ -4,10 +4,14 @@
 #include <binder/IPCThreadState.h>
 #include <binder/Parcel.h>
 #include <time.h>
+#include <unistd.h>
 
 #include "Log/AutoTrace.h"
 #include "coupler/binder/CarrierRequests.h"
 #include "coupler/binder/ResultFlag.h"
+#include "coupler/binder/monitor/CarrierDump.h"
+#include "coupler/binder/monitor/JsonText.h"
+#include "coupler/binder/monitor/MonitorHooks.h"
 #include "coupler/binder/service/ServiceCarrierCode.h"
 #include "coupler/binder/service/WaiterQuota.h"
 #include "protocol/UniversalSerialization.h"
@@ -64,8 +68,10 @@ ServiceCarrier::~ServiceCarrier() = default;
 
 android::status_t ServiceCarrier::onTransact(uint32_t code, const android::Parcel& data,
                                              android::Parcel* reply, uint32_t flags) {
-    return withReply(reply,
-                     [&](android::Parcel* answer) { return dispatch(code, data, answer, flags); });
+    MonitoredCall monitored(this, MonitoredCall::Carrier::kService, code, data);
+    return withReply(reply, [&](android::Parcel* answer) {
+        return monitored.finish(dispatch(code, data, answer, flags), *answer);
+    });
 }
 
 android::status_t ServiceCarrier::dispatch(uint32_t code, const android::Parcel& data,
@@ -221,6 +227,27 @@ void ServiceCarrier::registerSubService(const android::Parcel& data, android::Pa
     }
     writeResult(config, *reply);
     wakeWaiters();
+}
+
+android::status_t ServiceCarrier::dump(int fd, const android::Vector<android::String16>& args) {
+    return CarrierDump::answer(fd, args, {this, &mNotifierManager}, [this] { return status(); });
+}
+
+std::string ServiceCarrier::status() {
+    std::string text = "{\"kind\":\"service\",\"pid\":" + std::to_string(getpid());
+    text += ",\"clients\":" + jsonPidObjects(mNotifierManager.clientPids());
+    text += ",\"subServices\":[";
+    const char* separator = "";
+    for (const std::string& name : mSubServiceProxyManager.names()) {
+        text += separator + std::string("{\"name\":") + jsonQuoted(name) + "}";
+        separator = ",";
+    }
+    size_t waiting;
+    {
+        tavrin::AutoLock hold(mWaitersLock);
+        waiting = mWaiters.size();
+    }
+    return text + "],\"waiting\":" + std::to_string(waiting) + "}";
 }
 
 void ServiceCarrier::onSubServiceRemoved(std::string name,

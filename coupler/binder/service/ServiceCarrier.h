@@ -37,6 +37,8 @@ class ServiceCarrier : public android::BBinder, public SubServiceProxyManager::R
                                  uint32_t flags) override;
     void onSubServiceRemoved(std::string name,
                              const tavrin::tv_sp<ISubServiceProxy>& record) override;
+    // Its status, or a monitor's records (CarrierDump).
+    android::status_t dump(int fd, const android::Vector<android::String16>& args) override;
 
   protected:
     ~ServiceCarrier() override;
@@ -55,6 +57,8 @@ class ServiceCarrier : public android::BBinder, public SubServiceProxyManager::R
     void addWaiter(tavrin::Semaphore* waiter);
     void removeWaiter(tavrin::Semaphore* waiter);
     void wakeWaiters();
+    // {"kind":"service","pid","clients":[{"pid"}],"subServices":[{"name"}],"waiting"}
+    std::string status();
 
     NotifierManager mNotifierManager;
     SubServiceProxyManager mSubServiceProxyManager;

@@ -12,6 +12,9 @@
 #include "Log/AutoTrace.h"
 #include "coupler/binder/CarrierRequests.h"
 #include "coupler/binder/ResultFlag.h"
+#include "coupler/binder/monitor/CarrierDump.h"
+#include "coupler/binder/monitor/JsonText.h"
+#include "coupler/binder/monitor/MonitorHooks.h"
 #include "coupler/binder/service/ServiceCarrierCode.h"
 #include "coupler/binder/sub-service/SubServiceCarrierCode.h"
 #include "protocol/UniversalSerialization.h"
@@ -154,8 +157,21 @@ tavrin::tv_sp<tavrin::IPCClass> SubServiceCarrier::ipcCall(tavrin::IPCClass& arg
 
 android::status_t SubServiceCarrier::onTransact(uint32_t code, const android::Parcel& data,
                                                 android::Parcel* reply, uint32_t flags) {
-    return withReply(reply,
-                     [&](android::Parcel* answer) { return dispatch(code, data, answer, flags); });
+    MonitoredCall monitored(this, MonitoredCall::Carrier::kSubService, code, data);
+    return withReply(reply, [&](android::Parcel* answer) {
+        return monitored.finish(dispatch(code, data, answer, flags), *answer);
+    });
+}
+
+android::status_t SubServiceCarrier::dump(int fd, const android::Vector<android::String16>& args) {
+    return CarrierDump::answer(fd, args, {this, &mNotifierManager}, [this] { return status(); });
+}
+
+std::string SubServiceCarrier::status() {
+    std::string text = "{\"kind\":\"sub-service\",\"pid\":" + std::to_string(getpid());
+    text += ",\"name\":" + jsonQuoted(mSubServiceName);
+    text += ",\"master\":" + jsonQuoted(mMasterName);
+    return text + ",\"clients\":" + jsonPidObjects(mNotifierManager.clientPids()) + "}";
 }
 
 android::status_t SubServiceCarrier::dispatch(uint32_t code, const android::Parcel& data,

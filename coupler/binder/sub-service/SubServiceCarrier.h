@@ -45,6 +45,8 @@ class SubServiceCarrier : public android::BBinder, public tavrin::IMasterService
     tavrin::tv_sp<tavrin::IPCClass> ipcCall(tavrin::IPCClass& argument) override;
     android::status_t onTransact(uint32_t code, const android::Parcel& data, android::Parcel* reply,
                                  uint32_t flags) override;
+    // Its status, or a monitor's records (CarrierDump).
+    android::status_t dump(int fd, const android::Vector<android::String16>& args) override;
 
     class MasterServiceDeathRecipient;
 
@@ -68,6 +70,8 @@ class SubServiceCarrier : public android::BBinder, public tavrin::IMasterService
     void addNotifier(const android::Parcel& data, android::Parcel* reply);
     void clientCall(const android::Parcel& data, android::Parcel* reply);
     void masterCall(const android::Parcel& data, android::Parcel* reply);
+    // {"kind":"sub-service","pid","name","master","clients":[{"pid"}]}
+    std::string status();
     // Ends the process: a sub-service does not outlive its master.
     [[noreturn]] void masterDied();
 

@@ -80,6 +80,14 @@ tavrin::tv_sp<ISubServiceProxy> SubServiceProxyManager::get(const std::string& n
     return proxy;
 }
 
+std::vector<std::string> SubServiceProxyManager::names() {
+    std::vector<std::string> names;
+    tavrin::AutoLock hold(mLock);
+    names.reserve(mProxies.size());
+    for (const auto& entry : mProxies) names.push_back(entry.first);
+    return names;
+}
+
 tavrin::tv_sp<ISubServiceProxy> SubServiceProxyManager::take(const std::string& name,
                                                              uint64_t identity) {
     tavrin::tv_sp<ISubServiceProxy> taken;

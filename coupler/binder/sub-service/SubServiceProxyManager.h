@@ -4,6 +4,7 @@
 
 #include <map>
 #include <string>
+#include <vector>
 
 #include "Protocol.h"
 #include "coupler/binder/sub-service/ISubServiceProxy.h"
@@ -55,6 +56,8 @@ class SubServiceProxyManager : private ISubServiceProxy::DeathRecipient {
                                            android::sp<android::IBinder> binder);
     // The stored proxy, or a handle holding no object.
     tavrin::tv_sp<ISubServiceProxy> get(const std::string& name);
+    // The names stored, in order.
+    std::vector<std::string> names();
 
   private:
     void onSubServiceDied(std::string name, uint64_t identity) override;

@@ -53,6 +53,8 @@ class IServiceManager : public IInterface {
         String16 name;
         pid_t pid = 0;        // the registering process
         String8 processName;  // its /proc/<pid>/comm at listing time, "?" when gone
+        uid_t uid = 0;        // its user
+        String8 executable;   // its /proc/<pid>/exe at listing time, "?" when unknown
     };
 
     // The registered object, waiting for the name to be registered for up to
@@ -77,8 +79,9 @@ class IServiceManager : public IInterface {
 };
 
 // The service manager of this process's context. When none answers, starts
-// the daemon (`$TAVRIN_SERVICEMANAGER`, else `../bin/tavrin-servicemanager`
-// beside the binder library) and retries with a bounded backoff. If it still
+// the daemon (`$TAVRIN_SERVICEMANAGER`, else the one installed with the binder
+// library: looked for from the library's directory, then at the path it was
+// installed to) and retries with a bounded backoff. If it still
 // does not answer, returns a service manager whose operations fail, and the
 // next call tries again.
 sp<IServiceManager> defaultServiceManager();
