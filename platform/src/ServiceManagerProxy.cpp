@@ -4,7 +4,6 @@
 
 #include <binder/BpBinder.h>
 #include <binder/Parcel.h>
-#include <binder/ProcessState.h>
 #include <log/log.h>
 #include <stdlib.h>
 
@@ -66,21 +65,15 @@ sp<IBinder> BpServiceManager::getService(const String16& name) const {
     const std::chrono::milliseconds timeout = getServiceTimeout();
     if (timeout.count() == 0) return checkService(name);
     const auto deadline = std::chrono::steady_clock::now() + timeout;
-    sp<tvbinder::ServiceManagerWaiter> waiter = new tvbinder::ServiceManagerWaiter(name);
-    sp<IBinder> service;
-    const status_t registered = registerWaiter(name, waiter, &service);
-    if (registered != NO_ERROR) {
-        ALOGW("cannot wait for %s: %d", String8(name).string(), registered);
-        return checkService(name);
-    }
+    bool lost = false;
+    sp<IBinder> service = waitOn(name, deadline, &lost);
     if (service != nullptr) return service;
-    // The notice arrives as an incoming call, which only pool threads take.
-    ProcessState::self()->startThreadPool();
-    service = waiter->waitUntil(deadline);
-    if (service != nullptr) return service;
-    // A registration racing with the deadline has already taken the waiter
-    // out, so the daemon no longer knows it: look once more.
-    if (cancelWaiter(name, waiter) == NAME_NOT_FOUND) service = checkService(name);
+    // It would not keep the wait: one look is all there is.
+    if (lost) return checkService(name);
+    // The waiter's socket is closed: the service manager may drop it now. A
+    // registration racing with the deadline is found by the look after.
+    cancelWaiters(name);
+    service = checkService(name);
     if (service == nullptr) {
         ALOGW("service %s did not appear within %lld ms", String8(name).string(),
               static_cast<long long>(timeout.count()));
@@ -88,19 +81,49 @@ sp<IBinder> BpServiceManager::getService(const String16& name) const {
     return service;
 }
 
-status_t BpServiceManager::registerWaiter(const String16& name, const sp<IBinder>& waiter,
+sp<IBinder> BpServiceManager::waitOn(const String16& name,
+                                     std::chrono::steady_clock::time_point deadline,
+                                     bool* lost) const {
+    for (;;) {
+        tvbinder::ServiceManagerWaiter waiter;
+        sp<IBinder> service;
+        const status_t registered = registerWaiter(name, waiter, &service);
+        if (registered != NO_ERROR) {
+            ALOGW("cannot wait for %s: %d", String8(name).string(), registered);
+            *lost = true;
+            return nullptr;
+        }
+        if (service != nullptr) return service;
+        switch (waiter.waitUntil(deadline)) {
+            case tvbinder::ServiceManagerWaiter::Outcome::kTimedOut:
+                return nullptr;
+            case tvbinder::ServiceManagerWaiter::Outcome::kHungUp:
+                *lost = true;
+                return nullptr;
+            case tvbinder::ServiceManagerWaiter::Outcome::kRegistered:
+                break;
+        }
+        // Unless it went again before this look: then wait on.
+        service = checkService(name);
+        if (service != nullptr) return service;
+    }
+}
+
+status_t BpServiceManager::registerWaiter(const String16& name,
+                                          tvbinder::ServiceManagerWaiter& waiter,
                                           sp<IBinder>* present) const {
+    if (!waiter.valid()) return NO_MEMORY;
     Parcel request, reply;
-    withName(request, name).writeStrongBinder(waiter);
+    withName(request, name).writeFileDescriptor(waiter.serviceManagerEnd());
     const status_t status = call(WAIT_FOR_SERVICE_TRANSACTION, request, &reply);
+    waiter.sent();
     if (status == NO_ERROR) *present = reply.readStrongBinder();
     return status;
 }
 
-status_t BpServiceManager::cancelWaiter(const String16& name, const sp<IBinder>& waiter) const {
+void BpServiceManager::cancelWaiters(const String16& name) const {
     Parcel request, reply;
-    withName(request, name).writeStrongBinder(waiter);
-    return call(CANCEL_WAIT_TRANSACTION, request, &reply);
+    call(CANCEL_WAIT_TRANSACTION, withName(request, name), &reply);
 }
 
 status_t BpServiceManager::addService(const String16& name, const sp<IBinder>& service,

@@ -4,6 +4,10 @@
 
 namespace android {
 
+namespace tvbinder {
+class ServiceManagerWaiter;
+}  // namespace tvbinder
+
 // The client side of the service manager: turns each operation into one
 // transaction on the context object and checks every reply it reads.
 class BpServiceManager : public BpInterface<IServiceManager> {
@@ -30,10 +34,16 @@ class BpServiceManager : public BpInterface<IServiceManager> {
   private:
     // Sends `request` and reads the status that starts every reply.
     status_t call(uint32_t code, const Parcel& request, Parcel* reply) const;
-    // Asks to be called when `name` appears; the object when it is there already.
-    status_t registerWaiter(const String16& name, const sp<IBinder>& waiter,
+    // Hands the service manager `waiter`'s socket, to be woken when `name`
+    // appears; the object when it is there already.
+    status_t registerWaiter(const String16& name, tvbinder::ServiceManagerWaiter& waiter,
                             sp<IBinder>* present) const;
-    status_t cancelWaiter(const String16& name, const sp<IBinder>& waiter) const;
+    // Drops this process's waiters for `name` whose sockets it closed.
+    void cancelWaiters(const String16& name) const;
+    // Waits for `name` here until `deadline`: the object, or null; *lost when
+    // this service manager would not keep the wait or dropped it.
+    sp<IBinder> waitOn(const String16& name, std::chrono::steady_clock::time_point deadline,
+                       bool* lost) const;
 };
 
 }  // namespace android

@@ -33,13 +33,12 @@ class IServiceManager : public IInterface {
         CHECK_SERVICE_TRANSACTION = IBinder::FIRST_CALL_TRANSACTION,
         ADD_SERVICE_TRANSACTION,
         LIST_SERVICES_TRANSACTION,
-        // Registers a callback binder that is called once the name appears,
-        // or answers the object at once when the name is already registered.
+        // Hands over a socket to which one byte is written once the name
+        // appears, or answers the object at once when it is registered already.
         WAIT_FOR_SERVICE_TRANSACTION,
+        // Drops the caller's waiters for the name whose sockets it closed.
         CANCEL_WAIT_TRANSACTION,
     };
-    // The one-way call that a waiter's callback receives: name, then object.
-    enum { SERVICE_REGISTERED_TRANSACTION = IBinder::FIRST_CALL_TRANSACTION };
 
     // Names are 1 to kMaxNameLength printable ASCII characters.
     static constexpr size_t kMaxNameLength = 255;
@@ -57,8 +56,7 @@ class IServiceManager : public IInterface {
 
     // The registered object, waiting for the name to be registered for up to
     // the get-service timeout; null when it did not appear in time. The wait
-    // ends when the service manager calls back, so a call that has to wait
-    // starts this process's binder thread pool.
+    // needs no thread pool.
     virtual sp<IBinder> getService(const String16& name) const = 0;
     // The registered object, or null; never waits.
     virtual sp<IBinder> checkService(const String16& name) const = 0;
