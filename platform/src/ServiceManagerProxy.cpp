@@ -5,12 +5,14 @@
 #include <binder/BpBinder.h>
 #include <binder/Parcel.h>
 #include <log/log.h>
+#include <poll.h>
 #include <stdlib.h>
 
 #include <algorithm>
 #include <atomic>
 
 #include "Peer.h"
+#include "ProcessRegistrations.h"
 #include "Runtime.h"
 #include "ServiceManagerWaiter.h"
 
@@ -34,6 +36,17 @@ std::chrono::milliseconds timeoutFromEnvironment() {
 std::atomic<int64_t>& processTimeoutMs() {
     static std::atomic<int64_t> timeout{timeoutFromEnvironment().count()};
     return timeout;
+}
+
+// Without pool threads nobody reads the service manager's pidfd, and its
+// death would show only once a request failed: the pidfd is looked at here.
+bool exitedUnseen(const sp<tvbinder::Peer>& manager) {
+    if (manager->runtime().pool().started()) return false;
+    tvbinder::ScopedFd pidfd(manager->dupPidfd());
+    pollfd exit{pidfd.get(), POLLIN, 0};
+    if (!pidfd.valid() || poll(&exit, 1, 0) <= 0) return false;
+    manager->runtime().peerLost(manager);
+    return true;
 }
 
 Parcel& withName(Parcel& request, const String16& name) {
@@ -65,15 +78,21 @@ sp<IBinder> BpServiceManager::getService(const String16& name) const {
     const std::chrono::milliseconds timeout = getServiceTimeout();
     if (timeout.count() == 0) return checkService(name);
     const auto deadline = std::chrono::steady_clock::now() + timeout;
-    bool lost = false;
-    sp<IBinder> service = waitOn(name, deadline, &lost);
-    if (service != nullptr) return service;
-    // It would not keep the wait: one look is all there is.
-    if (lost) return checkService(name);
+    sp<const BpServiceManager> manager = this;
+    for (;;) {
+        bool lost = false;
+        sp<IBinder> service = manager->waitOn(name, deadline, &lost);
+        if (service != nullptr) return service;
+        if (!lost) break;
+        sp<const BpServiceManager> next = manager->successor();
+        // It still answers but would not keep the wait: one look is all there is.
+        if (next == nullptr) return manager->checkService(name);
+        manager = next;
+    }
     // The waiter's socket is closed: the service manager may drop it now. A
     // registration racing with the deadline is found by the look after.
-    cancelWaiters(name);
-    service = checkService(name);
+    manager->cancelWaiters(name);
+    sp<IBinder> service = manager->checkService(name);
     if (service == nullptr) {
         ALOGW("service %s did not appear within %lld ms", String8(name).string(),
               static_cast<long long>(timeout.count()));
@@ -109,6 +128,15 @@ sp<IBinder> BpServiceManager::waitOn(const String16& name,
     }
 }
 
+sp<const BpServiceManager> BpServiceManager::successor() const {
+    // A ping tells a service manager that died from one that dropped the
+    // wait, even before a pool thread (if there is one) has seen the death.
+    if (remote() != nullptr && remote()->pingBinder() == NO_ERROR) return nullptr;
+    sp<BpServiceManager> next = tvbinder::connectedServiceManager();
+    if (next->remote() == nullptr || next->remote() == remote()) return nullptr;
+    return next;
+}
+
 status_t BpServiceManager::registerWaiter(const String16& name,
                                           tvbinder::ServiceManagerWaiter& waiter,
                                           sp<IBinder>* present) const {
@@ -129,6 +157,11 @@ void BpServiceManager::cancelWaiters(const String16& name) const {
 status_t BpServiceManager::addService(const String16& name, const sp<IBinder>& service,
                                       bool allowIsolated) {
     if (service == nullptr) return BAD_VALUE;
+    return tvbinder::ProcessRegistrations::self().add(*this, name, service, allowIsolated);
+}
+
+status_t BpServiceManager::requestAddService(const String16& name, const sp<IBinder>& service,
+                                             bool allowIsolated) const {
     Parcel request, reply;
     withName(request, name).writeStrongBinder(service);
     request.writeInt32(allowIsolated ? 1 : 0);
@@ -178,7 +211,8 @@ bool BpServiceManager::isAlive() const {
     if (remote() == nullptr || !remote()->isBinderAlive()) return false;
     // A child made by fork() has its own endpoint: its parent's proxy is stale.
     BpBinder* proxy = remote()->remoteBinder();
-    return proxy == nullptr || proxy->owner()->runtime().isCurrent();
+    if (proxy == nullptr) return true;
+    return proxy->owner()->runtime().isCurrent() && !exitedUnseen(proxy->owner());
 }
 
 }  // namespace android

@@ -116,6 +116,10 @@ class ForegroundDaemon {
     }
     bool serving() const { return mServing; }
     pid_t pid() const { return mProcess.pid(); }
+    void kill() {
+        mProcess.kill(SIGKILL);
+        mProcess.wait();
+    }
 
   private:
     tvtest::ChildProcess mProcess;
@@ -159,8 +163,8 @@ std::string joinRegistrations() {
 std::string runAgentCommand(const std::string& verb, const std::string& name,
                             const std::string& argument) {
     sp<IServiceManager> manager = defaultServiceManager();
-    if (verb == "add") {
-        android::ProcessState::self()->startThreadPool();
+    if (verb == "add" || verb == "add-without-pool") {
+        if (verb == "add") android::ProcessState::self()->startThreadPool();
         return "status " + std::to_string(manager->addService(String16(name.c_str()),
                                                               new TaggedService(argument)));
     }
@@ -188,8 +192,9 @@ std::string runAgentCommand(const std::string& verb, const std::string& name,
 }
 
 // A process that uses the service manager as the test tells it, one line per
-// command: "add NAME TAG", "fill PREFIX NAME", "check NAME", "get NAME",
-// "timeout MS", "registrations", "threads" (its pool threads).
+// command: "add NAME TAG", "add-without-pool NAME TAG", "fill PREFIX NAME",
+// "check NAME", "get NAME", "timeout MS", "registrations", "threads" (its
+// pool threads).
 TVTEST_CHILD_ROLE(sm_agent) {
     (void)args;
     for (;;) {
@@ -665,6 +670,59 @@ TEST(ServiceManagerAutostartTest, StartsOneDaemonForRacingNewcomers) {
     EXPECT_EQ("servicemanager", processNameOf(manager));
     EXPECT_EQ("tag two", ask(first, "check sm.second"));
     EXPECT_EQ("tag one", ask(second, "check sm.first"));
+}
+
+// The lines of `--list` other than the service manager's own.
+std::string registrationsListed(const std::string& context) {
+    std::string listing;
+    if (runListTool(context, &listing) != 0) return "no service manager";
+    std::istringstream lines(listing);
+    std::string kept;
+    for (std::string line; std::getline(lines, line);) {
+        if (line.rfind("manager ", 0) != 0) kept += line + "\n";
+    }
+    return kept;
+}
+
+// Daemons serving or starting; those that exited wait to be reaped.
+size_t adoptedDaemons() {
+    size_t count = 0;
+    for (pid_t child : childrenOf(getpid())) {
+        std::ifstream stat("/proc/" + std::to_string(child) + "/stat");
+        std::string pid, name, state;
+        stat >> pid >> name >> state;
+        count += name == "(servicemanager)" && state != "Z";
+    }
+    return count;
+}
+
+TEST_F(ServiceManagerTest, RegistrationsOutliveTheirDaemon) {
+    // The successor is started on demand, as outside tests.
+    const ScopedVariable daemonVariable(kDaemonVariable, nullptr);
+    AdoptedDaemons successors;
+    tvtest::ChildProcess owner("sm_agent");
+    tvtest::ChildProcess poolless("sm_agent");
+    tvtest::ChildProcess waiter("sm_agent");
+    tvtest::ChildProcess rival("sm_agent");
+    ASSERT_EQ(statusLine(NO_ERROR), ask(owner, "add sm.kept one"));
+    ASSERT_EQ(statusLine(NO_ERROR), ask(poolless, "add-without-pool sm.poolless two"));
+    const std::string before = registrationsListed(mContext);
+    ASSERT_EQ("ok", ask(waiter, "timeout 60000"));
+    waiter.writeLine("get sm.late");
+    std::this_thread::sleep_for(300ms);
+
+    mDaemon->kill();
+    // The owner registers its name again unasked, and owns it still...
+    EXPECT_TRUE(tvtest::waitUntil([&] { return ask(rival, "check sm.kept") == "tag one"; }, 20s));
+    EXPECT_EQ(statusLine(android::ALREADY_EXISTS), ask(rival, "add sm.kept three"));
+    // ...and so does a process without a pool, when it next uses the service manager.
+    EXPECT_EQ("tag one", ask(poolless, "check sm.kept"));
+    EXPECT_EQ(before, registrationsListed(mContext));
+    // A wait begun with the dead daemon is answered by its successor.
+    ASSERT_EQ(statusLine(NO_ERROR), ask(owner, "add sm.late four"));
+    EXPECT_EQ("tag four", waiter.readLine(30s));
+    // Of the daemons that the survivors started, one serves and the others left.
+    EXPECT_TRUE(tvtest::waitUntil([] { return adoptedDaemons() == 1; }, 10s));
 }
 
 }  // namespace

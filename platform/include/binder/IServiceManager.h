@@ -23,7 +23,8 @@ namespace android {
 // registered object lives. Another process asking for a name that is held by a
 // live registration is refused with ALREADY_EXISTS; the holder itself may
 // replace its registration. When the registered object's process dies, the
-// name is freed.
+// name is freed. When the service manager itself dies, every process registers
+// its names again with the one that replaces it.
 class IServiceManager : public IInterface {
   public:
     DECLARE_META_INTERFACE(ServiceManager)
@@ -56,7 +57,8 @@ class IServiceManager : public IInterface {
 
     // The registered object, waiting for the name to be registered for up to
     // the get-service timeout; null when it did not appear in time. The wait
-    // needs no thread pool.
+    // needs no thread pool, and goes on with the successor of a service
+    // manager that dies meanwhile.
     virtual sp<IBinder> getService(const String16& name) const = 0;
     // The registered object, or null; never waits.
     virtual sp<IBinder> checkService(const String16& name) const = 0;
@@ -64,6 +66,8 @@ class IServiceManager : public IInterface {
     // lives in the service manager itself;
     // ALREADY_EXISTS when another process holds the name; NO_MEMORY when the
     // registry is full; a transport error when the service manager is gone.
+    // This process keeps what was accepted, to register it again with a
+    // service manager that replaces a dead one.
     virtual status_t addService(const String16& name, const sp<IBinder>& service,
                                 bool allowIsolated = false) = 0;
     virtual Vector<String16> listServices() = 0;
@@ -78,7 +82,8 @@ class IServiceManager : public IInterface {
 // the daemon (`$TAVRIN_SERVICEMANAGER`, else `../bin/tavrin-servicemanager`
 // beside the binder library) and retries with a bounded backoff. If it still
 // does not answer, returns a service manager whose operations fail, and the
-// next call tries again.
+// next call tries again. A service manager that replaces a dead one first
+// gets back the names this process registered.
 sp<IServiceManager> defaultServiceManager();
 
 }  // namespace android
