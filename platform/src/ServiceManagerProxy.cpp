@@ -4,6 +4,7 @@
 
 #include <binder/BpBinder.h>
 #include <binder/Parcel.h>
+#include <errno.h>
 #include <log/log.h>
 #include <poll.h>
 #include <stdlib.h>
@@ -38,13 +39,21 @@ std::atomic<int64_t>& processTimeoutMs() {
     return timeout;
 }
 
-// Without pool threads nobody reads the service manager's pidfd, and its
-// death would show only once a request failed: the pidfd is looked at here.
-bool exitedUnseen(const sp<tvbinder::Peer>& manager) {
-    if (manager->runtime().pool().started()) return false;
+// A service manager that is being killed hangs up its sockets a moment
+// before its process has exited: how long a failed ping waits for that.
+constexpr int kDyingGraceMs = 1000;
+
+// True once the service manager's process has exited, waiting up to `waitMs`
+// for it; the death is then known to the transport too, which without pool
+// threads would not read the pidfd itself.
+bool hasExited(const sp<tvbinder::Peer>& manager, int waitMs) {
     tvbinder::ScopedFd pidfd(manager->dupPidfd());
     pollfd exit{pidfd.get(), POLLIN, 0};
-    if (!pidfd.valid() || poll(&exit, 1, 0) <= 0) return false;
+    int ready;
+    do {
+        ready = pidfd.valid() ? poll(&exit, 1, waitMs) : 0;
+    } while (ready < 0 && errno == EINTR);
+    if (ready <= 0) return false;
     manager->runtime().peerLost(manager);
     return true;
 }
@@ -131,7 +140,11 @@ sp<IBinder> BpServiceManager::waitOn(const String16& name,
 sp<const BpServiceManager> BpServiceManager::successor() const {
     // A ping tells a service manager that died from one that dropped the
     // wait, even before a pool thread (if there is one) has seen the death.
-    if (remote() != nullptr && remote()->pingBinder() == NO_ERROR) return nullptr;
+    if (remote() != nullptr) {
+        if (remote()->pingBinder() == NO_ERROR) return nullptr;
+        BpBinder* proxy = remote()->remoteBinder();
+        if (proxy != nullptr) hasExited(proxy->owner(), kDyingGraceMs);
+    }
     sp<BpServiceManager> next = tvbinder::connectedServiceManager();
     if (next->remote() == nullptr || next->remote() == remote()) return nullptr;
     return next;
@@ -212,7 +225,10 @@ bool BpServiceManager::isAlive() const {
     // A child made by fork() has its own endpoint: its parent's proxy is stale.
     BpBinder* proxy = remote()->remoteBinder();
     if (proxy == nullptr) return true;
-    return proxy->owner()->runtime().isCurrent() && !exitedUnseen(proxy->owner());
+    const sp<tvbinder::Peer>& owner = proxy->owner();
+    if (!owner->runtime().isCurrent()) return false;
+    // Without pool threads nobody reads its pidfd: a death shows only here.
+    return owner->runtime().pool().started() || !hasExited(owner, 0);
 }
 
 }  // namespace android
