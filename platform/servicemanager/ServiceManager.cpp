@@ -8,10 +8,12 @@
 #include <log/log.h>
 #include <poll.h>
 #include <string.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <string>
+#include <utility>
 
 namespace android {
 namespace {
@@ -39,11 +41,24 @@ bool isRemote(const sp<IBinder>& binder) {
     return binder != nullptr && binder->remoteBinder() != nullptr;
 }
 
-// Reads a request made of a name and a waiter's call-back object, and nothing else.
-bool readNameAndCallback(const Parcel& data, String16* name, sp<IBinder>* callback) {
+// The kind of socket a waiting call hands over: it is only ever written to
+// without waiting, and its peer's close shows as a hang-up.
+bool isWakeSocket(int fd) {
+    int domain = 0;
+    int type = 0;
+    socklen_t size = sizeof domain;
+    if (getsockopt(fd, SOL_SOCKET, SO_DOMAIN, &domain, &size) != 0) return false;
+    size = sizeof type;
+    return getsockopt(fd, SOL_SOCKET, SO_TYPE, &type, &size) == 0 && domain == AF_UNIX &&
+           type == SOCK_SEQPACKET;
+}
+
+// Reads a request made of a name and a waiter's socket, and nothing else.
+// The socket stays the request's.
+bool readNameAndSocket(const Parcel& data, String16* name, int* socket) {
     if (!readHeaderAndName(data, name)) return false;
-    *callback = data.readStrongBinder();
-    return isRemote(*callback) && endsWith(data, 1);
+    *socket = data.readFileDescriptor();
+    return *socket >= 0 && endsWith(data, 1) && isWakeSocket(*socket);
 }
 
 // The path of the process's executable, "?" when it cannot be read.
@@ -84,6 +99,31 @@ ServiceManager::Caller::Caller() {
 
 ServiceManager::Caller::~Caller() {
     if (pidfd >= 0) close(pidfd);
+}
+
+ServiceManager::WakeSocket::~WakeSocket() {
+    if (mFd >= 0) close(mFd);
+}
+
+ServiceManager::WakeSocket::WakeSocket(WakeSocket&& other) noexcept
+    : mFd(std::exchange(other.mFd, -1)) {}
+
+ServiceManager::WakeSocket& ServiceManager::WakeSocket::operator=(WakeSocket&& other) noexcept {
+    if (this != &other) {
+        if (mFd >= 0) close(mFd);
+        mFd = std::exchange(other.mFd, -1);
+    }
+    return *this;
+}
+
+bool ServiceManager::WakeSocket::wake() const {
+    const char registered = 1;
+    return send(mFd, &registered, 1, MSG_DONTWAIT | MSG_NOSIGNAL) == 1;
+}
+
+bool ServiceManager::WakeSocket::hungUp() const {
+    struct pollfd peer = {mFd, 0, 0};
+    return poll(&peer, 1, 0) > 0 && (peer.revents & (POLLHUP | POLLERR)) != 0;
 }
 
 ServiceManager::ServiceManager() : mExits([this](uint64_t key) { registrantExited(key); }) {
@@ -189,14 +229,14 @@ status_t ServiceManager::listServices(const Parcel& data, Parcel* reply) {
 
 status_t ServiceManager::waitForService(const Parcel& data, Parcel* reply) {
     String16 name;
-    sp<IBinder> callback;
-    if (!readNameAndCallback(data, &name, &callback)) {
+    int socket = -1;
+    if (!readNameAndSocket(data, &name, &socket)) {
         reply->writeInt32(BAD_VALUE);
         return NO_ERROR;
     }
     sp<IBinder> present;
     Caller caller;
-    const status_t status = addWaiter(name, callback, caller, &present);
+    const status_t status = addWaiter(name, socket, caller, &present);
     reply->writeInt32(status);
     reply->writeStrongBinder(present);
     return NO_ERROR;
@@ -204,29 +244,26 @@ status_t ServiceManager::waitForService(const Parcel& data, Parcel* reply) {
 
 status_t ServiceManager::cancelWait(const Parcel& data, Parcel* reply) {
     String16 name;
-    sp<IBinder> callback;
-    if (!readNameAndCallback(data, &name, &callback)) {
+    if (!readHeaderAndName(data, &name) || !endsWith(data, 0)) {
         reply->writeInt32(BAD_VALUE);
         return NO_ERROR;
     }
     Caller caller;
     std::vector<sp<IBinder>> unlink;
-    bool cancelled = false;
+    size_t cancelled = 0;
     {
         std::lock_guard<std::mutex> lock(mLock);
         const uint64_t key = findRegistrantLocked(caller, &unlink);
-        auto waiter = std::find_if(mWaiters.begin(), mWaiters.end(), [&](const Waiter& w) {
-            return key != 0 && w.registrant == key && w.callback == callback && w.name == name;
+        auto gone = std::stable_partition(mWaiters.begin(), mWaiters.end(), [&](const Waiter& w) {
+            return key == 0 || w.registrant != key || !(w.name == name) || !w.socket.hungUp();
         });
-        if (waiter != mWaiters.end()) {
-            cancelled = true;
-            unlink.push_back(std::move(waiter->callback));
-            mWaiters.erase(waiter);
-            uncountLocked(key, &Registrant::waiters);
-        }
+        cancelled = static_cast<size_t>(mWaiters.end() - gone);
+        mWaiters.erase(gone, mWaiters.end());
+        // Uncounted one by one: the record goes with the last.
+        for (size_t i = 0; i < cancelled; ++i) uncountLocked(key, &Registrant::waiters);
     }
     unlinkFrom(&unlink);
-    reply->writeInt32(cancelled ? NO_ERROR : NAME_NOT_FOUND);
+    reply->writeInt32(cancelled > 0 ? NO_ERROR : NAME_NOT_FOUND);
     return NO_ERROR;
 }
 
@@ -261,7 +298,7 @@ status_t ServiceManager::registerService(const String16& name, const sp<IBinder>
     unlinkFrom(&unlink);
     if (status != NO_ERROR) return status;
     ALOGI("added %s for pid %d", String8(name).string(), caller.pid);
-    notifyWaiters(waiters, binder);
+    wakeWaiters(waiters);
     return NO_ERROR;
 }
 
@@ -285,20 +322,17 @@ status_t ServiceManager::admitServiceLocked(const String16& name, uint64_t regis
     return NO_MEMORY;
 }
 
-status_t ServiceManager::addWaiter(const String16& name, const sp<IBinder>& callback,
-                                   Caller& caller, sp<IBinder>* present) {
-    *present = findService(name);
-    if (*present != nullptr) return NO_ERROR;
-    const status_t watched = watch(callback);
-    if (watched != NO_ERROR) return watched;
+status_t ServiceManager::addWaiter(const String16& name, int socket, Caller& caller,
+                                   sp<IBinder>* present) {
+    WakeSocket kept(fcntl(socket, F_DUPFD_CLOEXEC, 0));
+    if (!kept.valid()) return NO_MEMORY;
     std::vector<sp<IBinder>> unlink;
     status_t status = NO_ERROR;
-    bool waiting = false;
     {
         std::lock_guard<std::mutex> lock(mLock);
         auto found = mServices.find(name);
         if (found != mServices.end()) {
-            *present = found->second.binder;  // registered meanwhile
+            *present = found->second.binder;
         } else {
             uint64_t key = 0;
             status = enrolLocked(caller, &key, &unlink);
@@ -309,17 +343,14 @@ status_t ServiceManager::addWaiter(const String16& name, const sp<IBinder>& call
                       caller.pid);
                 status = NO_MEMORY;
             }
-            if (status == NO_ERROR && !callback->isBinderAlive()) status = DEAD_OBJECT;
             if (status == NO_ERROR) {
-                mWaiters.push_back(Waiter{name, callback, key, caller.pid});
+                mWaiters.push_back(Waiter{name, std::move(kept), key, caller.pid});
                 ++mRegistrants.at(key).waiters;
-                waiting = true;
             } else if (key != 0) {
                 uncountLocked(key, nullptr);
             }
         }
     }
-    if (!waiting) unlink.push_back(callback);
     unlinkFrom(&unlink);
     return status;
 }
@@ -348,18 +379,12 @@ std::vector<ServiceManager::Waiter> ServiceManager::takeWaitersLocked(const Stri
     return taken;
 }
 
-void ServiceManager::notifyWaiters(const std::vector<Waiter>& waiters, const sp<IBinder>& binder) {
+void ServiceManager::wakeWaiters(const std::vector<Waiter>& waiters) {
     for (const Waiter& waiter : waiters) {
-        Parcel notice;
-        notice.writeString16(waiter.name);
-        notice.writeStrongBinder(binder);
-        const status_t status = waiter.callback->transact(
-            IServiceManager::SERVICE_REGISTERED_TRANSACTION, notice, nullptr, FLAG_ONEWAY);
-        if (status != NO_ERROR) {
-            ALOGW("could not tell pid %d that %s was added: %d", waiter.owner,
-                  String8(waiter.name).string(), status);
+        if (!waiter.socket.wake()) {
+            ALOGW("could not tell pid %d that %s was added: %s", waiter.owner,
+                  String8(waiter.name).string(), strerror(errno));
         }
-        waiter.callback->unlinkToDeath(this);
     }
 }
 
@@ -380,14 +405,6 @@ void ServiceManager::binderDied(const wp<IBinder>& who) {
                 ++entry;
             }
         }
-        auto gone = std::stable_partition(mWaiters.begin(), mWaiters.end(), [&](const Waiter& w) {
-            return w.callback.get() != dead;
-        });
-        for (auto waiter = gone; waiter != mWaiters.end(); ++waiter) {
-            released.push_back(std::move(waiter->callback));
-            uncountLocked(waiter->registrant, &Registrant::waiters);
-        }
-        mWaiters.erase(gone, mWaiters.end());
     }
     if (owner != 0) ALOGI("an object registered by pid %d died: dropped its registrations", owner);
 }
@@ -463,16 +480,13 @@ void ServiceManager::dropRegistrantLocked(uint64_t key, std::vector<sp<IBinder>>
             ++entry;
         }
     }
-    auto gone = std::stable_partition(mWaiters.begin(), mWaiters.end(),
-                                      [&](const Waiter& w) { return w.registrant != key; });
-    for (auto waiter = gone; waiter != mWaiters.end(); ++waiter) {
-        unlink->push_back(std::move(waiter->callback));
-    }
-    mWaiters.erase(gone, mWaiters.end());
+    mWaiters.erase(std::remove_if(mWaiters.begin(), mWaiters.end(),
+                                  [&](const Waiter& w) { return w.registrant == key; }),
+                   mWaiters.end());
     forgetLocked(key);
 }
 
-// Each registration and waiter linked its object once; each is unlinked once.
+// Each registration linked its object once; each is unlinked once.
 void ServiceManager::unlinkFrom(std::vector<sp<IBinder>>* objects) {
     for (const sp<IBinder>& object : *objects) object->unlinkToDeath(this);
     objects->clear();

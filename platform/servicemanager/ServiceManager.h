@@ -20,14 +20,17 @@ namespace android {
 // BAD_VALUE. A registration or a waiter belongs to the process that made it,
 // its registrant, known by a pidfd: a pid number, once reused, would name
 // another process. A registration ends when its registrant or its object's
-// process dies, a waiter when its registrant or its call-back's process dies,
-// whichever comes first. Memory is bounded by the limits below, per
-// registrant and per user.
+// process dies, whichever comes first. A waiter holds the socket its
+// getService() call sleeps on; it ends when its name is registered (a byte
+// written wakes the call), when its registrant dies, or when the registrant
+// cancels it after closing its own end. Memory and descriptors are bounded by
+// the limits below, per registrant and per user.
 //
 // Made by main() and kept by the transport as the context object for the
 // daemon's life. Requests and object deaths arrive on pool threads,
 // registrants' exits on the ExitWatcher's thread. mLock guards the registry;
-// nothing that may reach another process is done under it.
+// nothing that may reach another process is done under it (closing a
+// waiter's socket never blocks, and is).
 class ServiceManager : public BBinder, public IBinder::DeathRecipient {
   public:
     static constexpr size_t kMaxServicesPerProcess = 512;
@@ -70,10 +73,26 @@ class ServiceManager : public BBinder, public IBinder::DeathRecipient {
         uint64_t registrant = 0;  // 0 for the service manager's own entry
         pid_t owner = 0;
     };
+    // The service manager's end of a waiting call's socket; closed with it.
+    class WakeSocket {
+      public:
+        explicit WakeSocket(int fd) : mFd(fd) {}
+        ~WakeSocket();
+        WakeSocket(WakeSocket&& other) noexcept;
+        WakeSocket& operator=(WakeSocket&& other) noexcept;
+        bool valid() const { return mFd >= 0; }
+        // Wakes the call; false when it can no longer be told.
+        bool wake() const;
+        // True once the waiting process closed its end.
+        bool hungUp() const;
+
+      private:
+        int mFd;
+    };
     // A getService() call of another process, waiting for a name to appear.
     struct Waiter {
         String16 name;
-        sp<IBinder> callback;
+        WakeSocket socket;
         uint64_t registrant = 0;
         pid_t owner = 0;
     };
@@ -88,14 +107,14 @@ class ServiceManager : public BBinder, public IBinder::DeathRecipient {
     status_t registerService(const String16& name, const sp<IBinder>& binder, Caller& caller);
     // NO_ERROR, or why another registration of `name` by `registrant` is refused.
     status_t admitServiceLocked(const String16& name, uint64_t registrant) const;
-    status_t addWaiter(const String16& name, const sp<IBinder>& callback, Caller& caller,
-                       sp<IBinder>* present);
+    // Keeps a copy of `socket` for a waiter, unless `name` is registered already.
+    status_t addWaiter(const String16& name, int socket, Caller& caller, sp<IBinder>* present);
     sp<IBinder> findService(const String16& name) const;
     // Links this registry to `binder`'s death: DEAD_OBJECT when it is dead already.
     status_t watch(const sp<IBinder>& binder);
-    // Takes the waiters of `name` out of the registry, to be told outside the lock.
+    // Takes the waiters of `name` out of the registry, to be woken outside the lock.
     std::vector<Waiter> takeWaitersLocked(const String16& name);
-    void notifyWaiters(const std::vector<Waiter>& waiters, const sp<IBinder>& binder);
+    static void wakeWaiters(const std::vector<Waiter>& waiters);
 
     // The caller's registrant record in *key, made when it has none:
     // DEAD_OBJECT when the caller exited. Takes the caller's pidfd for a new
@@ -111,7 +130,7 @@ class ServiceManager : public BBinder, public IBinder::DeathRecipient {
     void uncountLocked(uint64_t key, Counter counter);
     void forgetLocked(uint64_t key);
     // Drops everything the registrant holds: the objects, to be unlinked
-    // from and released outside the lock, go to *unlink.
+    // from and released outside the lock, go to *unlink; its waiters close.
     void dropRegistrantLocked(uint64_t key, std::vector<sp<IBinder>>* unlink);
     void unlinkFrom(std::vector<sp<IBinder>>* objects);
     // ExitWatcher's thread.

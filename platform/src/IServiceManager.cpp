@@ -9,6 +9,7 @@
 #include <mutex>
 #include <thread>
 
+#include "ProcessRegistrations.h"
 #include "ServiceManagerLauncher.h"
 #include "ServiceManagerProxy.h"
 
@@ -72,15 +73,24 @@ sp<IBinder> connectToServiceManager() {
 
 }  // namespace
 
-sp<IServiceManager> defaultServiceManager() {
+namespace tvbinder {
+
+sp<BpServiceManager> connectedServiceManager() {
     // Never destroyed: pool threads may still use them while the process exits.
     static std::mutex& lock = *new std::mutex;
     static sp<BpServiceManager>& current = *new sp<BpServiceManager>;
     std::lock_guard<std::mutex> guard(lock);
     if (current == nullptr || !current->isAlive()) {
         current = new BpServiceManager(connectToServiceManager());
+        ProcessRegistrations::self().restore(*current);
     }
     return current;
+}
+
+}  // namespace tvbinder
+
+sp<IServiceManager> defaultServiceManager() {
+    return tvbinder::connectedServiceManager();
 }
 
 }  // namespace android

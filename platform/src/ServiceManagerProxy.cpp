@@ -4,14 +4,16 @@
 
 #include <binder/BpBinder.h>
 #include <binder/Parcel.h>
-#include <binder/ProcessState.h>
+#include <errno.h>
 #include <log/log.h>
+#include <poll.h>
 #include <stdlib.h>
 
 #include <algorithm>
 #include <atomic>
 
 #include "Peer.h"
+#include "ProcessRegistrations.h"
 #include "Runtime.h"
 #include "ServiceManagerWaiter.h"
 
@@ -35,6 +37,25 @@ std::chrono::milliseconds timeoutFromEnvironment() {
 std::atomic<int64_t>& processTimeoutMs() {
     static std::atomic<int64_t> timeout{timeoutFromEnvironment().count()};
     return timeout;
+}
+
+// A service manager that is being killed hangs up its sockets a moment
+// before its process has exited: how long a failed ping waits for that.
+constexpr int kDyingGraceMs = 1000;
+
+// True once the service manager's process has exited, waiting up to `waitMs`
+// for it; the death is then known to the transport too, which without pool
+// threads would not read the pidfd itself.
+bool hasExited(const sp<tvbinder::Peer>& manager, int waitMs) {
+    tvbinder::ScopedFd pidfd(manager->dupPidfd());
+    pollfd exit{pidfd.get(), POLLIN, 0};
+    int ready;
+    do {
+        ready = pidfd.valid() ? poll(&exit, 1, waitMs) : 0;
+    } while (ready < 0 && errno == EINTR);
+    if (ready <= 0) return false;
+    manager->runtime().peerLost(manager);
+    return true;
 }
 
 Parcel& withName(Parcel& request, const String16& name) {
@@ -66,21 +87,21 @@ sp<IBinder> BpServiceManager::getService(const String16& name) const {
     const std::chrono::milliseconds timeout = getServiceTimeout();
     if (timeout.count() == 0) return checkService(name);
     const auto deadline = std::chrono::steady_clock::now() + timeout;
-    sp<tvbinder::ServiceManagerWaiter> waiter = new tvbinder::ServiceManagerWaiter(name);
-    sp<IBinder> service;
-    const status_t registered = registerWaiter(name, waiter, &service);
-    if (registered != NO_ERROR) {
-        ALOGW("cannot wait for %s: %d", String8(name).string(), registered);
-        return checkService(name);
+    sp<const BpServiceManager> manager = this;
+    for (;;) {
+        bool lost = false;
+        sp<IBinder> service = manager->waitOn(name, deadline, &lost);
+        if (service != nullptr) return service;
+        if (!lost) break;
+        sp<const BpServiceManager> next = manager->successor();
+        // It still answers but would not keep the wait: one look is all there is.
+        if (next == nullptr) return manager->checkService(name);
+        manager = next;
     }
-    if (service != nullptr) return service;
-    // The notice arrives as an incoming call, which only pool threads take.
-    ProcessState::self()->startThreadPool();
-    service = waiter->waitUntil(deadline);
-    if (service != nullptr) return service;
-    // A registration racing with the deadline has already taken the waiter
-    // out, so the daemon no longer knows it: look once more.
-    if (cancelWaiter(name, waiter) == NAME_NOT_FOUND) service = checkService(name);
+    // The waiter's socket is closed: the service manager may drop it now. A
+    // registration racing with the deadline is found by the look after.
+    manager->cancelWaiters(name);
+    sp<IBinder> service = manager->checkService(name);
     if (service == nullptr) {
         ALOGW("service %s did not appear within %lld ms", String8(name).string(),
               static_cast<long long>(timeout.count()));
@@ -88,24 +109,72 @@ sp<IBinder> BpServiceManager::getService(const String16& name) const {
     return service;
 }
 
-status_t BpServiceManager::registerWaiter(const String16& name, const sp<IBinder>& waiter,
+sp<IBinder> BpServiceManager::waitOn(const String16& name,
+                                     std::chrono::steady_clock::time_point deadline,
+                                     bool* lost) const {
+    for (;;) {
+        tvbinder::ServiceManagerWaiter waiter;
+        sp<IBinder> service;
+        const status_t registered = registerWaiter(name, waiter, &service);
+        if (registered != NO_ERROR) {
+            ALOGW("cannot wait for %s: %d", String8(name).string(), registered);
+            *lost = true;
+            return nullptr;
+        }
+        if (service != nullptr) return service;
+        switch (waiter.waitUntil(deadline)) {
+            case tvbinder::ServiceManagerWaiter::Outcome::kTimedOut:
+                return nullptr;
+            case tvbinder::ServiceManagerWaiter::Outcome::kHungUp:
+                *lost = true;
+                return nullptr;
+            case tvbinder::ServiceManagerWaiter::Outcome::kRegistered:
+                break;
+        }
+        // Unless it went again before this look: then wait on.
+        service = checkService(name);
+        if (service != nullptr) return service;
+    }
+}
+
+sp<const BpServiceManager> BpServiceManager::successor() const {
+    // A ping tells a service manager that died from one that dropped the
+    // wait, even before a pool thread (if there is one) has seen the death.
+    if (remote() != nullptr) {
+        if (remote()->pingBinder() == NO_ERROR) return nullptr;
+        BpBinder* proxy = remote()->remoteBinder();
+        if (proxy != nullptr) hasExited(proxy->owner(), kDyingGraceMs);
+    }
+    sp<BpServiceManager> next = tvbinder::connectedServiceManager();
+    if (next->remote() == nullptr || next->remote() == remote()) return nullptr;
+    return next;
+}
+
+status_t BpServiceManager::registerWaiter(const String16& name,
+                                          tvbinder::ServiceManagerWaiter& waiter,
                                           sp<IBinder>* present) const {
+    if (!waiter.valid()) return NO_MEMORY;
     Parcel request, reply;
-    withName(request, name).writeStrongBinder(waiter);
+    withName(request, name).writeFileDescriptor(waiter.serviceManagerEnd());
     const status_t status = call(WAIT_FOR_SERVICE_TRANSACTION, request, &reply);
+    waiter.sent();
     if (status == NO_ERROR) *present = reply.readStrongBinder();
     return status;
 }
 
-status_t BpServiceManager::cancelWaiter(const String16& name, const sp<IBinder>& waiter) const {
+void BpServiceManager::cancelWaiters(const String16& name) const {
     Parcel request, reply;
-    withName(request, name).writeStrongBinder(waiter);
-    return call(CANCEL_WAIT_TRANSACTION, request, &reply);
+    call(CANCEL_WAIT_TRANSACTION, withName(request, name), &reply);
 }
 
 status_t BpServiceManager::addService(const String16& name, const sp<IBinder>& service,
                                       bool allowIsolated) {
     if (service == nullptr) return BAD_VALUE;
+    return tvbinder::ProcessRegistrations::self().add(*this, name, service, allowIsolated);
+}
+
+status_t BpServiceManager::requestAddService(const String16& name, const sp<IBinder>& service,
+                                             bool allowIsolated) const {
     Parcel request, reply;
     withName(request, name).writeStrongBinder(service);
     request.writeInt32(allowIsolated ? 1 : 0);
@@ -162,7 +231,11 @@ bool BpServiceManager::isAlive() const {
     if (remote() == nullptr || !remote()->isBinderAlive()) return false;
     // A child made by fork() has its own endpoint: its parent's proxy is stale.
     BpBinder* proxy = remote()->remoteBinder();
-    return proxy == nullptr || proxy->owner()->runtime().isCurrent();
+    if (proxy == nullptr) return true;
+    const sp<tvbinder::Peer>& owner = proxy->owner();
+    if (!owner->runtime().isCurrent()) return false;
+    // Without pool threads nobody reads its pidfd: a death shows only here.
+    return owner->runtime().pool().started() || !hasExited(owner, 0);
 }
 
 }  // namespace android

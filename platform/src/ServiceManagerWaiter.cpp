@@ -1,33 +1,38 @@
 #include "ServiceManagerWaiter.h"
 
-#include <binder/IServiceManager.h>
+#include <errno.h>
+#include <limits.h>
+#include <poll.h>
+#include <sys/socket.h>
+
+#include <algorithm>
 
 namespace android {
 namespace tvbinder {
 
-ServiceManagerWaiter::ServiceManagerWaiter(const String16& name) : mName(name) {}
-
-sp<IBinder> ServiceManagerWaiter::waitUntil(std::chrono::steady_clock::time_point deadline) {
-    std::unique_lock<std::mutex> lock(mLock);
-    mArrived.wait_until(lock, deadline, [this] { return mService != nullptr; });
-    return mService;
+ServiceManagerWaiter::ServiceManagerWaiter() {
+    int ends[2];
+    if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends) != 0) return;
+    mOwnEnd = ScopedFd(ends[0]);
+    mServiceManagerEnd = ScopedFd(ends[1]);
 }
 
-status_t ServiceManagerWaiter::onTransact(uint32_t code, const Parcel& data, Parcel* reply,
-                                          uint32_t flags) {
-    if (code != IServiceManager::SERVICE_REGISTERED_TRANSACTION) {
-        return BBinder::onTransact(code, data, reply, flags);
+ServiceManagerWaiter::Outcome ServiceManagerWaiter::waitUntil(
+    std::chrono::steady_clock::time_point deadline) {
+    using std::chrono::milliseconds;
+    for (;;) {
+        const auto left =
+            std::chrono::ceil<milliseconds>(deadline - std::chrono::steady_clock::now());
+        pollfd wake{mOwnEnd.get(), POLLIN, 0};
+        const int ready =
+            poll(&wake, 1, static_cast<int>(std::clamp<int64_t>(left.count(), 0, INT_MAX)));
+        if (ready < 0 && errno == EINTR) continue;
+        if (ready <= 0) return Outcome::kTimedOut;
+        char registered = 0;
+        // A hang-up with nothing before it: the service manager dropped us.
+        return recv(mOwnEnd.get(), &registered, 1, MSG_DONTWAIT) == 1 ? Outcome::kRegistered
+                                                                      : Outcome::kHungUp;
     }
-    String16 name;
-    if (data.readString16(&name) != NO_ERROR || !(name == mName)) return BAD_VALUE;
-    sp<IBinder> service = data.readStrongBinder();
-    if (service == nullptr || data.dataAvail() != 0 || data.objectsCount() != 1) return BAD_VALUE;
-    {
-        std::lock_guard<std::mutex> lock(mLock);
-        mService = std::move(service);
-    }
-    mArrived.notify_all();
-    return NO_ERROR;
 }
 
 }  // namespace tvbinder

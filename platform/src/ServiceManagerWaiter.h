@@ -1,33 +1,35 @@
 #pragma once
 
-#include <binder/Binder.h>
-#include <binder/Parcel.h>
-
 #include <chrono>
-#include <condition_variable>
-#include <mutex>
+
+#include "TransportFds.h"
 
 namespace android {
 namespace tvbinder {
 
-// The callback that one getService() call hands to the service manager: the
-// service manager calls it, one way, when the awaited name is registered, so
-// the caller sleeps until then instead of asking again and again.
-class ServiceManagerWaiter : public BBinder {
+// The socket pair that one getService() call sleeps on while it waits for a
+// name. The service manager keeps one end: it writes a byte to it when the
+// name is registered and closes it when it drops the waiter, so its own death
+// shows here as a hang-up too. Waiting this way needs no thread of this
+// process to take a call-back, so it needs no thread pool. Made and used by
+// the waiting thread only.
+class ServiceManagerWaiter {
   public:
-    explicit ServiceManagerWaiter(const String16& name);
+    enum class Outcome { kRegistered, kHungUp, kTimedOut };
 
-    // The registered object, or null if none arrived before `deadline`.
-    sp<IBinder> waitUntil(std::chrono::steady_clock::time_point deadline);
+    ServiceManagerWaiter();
+    // False when no socket pair could be made.
+    bool valid() const { return mOwnEnd.valid() && mServiceManagerEnd.valid(); }
+    // The end to send with the request; closed here once it is sent, so
+    // that only the service manager holds it.
+    int serviceManagerEnd() const { return mServiceManagerEnd.get(); }
+    void sent() { mServiceManagerEnd.reset(); }
 
-  protected:
-    status_t onTransact(uint32_t code, const Parcel& data, Parcel* reply, uint32_t flags) override;
+    Outcome waitUntil(std::chrono::steady_clock::time_point deadline);
 
   private:
-    const String16 mName;
-    std::mutex mLock;
-    std::condition_variable mArrived;
-    sp<IBinder> mService;
+    ScopedFd mOwnEnd;
+    ScopedFd mServiceManagerEnd;
 };
 
 }  // namespace tvbinder

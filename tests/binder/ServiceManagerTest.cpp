@@ -120,6 +120,10 @@ class ForegroundDaemon {
     }
     bool serving() const { return mServing; }
     pid_t pid() const { return mProcess.pid(); }
+    void kill() {
+        mProcess.kill(SIGKILL);
+        mProcess.wait();
+    }
 
   private:
     tvtest::ChildProcess mProcess;
@@ -163,8 +167,8 @@ std::string joinRegistrations() {
 std::string runAgentCommand(const std::string& verb, const std::string& name,
                             const std::string& argument) {
     sp<IServiceManager> manager = defaultServiceManager();
-    if (verb == "add") {
-        android::ProcessState::self()->startThreadPool();
+    if (verb == "add" || verb == "add-without-pool") {
+        if (verb == "add") android::ProcessState::self()->startThreadPool();
         return "status " + std::to_string(manager->addService(String16(name.c_str()),
                                                               new TaggedService(argument)));
     }
@@ -187,12 +191,14 @@ std::string runAgentCommand(const std::string& verb, const std::string& name,
         return "ok";
     }
     if (verb == "registrations") return joinRegistrations();
+    if (verb == "threads") return std::to_string(tvtest::countPoolThreads(getpid()));
     return "unknown command";
 }
 
 // A process that uses the service manager as the test tells it, one line per
-// command: "add NAME TAG", "fill PREFIX NAME", "check NAME", "get NAME", "timeout MS",
-// "registrations".
+// command: "add NAME TAG", "add-without-pool NAME TAG", "fill PREFIX NAME",
+// "check NAME", "get NAME", "timeout MS", "registrations", "threads" (its
+// pool threads).
 TVTEST_CHILD_ROLE(sm_agent) {
     (void)args;
     for (;;) {
@@ -306,7 +312,11 @@ TEST_F(ServiceManagerTest, GetServiceIsWokenByALaterRegistration) {
     tvtest::ChildProcess owner("sm_agent");
     std::this_thread::sleep_for(300ms);
     ASSERT_EQ(statusLine(NO_ERROR), ask(owner, "add sm.late one"));
-    for (auto& waiter : waiters) EXPECT_EQ("tag one", waiter->readLine(30s));
+    for (auto& waiter : waiters) {
+        EXPECT_EQ("tag one", waiter->readLine(30s));
+        // Waiting took no thread pool.
+        EXPECT_EQ("0", ask(*waiter, "threads"));
+    }
 }
 
 TEST_F(ServiceManagerTest, GetServiceGivesUpOnAMissingName) {
@@ -320,6 +330,7 @@ TEST_F(ServiceManagerTest, GetServiceGivesUpOnAMissingName) {
 
     EXPECT_EQ("null", ask(byCall, "get sm.never", 4s));
     EXPECT_EQ("null", ask(byEnvironment, "get sm.never", 4s));
+    EXPECT_EQ("0", ask(byCall, "threads"));
     // Having given up leaves nothing behind that gets in the way of the name.
     ASSERT_EQ(statusLine(NO_ERROR), ask(byEnvironment, "add sm.never one"));
     EXPECT_EQ("tag one", ask(byCall, "get sm.never"));
@@ -424,6 +435,15 @@ void sendMalformedRequests() {
              p.writeStrongBinder(ProcessState::self()->getContextObject(nullptr));
              p.writeInt32(0);
          }},
+        {"pipe-for-socket", IServiceManager::WAIT_FOR_SERVICE_TRANSACTION, BAD_VALUE,
+         [](Parcel& p) {
+             int ends[2];
+             if (pipe2(ends, O_CLOEXEC) != 0) return;
+             writeHeader(p, "sm.x");
+             p.writeDupFileDescriptor(ends[1]);
+             close(ends[0]);
+             close(ends[1]);
+         }},
         {"unknown-code", 0x00abcdef, UNKNOWN_TRANSACTION,
          [](Parcel& p) { writeHeader(p, "sm.x"); }},
         {"one-way-add", add, NO_ERROR,
@@ -442,31 +462,44 @@ void sendMalformedRequests() {
     }
 }
 
-status_t sendWaiterRequest(uint32_t code, const std::string& name, const sp<IBinder>& callback) {
-    return sendRequest(code, [&](Parcel& p) {
-        writeHeader(p, name.c_str());
-        p.writeStrongBinder(callback);
-    });
+// Asks to be woken when `name` appears; in *socket the end that hangs up
+// when the service manager drops the waiter.
+status_t sendWaiterRequest(const std::string& name, int* socket) {
+    int ends[2];
+    if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends) != 0) return -errno;
+    *socket = ends[0];
+    const status_t status =
+        sendRequest(IServiceManager::WAIT_FOR_SERVICE_TRANSACTION, [&](Parcel& p) {
+            writeHeader(p, name.c_str());
+            p.writeFileDescriptor(ends[1]);
+        });
+    close(ends[1]);
+    return status;
+}
+
+status_t sendCancelRequest(const std::string& name) {
+    return sendRequest(IServiceManager::CANCEL_WAIT_TRANSACTION,
+                       [&](Parcel& p) { writeHeader(p, name.c_str()); });
 }
 
 // Fills this process's waiter slots, overflows them and frees one; then does
 // the same with registrations.
 void exhaustLimits() {
-    const uint32_t wait = IServiceManager::WAIT_FOR_SERVICE_TRANSACTION;
-    const uint32_t cancel = IServiceManager::CANCEL_WAIT_TRANSACTION;
-    std::vector<sp<IBinder>> callbacks;
+    std::vector<int> sockets;
     status_t status = NO_ERROR;
     for (int i = 0; status == NO_ERROR && i < 1000; ++i) {
-        callbacks.push_back(new android::BBinder());
-        status = sendWaiterRequest(wait, "sm.wait." + std::to_string(i), callbacks.back());
+        sockets.push_back(-1);
+        status = sendWaiterRequest("sm.wait." + std::to_string(i), &sockets.back());
     }
-    expectStatus("waiters-accepted", 64, static_cast<status_t>(callbacks.size() - 1));
+    expectStatus("waiters-accepted", 64, static_cast<status_t>(sockets.size() - 1));
     expectStatus("waiter-overflow", android::NO_MEMORY, status);
-    expectStatus("cancel-waiter", NO_ERROR, sendWaiterRequest(cancel, "sm.wait.0", callbacks[0]));
-    expectStatus("cancel-unknown-waiter", android::NAME_NOT_FOUND,
-                 sendWaiterRequest(cancel, "sm.wait.0", callbacks[0]));
-    expectStatus("waiter-after-cancel", NO_ERROR,
-                 sendWaiterRequest(wait, "sm.wait.again", callbacks[0]));
+    // Only a waiter whose socket was closed is cancelled.
+    expectStatus("cancel-open-waiter", android::NAME_NOT_FOUND, sendCancelRequest("sm.wait.0"));
+    close(sockets[0]);
+    expectStatus("cancel-waiter", NO_ERROR, sendCancelRequest("sm.wait.0"));
+    expectStatus("cancel-unknown-waiter", android::NAME_NOT_FOUND, sendCancelRequest("sm.wait.0"));
+    expectStatus("waiter-after-cancel", NO_ERROR, sendWaiterRequest("sm.wait.again", &sockets[0]));
+    for (int socket : sockets) close(socket);
 
     sp<IBinder> service = new TaggedService("many");
     int accepted = 0;
@@ -697,6 +730,59 @@ TEST(LogLevelTest, TavrinLogSetsTheLeastPriorityAtLoad) {
     EXPECT_EQ(std::to_string(ANDROID_LOG_VERBOSE), levelWith("verbose"));
     EXPECT_EQ(std::to_string(ANDROID_LOG_ERROR), levelWith("ERROR"));
     EXPECT_EQ(levelWith(nullptr), levelWith("loud"));
+}
+
+// The lines of `--list` other than the service manager's own.
+std::string registrationsListed(const std::string& context) {
+    std::string listing;
+    if (runListTool(context, &listing) != 0) return "no service manager";
+    std::istringstream lines(listing);
+    std::string kept;
+    for (std::string line; std::getline(lines, line);) {
+        if (line.rfind("manager ", 0) != 0) kept += line + "\n";
+    }
+    return kept;
+}
+
+// Daemons serving or starting; those that exited wait to be reaped.
+size_t adoptedDaemons() {
+    size_t count = 0;
+    for (pid_t child : childrenOf(getpid())) {
+        std::ifstream stat("/proc/" + std::to_string(child) + "/stat");
+        std::string pid, name, state;
+        stat >> pid >> name >> state;
+        count += name == "(servicemanager)" && state != "Z";
+    }
+    return count;
+}
+
+TEST_F(ServiceManagerTest, RegistrationsOutliveTheirDaemon) {
+    // The successor is started on demand, as outside tests.
+    const ScopedVariable daemonVariable(kDaemonVariable, nullptr);
+    AdoptedDaemons successors;
+    tvtest::ChildProcess owner("sm_agent");
+    tvtest::ChildProcess poolless("sm_agent");
+    tvtest::ChildProcess waiter("sm_agent");
+    tvtest::ChildProcess rival("sm_agent");
+    ASSERT_EQ(statusLine(NO_ERROR), ask(owner, "add sm.kept one"));
+    ASSERT_EQ(statusLine(NO_ERROR), ask(poolless, "add-without-pool sm.poolless two"));
+    const std::string before = registrationsListed(mContext);
+    ASSERT_EQ("ok", ask(waiter, "timeout 60000"));
+    waiter.writeLine("get sm.late");
+    std::this_thread::sleep_for(300ms);
+
+    mDaemon->kill();
+    // The owner registers its name again unasked, and owns it still...
+    EXPECT_TRUE(tvtest::waitUntil([&] { return ask(rival, "check sm.kept") == "tag one"; }, 20s));
+    EXPECT_EQ(statusLine(android::ALREADY_EXISTS), ask(rival, "add sm.kept three"));
+    // ...and so does a process without a pool, when it next uses the service manager.
+    EXPECT_EQ("tag one", ask(poolless, "check sm.kept"));
+    EXPECT_EQ(before, registrationsListed(mContext));
+    // A wait begun with the dead daemon is answered by its successor.
+    ASSERT_EQ(statusLine(NO_ERROR), ask(owner, "add sm.late four"));
+    EXPECT_EQ("tag four", waiter.readLine(30s));
+    // Of the daemons that the survivors started, one serves and the others left.
+    EXPECT_TRUE(tvtest::waitUntil([] { return adoptedDaemons() == 1; }, 10s));
 }
 
 }  // namespace

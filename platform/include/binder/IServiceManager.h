@@ -23,7 +23,8 @@ namespace android {
 // registered object lives. Another process asking for a name that is held by a
 // live registration is refused with ALREADY_EXISTS; the holder itself may
 // replace its registration. When the registered object's process dies, the
-// name is freed.
+// name is freed. When the service manager itself dies, every process registers
+// its names again with the one that replaces it.
 class IServiceManager : public IInterface {
   public:
     DECLARE_META_INTERFACE(ServiceManager)
@@ -33,13 +34,12 @@ class IServiceManager : public IInterface {
         CHECK_SERVICE_TRANSACTION = IBinder::FIRST_CALL_TRANSACTION,
         ADD_SERVICE_TRANSACTION,
         LIST_SERVICES_TRANSACTION,
-        // Registers a callback binder that is called once the name appears,
-        // or answers the object at once when the name is already registered.
+        // Hands over a socket to which one byte is written once the name
+        // appears, or answers the object at once when it is registered already.
         WAIT_FOR_SERVICE_TRANSACTION,
+        // Drops the caller's waiters for the name whose sockets it closed.
         CANCEL_WAIT_TRANSACTION,
     };
-    // The one-way call that a waiter's callback receives: name, then object.
-    enum { SERVICE_REGISTERED_TRANSACTION = IBinder::FIRST_CALL_TRANSACTION };
 
     // Names are 1 to kMaxNameLength printable ASCII characters.
     static constexpr size_t kMaxNameLength = 255;
@@ -59,8 +59,8 @@ class IServiceManager : public IInterface {
 
     // The registered object, waiting for the name to be registered for up to
     // the get-service timeout; null when it did not appear in time. The wait
-    // ends when the service manager calls back, so a call that has to wait
-    // starts this process's binder thread pool.
+    // needs no thread pool, and goes on with the successor of a service
+    // manager that dies meanwhile.
     virtual sp<IBinder> getService(const String16& name) const = 0;
     // The registered object, or null; never waits.
     virtual sp<IBinder> checkService(const String16& name) const = 0;
@@ -68,6 +68,8 @@ class IServiceManager : public IInterface {
     // lives in the service manager itself;
     // ALREADY_EXISTS when another process holds the name; NO_MEMORY when the
     // registry is full; a transport error when the service manager is gone.
+    // This process keeps what was accepted, to register it again with a
+    // service manager that replaces a dead one.
     virtual status_t addService(const String16& name, const sp<IBinder>& service,
                                 bool allowIsolated = false) = 0;
     virtual Vector<String16> listServices() = 0;
@@ -83,7 +85,8 @@ class IServiceManager : public IInterface {
 // library: looked for from the library's directory, then at the path it was
 // installed to) and retries with a bounded backoff. If it still
 // does not answer, returns a service manager whose operations fail, and the
-// next call tries again.
+// next call tries again. A service manager that replaces a dead one first
+// gets back the names this process registered.
 sp<IServiceManager> defaultServiceManager();
 
 }  // namespace android
