@@ -1,6 +1,7 @@
 // A master service and its clients in separate processes: binding, calls,
 // notifications, deaths and failures as the application sees them.
 #include <binder/IServiceManager.h>
+#include <binder/ProcessState.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <signal.h>
@@ -283,6 +284,9 @@ TEST(ServiceDeaths, ALateNoticeLeavesTheNextProxyOfTheNameAlone) {
     // is registered; the notice waits until that bind has dropped the proxy
     // and a new one, perhaps at the same address, serves the second service.
     LogGate gate;
+    // The notice needs a pool thread while the bind that would start the
+    // pool is held at the gate: this process has one from earlier work.
+    android::ProcessState::self()->startThreadPool();
     const std::string registering = "[ServiceProxyManager][registered] [-IN-]\n";
     const std::string lookingUp = "[ServiceProxyManager][get] [-IN-]\n";
     const std::string noticed = "[ServiceProxy][binderDied] [-OUT-]\n";
