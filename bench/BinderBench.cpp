@@ -3,7 +3,6 @@
 #include <binder/IServiceManager.h>
 #include <binder/Parcel.h>
 #include <binder/ProcessState.h>
-#include <poll.h>
 #include <signal.h>
 
 #include <algorithm>
@@ -19,6 +18,8 @@ using android::IBinder;
 using android::Parcel;
 using android::sp;
 using android::String16;
+using tvtest::Channel;
+using tvtest::ChildProcess;
 
 namespace binder {
 namespace {
@@ -35,11 +36,11 @@ constexpr int kBindSteps = 4;
 // Calls binderDied's time back to the driver.
 class DeathTimer : public IBinder::DeathRecipient {
   public:
-    explicit DeathTimer(int channel) : mChannel(channel) {}
-    void binderDied(const android::wp<IBinder>&) override { sendValue(mChannel, monotonicNanos()); }
+    explicit DeathTimer(const Channel& channel) : mChannel(channel) {}
+    void binderDied(const android::wp<IBinder>&) override { mChannel.sendValue(monotonicNanos()); }
 
   private:
-    const int mChannel;
+    const Channel& mChannel;
 };
 
 // Each measurement registers its own name: the daemon may not yet have seen
@@ -60,7 +61,7 @@ bool call(const sp<IBinder>& service, uint32_t code, const Parcel& request) {
 }
 
 // Sends the pool limit once the service is registered, then serves.
-int serveEcho(int channel, const std::string& name, bool pinned) {
+int serveEcho(Channel& channel, const std::string& name, bool pinned) {
     if (pinned) pinToFirstCpu();
     sp<android::ProcessState> process = android::ProcessState::self();
     process->startThreadPool();
@@ -68,16 +69,16 @@ int serveEcho(int channel, const std::string& name, bool pinned) {
         android::NO_ERROR) {
         return 1;
     }
-    sendValue(channel, static_cast<int64_t>(process->getThreadPoolMaxThreadCount()));
-    receiveValue(channel, kLongestService);
+    channel.sendValue(static_cast<int64_t>(process->getThreadPoolMaxThreadCount()));
+    channel.receiveValue(kLongestService);
     return 0;
 }
 
 std::unique_ptr<ChildProcess> startService(const std::string& name, bool pinned,
                                            size_t* poolLimit = nullptr) {
     auto service = std::make_unique<ChildProcess>(
-        [name, pinned](int channel) { return serveEcho(channel, name, pinned); });
-    const std::optional<int64_t> limit = service->receive(kSetupTimeout);
+        [name, pinned](Channel& channel) { return serveEcho(channel, name, pinned); });
+    const std::optional<int64_t> limit = service->channel().receiveValue(kSetupTimeout);
     if (!limit) return nullptr;
     if (poolLimit != nullptr) *poolLimit = static_cast<size_t>(*limit);
     return service;
@@ -87,7 +88,7 @@ sp<IBinder> findService(const std::string& name) {
     return android::defaultServiceManager()->getService(String16(name.c_str()));
 }
 
-int measureRoundTrips(int channel, const std::string& name, int iterations, bool pinned) {
+int measureRoundTrips(Channel& channel, const std::string& name, int iterations, bool pinned) {
     if (pinned) pinToFirstCpu();
     sp<IBinder> service = findService(name);
     if (service == nullptr) return 1;
@@ -103,7 +104,7 @@ int measureRoundTrips(int channel, const std::string& name, int iterations, bool
         if (!call(service, EchoService::ECHO, request)) return 1;
         samples.push_back(monotonicNanos() - start);
     }
-    return sendValue(channel, median(std::move(samples))) ? 0 : 1;
+    return channel.sendValue(median(std::move(samples))) ? 0 : 1;
 }
 
 // Sends `count` one-ways, waiting for the service after each batch; the
@@ -125,14 +126,14 @@ bool sendOneWays(const sp<IBinder>& service, int count, int64_t alreadyCounted) 
     return true;
 }
 
-int sendMeasuredOneWays(int channel, const std::string& name, int messages, bool pinned) {
+int sendMeasuredOneWays(Channel& channel, const std::string& name, int messages, bool pinned) {
     if (pinned) pinToFirstCpu();
     sp<IBinder> service = findService(name);
     if (service == nullptr || !sendOneWays(service, kWarmUp, 0)) return 1;
     return runWhenTold(channel, [&] { return sendOneWays(service, messages, kWarmUp); }) ? 0 : 1;
 }
 
-int callTogether(int channel, const std::string& name, int calls) {
+int callTogether(Channel& channel, const std::string& name, int calls) {
     sp<IBinder> service = findService(name);
     if (service == nullptr) return 1;
     Parcel request;
@@ -146,13 +147,13 @@ int callTogether(int channel, const std::string& name, int calls) {
     return runWhenTold(channel, work) ? 0 : 1;
 }
 
-int awaitDeath(int channel, const std::string& name) {
+int awaitDeath(Channel& channel, const std::string& name) {
     android::ProcessState::self()->startThreadPool();
     sp<IBinder> service = findService(name);
     sp<DeathTimer> timer = new DeathTimer(channel);
     if (service == nullptr || service->linkToDeath(timer) != android::NO_ERROR) return 1;
-    sendValue(channel, 1);
-    receiveValue(channel, kResultTimeout);
+    channel.sendValue(1);
+    channel.receiveValue(kResultTimeout);
     return 0;
 }
 
@@ -160,17 +161,17 @@ std::optional<int64_t> oneDeathNanos() {
     const std::string name = uniqueServiceName();
     std::unique_ptr<ChildProcess> service = startService(name, false);
     if (service == nullptr) return std::nullopt;
-    ChildProcess watcher([&](int channel) { return awaitDeath(channel, name); });
-    if (!watcher.receive(kSetupTimeout)) return std::nullopt;
+    ChildProcess watcher([&](Channel& channel) { return awaitDeath(channel, name); });
+    if (!watcher.channel().receiveValue(kSetupTimeout)) return std::nullopt;
     const int64_t killed = monotonicNanos();
     kill(service->pid(), SIGKILL);
-    const std::optional<int64_t> noticed = watcher.receive(kDeathTimeout);
+    const std::optional<int64_t> noticed = watcher.channel().receiveValue(kDeathTimeout);
     if (!noticed) return std::nullopt;
     return *noticed - killed;
 }
 
 // A client that binds, calls once, and on the go makes slow calls.
-int bindAndWait(int channel, const std::string& name) {
+int bindAndWait(Channel& channel, const std::string& name) {
     sp<IBinder> service = findService(name);
     Parcel request;
     writePayload(request);
@@ -182,27 +183,27 @@ int bindAndWait(int channel, const std::string& name) {
         return true;
     };
     if (!runWhenTold(channel, slowCalls)) return 1;
-    receiveValue(channel, kResultTimeout);
+    channel.receiveValue(kResultTimeout);
     return 0;
 }
 
 // Samples a process's thread count every millisecond until told to stop.
-int samplePeakThreads(int channel, pid_t service) {
+int samplePeakThreads(Channel& channel, pid_t service) {
     size_t peak = 0;
-    struct pollfd stop = {channel, POLLIN, 0};
     const auto deadline = std::chrono::steady_clock::now() + kResultTimeout;
-    while (poll(&stop, 1, 1) == 0 && std::chrono::steady_clock::now() < deadline) {
+    while (!channel.readable(std::chrono::milliseconds(1)) &&
+           std::chrono::steady_clock::now() < deadline) {
         peak = std::max(peak, threadCountOf(service));
     }
-    return sendValue(channel, static_cast<int64_t>(peak)) ? 0 : 1;
+    return channel.sendValue(static_cast<int64_t>(peak)) ? 0 : 1;
 }
 
 bool bindClients(std::vector<std::unique_ptr<ChildProcess>>* clients, const std::string& name,
                  size_t count) {
     while (clients->size() < count) {
         clients->push_back(std::make_unique<ChildProcess>(
-            [&name](int channel) { return bindAndWait(channel, name); }));
-        if (!clients->back()->receive(kSetupTimeout)) return false;
+            [&name](Channel& channel) { return bindAndWait(channel, name); }));
+        if (!clients->back()->channel().receiveValue(kSetupTimeout)) return false;
     }
     return true;
 }
@@ -214,8 +215,8 @@ std::optional<double> roundTripMicros(bool pinned, int iterations) {
     auto service = startService(name, pinned);
     if (service == nullptr) return std::nullopt;
     ChildProcess client(
-        [=](int channel) { return measureRoundTrips(channel, name, iterations, pinned); });
-    const std::optional<int64_t> medianNanos = client.receive(kResultTimeout);
+        [=](Channel& channel) { return measureRoundTrips(channel, name, iterations, pinned); });
+    const std::optional<int64_t> medianNanos = client.channel().receiveValue(kResultTimeout);
     if (!medianNanos) return std::nullopt;
     return static_cast<double>(*medianNanos) / 1000.0;
 }
@@ -226,7 +227,7 @@ std::optional<double> oneWayPerSecond(bool pinned, int messages) {
     if (service == nullptr) return std::nullopt;
     std::vector<std::unique_ptr<ChildProcess>> sender;
     sender.push_back(std::make_unique<ChildProcess>(
-        [=](int channel) { return sendMeasuredOneWays(channel, name, messages, pinned); }));
+        [=](Channel& channel) { return sendMeasuredOneWays(channel, name, messages, pinned); }));
     return operationsPerSecond(sender, messages);
 }
 
@@ -237,7 +238,7 @@ std::optional<double> parallelCallsPerSecond(int clients, int callsEach) {
     std::vector<std::unique_ptr<ChildProcess>> callers;
     for (int i = 0; i < clients; ++i) {
         callers.push_back(std::make_unique<ChildProcess>(
-            [=](int channel) { return callTogether(channel, name, callsEach); }));
+            [=](Channel& channel) { return callTogether(channel, name, callsEach); }));
     }
     return operationsPerSecond(callers, static_cast<int64_t>(clients) * callsEach);
 }
@@ -268,15 +269,16 @@ std::optional<ManyClientsResult> manyClients(int clients) {
             {bound.size(), threadCountOf(service->pid()), descriptorCountOf(service->pid())});
     }
     const pid_t servicePid = service->pid();
-    ChildProcess sampler([=](int channel) { return samplePeakThreads(channel, servicePid); });
-    for (const auto& client : bound) client->send(1);
+    ChildProcess sampler([=](Channel& channel) { return samplePeakThreads(channel, servicePid); });
+    for (const auto& client : bound) client->channel().sendValue(1);
     for (const auto& client : bound) {
-        if (!client->receive(kResultTimeout) || !client->receive(kResultTimeout)) {
+        if (!client->channel().receiveValue(kResultTimeout) ||
+            !client->channel().receiveValue(kResultTimeout)) {
             return std::nullopt;
         }
     }
-    sampler.send(0);
-    const std::optional<int64_t> peak = sampler.receive(kResultTimeout);
+    sampler.channel().sendValue(0);
+    const std::optional<int64_t> peak = sampler.channel().receiveValue(kResultTimeout);
     if (!peak) return std::nullopt;
     result.peakThreads = static_cast<size_t>(*peak);
     return result;

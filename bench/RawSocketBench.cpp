@@ -11,6 +11,9 @@
 #include "ProcSupport.h"
 #include "Together.h"
 
+using tvtest::Channel;
+using tvtest::ChildProcess;
+
 namespace raw {
 namespace {
 
@@ -42,14 +45,14 @@ bool roundTrip(int fd) {
 }
 
 std::unique_ptr<ChildProcess> startEcho(const SocketPair& pair, bool pinned) {
-    return std::make_unique<ChildProcess>([&pair, pinned](int) {
+    return std::make_unique<ChildProcess>([&pair, pinned](Channel&) {
         close(pair.ends[0]);
         if (pinned) pinToFirstCpu();
         return echoUntilClosed(pair.ends[1]);
     });
 }
 
-int measureRoundTrips(int fd, int iterations, int channel) {
+int measureRoundTrips(int fd, int iterations, Channel& channel) {
     for (int i = 0; i < kWarmUp; ++i) {
         if (!roundTrip(fd)) return 1;
     }
@@ -60,7 +63,7 @@ int measureRoundTrips(int fd, int iterations, int channel) {
         if (!roundTrip(fd)) return 1;
         samples.push_back(monotonicNanos() - start);
     }
-    return sendValue(channel, median(std::move(samples))) ? 0 : 1;
+    return channel.sendValue(median(std::move(samples))) ? 0 : 1;
 }
 
 int receiveMessages(int fd, int messages) {
@@ -93,12 +96,12 @@ std::optional<double> roundTripMicros(bool pinned, int iterations) {
     SocketPair pair;
     if (!pair.valid()) return std::nullopt;
     auto echo = startEcho(pair, pinned);
-    ChildProcess caller([&](int channel) {
+    ChildProcess caller([&](Channel& channel) {
         close(pair.ends[1]);
         if (pinned) pinToFirstCpu();
         return measureRoundTrips(pair.ends[0], iterations, channel);
     });
-    const std::optional<int64_t> medianNanos = caller.receive(kResultTimeout);
+    const std::optional<int64_t> medianNanos = caller.channel().receiveValue(kResultTimeout);
     if (!medianNanos) return std::nullopt;
     return static_cast<double>(*medianNanos) / 1000.0;
 }
@@ -106,13 +109,13 @@ std::optional<double> roundTripMicros(bool pinned, int iterations) {
 std::optional<double> oneWayPerSecond(bool pinned, int messages) {
     SocketPair pair;
     if (!pair.valid()) return std::nullopt;
-    ChildProcess receiver([&](int) {
+    ChildProcess receiver([&](Channel&) {
         close(pair.ends[0]);
         if (pinned) pinToFirstCpu();
         return receiveMessages(pair.ends[1], messages);
     });
     std::vector<std::unique_ptr<ChildProcess>> sender;
-    sender.push_back(std::make_unique<ChildProcess>([&](int channel) {
+    sender.push_back(std::make_unique<ChildProcess>([&](Channel& channel) {
         close(pair.ends[1]);
         if (pinned) pinToFirstCpu();
         return runWhenTold(channel, [&] { return sendMessages(pair.ends[0], messages); }) ? 0 : 1;
@@ -129,17 +132,18 @@ std::optional<double> parallelCallsPerSecond(bool pinned, int pairs, int callsEa
         const SocketPair& pair = *sockets.back();
         if (!pair.valid()) return std::nullopt;
         echoes.push_back(startEcho(pair, pinned));
-        callers.push_back(std::make_unique<ChildProcess>([&pair, callsEach, pinned](int channel) {
-            close(pair.ends[1]);
-            if (pinned) pinToFirstCpu();
-            auto calls = [&] {
-                for (int call = 0; call < callsEach; ++call) {
-                    if (!roundTrip(pair.ends[0])) return false;
-                }
-                return true;
-            };
-            return runWhenTold(channel, calls) ? 0 : 1;
-        }));
+        callers.push_back(
+            std::make_unique<ChildProcess>([&pair, callsEach, pinned](Channel& channel) {
+                close(pair.ends[1]);
+                if (pinned) pinToFirstCpu();
+                auto calls = [&] {
+                    for (int call = 0; call < callsEach; ++call) {
+                        if (!roundTrip(pair.ends[0])) return false;
+                    }
+                    return true;
+                };
+                return runWhenTold(channel, calls) ? 0 : 1;
+            }));
     }
     return operationsPerSecond(callers, static_cast<int64_t>(pairs) * callsEach);
 }

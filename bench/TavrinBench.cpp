@@ -19,6 +19,8 @@
 
 using tavrin::IClient;
 using tavrin::tv_sp;
+using tvtest::Channel;
+using tvtest::ChildProcess;
 
 namespace coupler {
 namespace {
@@ -51,11 +53,11 @@ void setUpChild(bool pinned) {
 // The first publish keeps the calling thread for good: a second thread tells
 // the driver once the service manager lists the name, and ends the process
 // when the driver closes the channel.
-int serve(int channel, const std::string& name, bool pinned) {
+int serve(Channel& channel, const std::string& name, bool pinned) {
     setUpChild(pinned);
     auto* service = new BenchService();
     tv_sp<tavrin::IService> held(service);
-    std::thread([=] {
+    std::thread([=, &channel] {
         const android::String16 name16(name.c_str());
         const bool listed = tvproc::waitUntil(
             [&] {
@@ -63,8 +65,8 @@ int serve(int channel, const std::string& name, bool pinned) {
                        android::defaultServiceManager()->checkService(name16) != nullptr;
             },
             kSetupTimeout);
-        if (!listed || !sendValue(channel, 1)) _exit(1);
-        receiveValue(channel, kLongestService);
+        if (!listed || !channel.sendValue(1)) _exit(1);
+        channel.receiveValue(kLongestService);
         _exit(0);
     }).detach();
     tavrin::ServiceInfo info(name, kIpc);
@@ -75,7 +77,8 @@ int serve(int channel, const std::string& name, bool pinned) {
 
 // A sub-service's publish registers with the master and returns; pool
 // threads serve it while this thread waits for the driver.
-int serveSubService(int channel, const std::string& name, const std::string& master, bool pinned) {
+int serveSubService(Channel& channel, const std::string& name, const std::string& master,
+                    bool pinned) {
     setUpChild(pinned);
     auto* subService = new EchoSubService();
     tv_sp<tavrin::ISubService> held(subService);
@@ -83,23 +86,23 @@ int serveSubService(int channel, const std::string& name, const std::string& mas
     tavrin::Protocol clientProtocol = numberProtocol();
     tavrin::Protocol masterProtocol = numberProtocol();
     tavrin::Announcer::self().publish(info, clientProtocol, masterProtocol, held);
-    if (!subService->registered() || !sendValue(channel, 1)) return 1;
-    receiveValue(channel, kLongestService);
+    if (!subService->registered() || !channel.sendValue(1)) return 1;
+    channel.receiveValue(kLongestService);
     return 0;
 }
 
 std::unique_ptr<ChildProcess> startService(const std::string& name, bool pinned) {
-    auto service =
-        std::make_unique<ChildProcess>([=](int channel) { return serve(channel, name, pinned); });
-    if (!service->receive(kSetupTimeout)) return nullptr;
+    auto service = std::make_unique<ChildProcess>(
+        [=](Channel& channel) { return serve(channel, name, pinned); });
+    if (!service->channel().receiveValue(kSetupTimeout)) return nullptr;
     return service;
 }
 
 std::unique_ptr<ChildProcess> startSubService(const std::string& name, const std::string& master,
                                               bool pinned) {
     auto subService = std::make_unique<ChildProcess>(
-        [=](int channel) { return serveSubService(channel, name, master, pinned); });
-    if (!subService->receive(kSetupTimeout)) return nullptr;
+        [=](Channel& channel) { return serveSubService(channel, name, master, pinned); });
+    if (!subService->channel().receiveValue(kSetupTimeout)) return nullptr;
     return subService;
 }
 
@@ -121,7 +124,7 @@ bool call(IClient& client, Number& request) {
 }
 
 // Warms up, then sends the driver the median of `iterations` timed calls.
-int reportMedianCall(int channel, IClient& client, Number& request, int iterations) {
+int reportMedianCall(Channel& channel, IClient& client, Number& request, int iterations) {
     for (int i = 0; i < kWarmUp; ++i) {
         if (!call(client, request)) return 1;
     }
@@ -132,10 +135,10 @@ int reportMedianCall(int channel, IClient& client, Number& request, int iteratio
         if (!call(client, request)) return 1;
         samples.push_back(monotonicNanos() - start);
     }
-    return sendValue(channel, median(std::move(samples))) ? 0 : 1;
+    return channel.sendValue(median(std::move(samples))) ? 0 : 1;
 }
 
-int measureCalls(int channel, const std::string& name, Number::Kind kind, int iterations,
+int measureCalls(Channel& channel, const std::string& name, Number::Kind kind, int iterations,
                  bool pinned) {
     setUpChild(pinned);
     tv_sp<IClient> client = bindService(name);
@@ -146,7 +149,7 @@ int measureCalls(int channel, const std::string& name, Number::Kind kind, int it
     return reportMedianCall(channel, *client, request, iterations);
 }
 
-int measureSubServiceCalls(int channel, const std::string& name, const std::string& master,
+int measureSubServiceCalls(Channel& channel, const std::string& name, const std::string& master,
                            int iterations, bool pinned) {
     setUpChild(pinned);
     tv_sp<IClient> client = bindSubService(name, master);
@@ -163,7 +166,8 @@ bool receiveStream(IClient& client, NoteCounter& counter, int32_t count) {
     return call(client, request) && counter.received() == count;
 }
 
-int receiveNotifications(int channel, const std::string& name, int notifications, bool pinned) {
+int receiveNotifications(Channel& channel, const std::string& name, int notifications,
+                         bool pinned) {
     setUpChild(pinned);
     tv_sp<IClient> client = bindService(name);
     if (!client) return 1;
@@ -175,7 +179,7 @@ int receiveNotifications(int channel, const std::string& name, int notifications
     return runWhenTold(channel, work) ? 0 : 1;
 }
 
-int callTogether(int channel, const std::string& name, int calls, bool pinned) {
+int callTogether(Channel& channel, const std::string& name, int calls, bool pinned) {
     setUpChild(pinned);
     tv_sp<IClient> client = bindService(name);
     if (!client) return 1;
@@ -191,17 +195,17 @@ int callTogether(int channel, const std::string& name, int calls, bool pinned) {
 
 // Includes the process's first use of the library and of the transport, as
 // an application that binds at start meets it.
-int timeFirstCall(int channel, const std::string& name, const std::string& master) {
+int timeFirstCall(Channel& channel, const std::string& name, const std::string& master) {
     setUpChild(false);
     Number request(Number::ECHO, kCallValue);
     const int64_t start = monotonicNanos();
     tv_sp<IClient> client = bindSubService(name, master);
     if (!client || !call(*client, request)) return 1;
-    return sendValue(channel, monotonicNanos() - start) ? 0 : 1;
+    return channel.sendValue(monotonicNanos() - start) ? 0 : 1;
 }
 
-std::optional<double> microsReportedBy(const ChildProcess& client) {
-    const std::optional<int64_t> nanos = client.receive(kResultTimeout);
+std::optional<double> microsReportedBy(ChildProcess& client) {
+    const std::optional<int64_t> nanos = client.channel().receiveValue(kResultTimeout);
     if (!nanos) return std::nullopt;
     return static_cast<double>(*nanos) / 1000.0;
 }
@@ -211,7 +215,7 @@ std::optional<double> serviceCallMicros(Number::Kind kind, bool pinned, int iter
     auto service = startService(name, pinned);
     if (service == nullptr) return std::nullopt;
     ChildProcess client(
-        [=](int channel) { return measureCalls(channel, name, kind, iterations, pinned); });
+        [=](Channel& channel) { return measureCalls(channel, name, kind, iterations, pinned); });
     return microsReportedBy(client);
 }
 
@@ -230,8 +234,9 @@ std::optional<double> notificationsPerSecond(bool pinned, int notifications) {
     auto service = startService(name, pinned);
     if (service == nullptr) return std::nullopt;
     std::vector<std::unique_ptr<ChildProcess>> receiver;
-    receiver.push_back(std::make_unique<ChildProcess>(
-        [=](int channel) { return receiveNotifications(channel, name, notifications, pinned); }));
+    receiver.push_back(std::make_unique<ChildProcess>([=](Channel& channel) {
+        return receiveNotifications(channel, name, notifications, pinned);
+    }));
     return operationsPerSecond(receiver, notifications);
 }
 
@@ -242,7 +247,7 @@ std::optional<double> parallelCallsPerSecond(bool pinned, int clients, int calls
     std::vector<std::unique_ptr<ChildProcess>> callers;
     for (int i = 0; i < clients; ++i) {
         callers.push_back(std::make_unique<ChildProcess>(
-            [=](int channel) { return callTogether(channel, name, callsEach, pinned); }));
+            [=](Channel& channel) { return callTogether(channel, name, callsEach, pinned); }));
     }
     return operationsPerSecond(callers, static_cast<int64_t>(clients) * callsEach);
 }
@@ -254,7 +259,7 @@ std::optional<double> subServiceCallMicros(bool pinned, int iterations) {
     if (masterProcess == nullptr) return std::nullopt;
     auto subService = startSubService(name, master, pinned);
     if (subService == nullptr) return std::nullopt;
-    ChildProcess client([=](int channel) {
+    ChildProcess client([=](Channel& channel) {
         return measureSubServiceCalls(channel, name, master, iterations, pinned);
     });
     return microsReportedBy(client);
@@ -269,8 +274,8 @@ std::optional<double> subServiceFirstCallMillis(int rounds) {
     if (subService == nullptr) return std::nullopt;
     std::vector<int64_t> samples;
     for (int round = 0; round < rounds; ++round) {
-        ChildProcess client([=](int channel) { return timeFirstCall(channel, name, master); });
-        const std::optional<int64_t> nanos = client.receive(kResultTimeout);
+        ChildProcess client([=](Channel& channel) { return timeFirstCall(channel, name, master); });
+        const std::optional<int64_t> nanos = client.channel().receiveValue(kResultTimeout);
         if (!nanos) return std::nullopt;
         samples.push_back(*nanos);
     }

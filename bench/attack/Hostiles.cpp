@@ -32,6 +32,7 @@ using tvraw::FrameHeader;
 using tvraw::ownEndpoint;
 using tvraw::RawConnection;
 using tvraw::transactionTo;
+using tvtest::Channel;
 
 namespace hostile {
 namespace {
@@ -41,14 +42,12 @@ sp<IBinder> joinAndFind(const std::string& name) {
     return android::defaultServiceManager()->getService(android::String16(name.c_str()));
 }
 
-bool stopAsked(int channel) {
-    pollfd waiter{channel, POLLIN, 0};
-    return poll(&waiter, 1, 0) != 0;
+bool stopAsked(const Channel& channel) {
+    return channel.readable(std::chrono::milliseconds(0));
 }
 
-int holdUntilStopped(int channel) {
-    pollfd waiter{channel, POLLIN, 0};
-    poll(&waiter, 1, static_cast<int>(std::chrono::milliseconds(std::chrono::minutes(10)).count()));
+int holdUntilStopped(const Channel& channel) {
+    channel.readable(std::chrono::minutes(10));
     return 0;
 }
 
@@ -61,7 +60,7 @@ std::unique_ptr<RawConnection> introducedTo(uint64_t endpoint, uint32_t flags = 
 
 }  // namespace
 
-int helloFlood(int channel, const std::string& target, const AttackSizes& sizes) {
+int helloFlood(Channel& channel, const std::string& target, const AttackSizes& sizes) {
     const sp<IBinder> service = joinAndFind(target);
     if (service == nullptr) return 1;
     tvraw::FullBacklog unreachable;
@@ -73,13 +72,13 @@ int helloFlood(int channel, const std::string& target, const AttackSizes& sizes)
             round.push_back(std::make_unique<RawConnection>(endpointOf(service)));
             round.back()->hello(unreachable.endpoint);
         }
-        if (!started) started = sendValue(channel, sizes.helloClaimsPerRound);
+        if (!started) started = channel.sendValue(sizes.helloClaimsPerRound);
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
     }
     return 0;
 }
 
-int unknownEndpoints(int channel, const std::string& target, const AttackSizes& sizes) {
+int unknownEndpoints(Channel& channel, const std::string& target, const AttackSizes& sizes) {
     const sp<IBinder> service = joinAndFind(target);
     if (service == nullptr) return 1;
     std::mt19937_64 random(std::random_device{}());
@@ -100,11 +99,11 @@ int unknownEndpoints(int channel, const std::string& target, const AttackSizes& 
         senders.back()->sendFrame(header, {}, {memfd});
         close(memfd);
     }
-    sendValue(channel, sizes.unknownEndpoints);
+    channel.sendValue(sizes.unknownEndpoints);
     return holdUntilStopped(channel);
 }
 
-int connectionFlood(int channel, const std::string& target, const AttackSizes& sizes) {
+int connectionFlood(Channel& channel, const std::string& target, const AttackSizes& sizes) {
     const sp<IBinder> service = joinAndFind(target);
     if (service == nullptr) return 1;
     sockaddr_un address;
@@ -122,11 +121,11 @@ int connectionFlood(int channel, const std::string& target, const AttackSizes& s
         }
         connections.push_back(fd);
     }
-    sendValue(channel, static_cast<int64_t>(connections.size()));
+    channel.sendValue(static_cast<int64_t>(connections.size()));
     return holdUntilStopped(channel);
 }
 
-int largeBodies(int channel, const std::string& target, const AttackSizes& sizes) {
+int largeBodies(Channel& channel, const std::string& target, const AttackSizes& sizes) {
     const sp<IBinder> service = joinAndFind(target);
     if (service == nullptr) return 1;
     const int body = tvraw::sealedMemfd({}, kMaxTransactionSize);
@@ -138,11 +137,11 @@ int largeBodies(int channel, const std::string& target, const AttackSizes& sizes
         calls.push_back(introducedTo(endpointOf(service)));
         calls.back()->sendFrame(header, {}, {body});
     }
-    sendValue(channel, sizes.largeBodies);
+    channel.sendValue(sizes.largeBodies);
     return holdUntilStopped(channel);
 }
 
-int descriptorOneWays(int channel, const std::string& target, const AttackSizes& sizes) {
+int descriptorOneWays(Channel& channel, const std::string& target, const AttackSizes& sizes) {
     const sp<IBinder> service = joinAndFind(target);
     if (service == nullptr) return 1;
     auto link = introducedTo(endpointOf(service), kHelloLink);
@@ -159,7 +158,7 @@ int descriptorOneWays(int channel, const std::string& target, const AttackSizes&
         memcpy(body.data(), &i, sizeof(i));
         link->sendFrame(call, body, fds);
     }
-    sendValue(channel, sizes.descriptorOneWays);
+    channel.sendValue(sizes.descriptorOneWays);
     return holdUntilStopped(channel);
 }
 

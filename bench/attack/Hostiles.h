@@ -2,6 +2,8 @@
 
 #include <string>
 
+#include "ChildProcess.h"
+
 // How much each attack sends; --quick makes them tiny.
 struct AttackSizes {
     int helloClaimsPerRound = 200;
@@ -35,14 +37,15 @@ namespace hostile {
 
 // Hellos claiming an endpoint whose listener never accepts and whose backlog
 // is full, round after round.
-int helloFlood(int channel, const std::string& target, const AttackSizes& sizes);
+int helloFlood(tvtest::Channel& channel, const std::string& target, const AttackSizes& sizes);
 // Transactions whose object records name endpoints nobody owns.
-int unknownEndpoints(int channel, const std::string& target, const AttackSizes& sizes);
+int unknownEndpoints(tvtest::Channel& channel, const std::string& target, const AttackSizes& sizes);
 // Connections that never say hello, held open.
-int connectionFlood(int channel, const std::string& target, const AttackSizes& sizes);
+int connectionFlood(tvtest::Channel& channel, const std::string& target, const AttackSizes& sizes);
 // Calls with 16 MiB bodies in memfds to an object that blocks.
-int largeBodies(int channel, const std::string& target, const AttackSizes& sizes);
+int largeBodies(tvtest::Channel& channel, const std::string& target, const AttackSizes& sizes);
 // One-ways carrying descriptors, queued behind a one-way that blocks.
-int descriptorOneWays(int channel, const std::string& target, const AttackSizes& sizes);
+int descriptorOneWays(tvtest::Channel& channel, const std::string& target,
+                      const AttackSizes& sizes);
 
 }  // namespace hostile

@@ -32,6 +32,8 @@ using android::NO_ERROR;
 using android::Parcel;
 using android::sp;
 using android::String16;
+using tvtest::Channel;
+using tvtest::ChildProcess;
 
 namespace {
 
@@ -62,7 +64,7 @@ struct Names {
     std::string other;   // what the client sends one-ways to
 };
 
-int serve(int channel, const Names& names, rlim_t descriptorLimit) {
+int serve(Channel& channel, const Names& names, rlim_t descriptorLimit) {
     if (descriptorLimit > 0) {
         rlimit limit{};
         getrlimit(RLIMIT_NOFILE, &limit);
@@ -77,9 +79,9 @@ int serve(int channel, const Names& names, rlim_t descriptorLimit) {
         manager->addService(String16(names.other.c_str()), other) != NO_ERROR) {
         return 1;
     }
-    sendValue(channel, 1);
+    channel.sendValue(1);
     // Each value asks to let blocked calls go; the end of the channel, to exit.
-    while (receiveValue(channel, std::chrono::minutes(10))) {
+    while (channel.receiveValue(std::chrono::minutes(10))) {
         target->unblock();
         other->unblock();
     }
@@ -126,12 +128,13 @@ sp<IBinder> find(const std::string& name) {
 
 // Finds the objects, waits for the driver's go, then makes its round trips
 // and sends its one-ways.
-int legitimateClient(int channel, ClientRecord* record, const Names& names, const Sizes& sizes) {
+int legitimateClient(Channel& channel, ClientRecord* record, const Names& names,
+                     const Sizes& sizes) {
     android::ProcessState::self()->startThreadPool();
     const sp<IBinder> target = find(names.target);
     const sp<IBinder> other = find(names.other);
     record->found = target != nullptr && other != nullptr;
-    if (!record->found || !receiveValue(channel, std::chrono::minutes(5))) return 1;
+    if (!record->found || !channel.receiveValue(std::chrono::minutes(5))) return 1;
     for (int32_t i = 0; i < sizes.roundTrips; ++i) {
         Parcel data;
         Parcel reply;
@@ -198,14 +201,14 @@ ClientResult summarise(const ClientRecord& record, int roundTrips) {
 class Client {
   public:
     Client(const Names& names, const Sizes& sizes)
-        : mSizes(sizes), mRecord(sizes.roundTrips), mProcess([&](int channel) {
+        : mSizes(sizes), mRecord(sizes.roundTrips), mProcess([&](Channel& channel) {
               return legitimateClient(channel, mRecord.get(), names, sizes);
           }) {}
 
     ClientResult measure() {
         if (mRecord.get() == nullptr) return {};
         // A client that found no service has gone already.
-        if (mProcess.send(1)) {
+        if (mProcess.channel().sendValue(1)) {
             tvproc::waitUntil([&] { return mRecord.get()->done.load(); }, mSizes.clientLimit);
         }
         mProcess.finish(std::chrono::seconds(1));
@@ -218,7 +221,7 @@ class Client {
     ChildProcess mProcess;
 };
 
-using HostileBody = int (*)(int channel, const std::string& target, const AttackSizes& sizes);
+using HostileBody = int (*)(Channel& channel, const std::string& target, const AttackSizes& sizes);
 
 struct Attack {
     const char* name;
@@ -243,8 +246,8 @@ Row run(const Attack& attack, const Sizes& sizes, int index) {
     const Names names{"attack.target." + std::to_string(index),
                       "attack.other." + std::to_string(index)};
     const rlim_t limit = attack.servedDescriptorLimit;
-    ChildProcess served([&](int channel) { return serve(channel, names, limit); });
-    if (!served.receive(kSetupTimeout)) {
+    ChildProcess served([&](Channel& channel) { return serve(channel, names, limit); });
+    if (!served.channel().receiveValue(kSetupTimeout)) {
         row.trouble = "served process did not start";
         return row;
     }
@@ -254,12 +257,13 @@ Row run(const Attack& attack, const Sizes& sizes, int index) {
     std::vector<std::unique_ptr<ChildProcess>> hostiles;
     for (int i = 0; i < attack.processes; ++i) {
         hostiles.push_back(std::make_unique<ChildProcess>(
-            [&](int channel) { return attack.body(channel, names.target, sizes.attack); }));
+            [&](Channel& channel) { return attack.body(channel, names.target, sizes.attack); }));
     }
     tvproc::PeakWatch peak(served.pid());
     // An attack under way may keep later attackers from starting.
     int started = 0;
-    for (auto& hostile : hostiles) started += hostile->receive(kSetupTimeout) ? 1 : 0;
+    for (auto& hostile : hostiles)
+        started += hostile->channel().receiveValue(kSetupTimeout) ? 1 : 0;
     if (started == 0) row.trouble = "no attacker got going";
     if (started > 0 && started < attack.processes) {
         row.note = std::to_string(started) + " of " + std::to_string(attack.processes) +
@@ -270,7 +274,7 @@ Row run(const Attack& attack, const Sizes& sizes, int index) {
     row.peakDescriptors = peak.descriptors();
     row.peakResidentKib = peak.residentKib();
     for (auto& hostile : hostiles) hostile->finish(std::chrono::seconds(2));
-    served.send(1);
+    served.channel().sendValue(1);
     served.finish(std::chrono::seconds(2));
     return row;
 }

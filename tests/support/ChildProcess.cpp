@@ -1,15 +1,16 @@
 #include "ChildProcess.h"
 
-#include <fcntl.h>
+#include <poll.h>
 #include <signal.h>
 #include <spawn.h>
+#include <stdio.h>
 #include <string.h>
 #include <sys/prctl.h>
+#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <map>
-#include <stdexcept>
 
 #include "ProcSupport.h"
 
@@ -19,99 +20,150 @@ namespace tvtest {
 
 namespace {
 
-// The child reads the test's lines on fd 3 and writes its own on fd 4.
-constexpr int kChildInputFd = 3;
-constexpr int kChildOutputFd = 4;
+// A child in a role talks to its parent on this descriptor.
+constexpr int kParentChannelFd = 3;
 
 std::map<std::string, ChildRole>& roles() {
     static auto* registry = new std::map<std::string, ChildRole>;
     return *registry;
 }
 
-// Reads one line from `fd` into `pending`'s front; "" on timeout or end.
-std::string readLineFrom(int fd, std::string* pending, std::chrono::milliseconds timeout) {
-    const auto deadline = std::chrono::steady_clock::now() + timeout;
-    size_t newline;
-    while ((newline = pending->find('\n')) == std::string::npos) {
-        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-            deadline - std::chrono::steady_clock::now());
-        if (left.count() <= 0 || !tvproc::readSomeWithin(fd, pending, left)) return "";
-    }
-    std::string line = pending->substr(0, newline);
-    pending->erase(0, newline + 1);
-    return line;
-}
-
-void writeLineTo(int fd, const std::string& line) {
-    const std::string text = line + "\n";
-    tvproc::writeFully(fd, text.data(), text.size());
+bool socketPair(int ends[2]) {
+    return socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) == 0;
 }
 
 }  // namespace
 
-ChildProcess::ChildProcess(const std::string& role, const std::vector<std::string>& args) {
-    int toChild[2];
-    int fromChild[2];
-    if (pipe2(toChild, O_CLOEXEC) != 0 || pipe2(fromChild, O_CLOEXEC) != 0) {
-        throw std::runtime_error("pipe2 failed");
+bool Channel::send(const std::string& line) const {
+    const std::string text = line + "\n";
+    return mFd >= 0 && tvproc::writeFully(mFd, text.data(), text.size());
+}
+
+std::string Channel::receive(std::chrono::milliseconds timeout) {
+    const auto deadline = std::chrono::steady_clock::now() + timeout;
+    size_t newline;
+    while ((newline = mPending.find('\n')) == std::string::npos) {
+        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+            deadline - std::chrono::steady_clock::now());
+        if (mFd < 0 || left.count() <= 0 || !tvproc::readSomeWithin(mFd, &mPending, left)) {
+            return "";
+        }
     }
+    std::string line = mPending.substr(0, newline);
+    mPending.erase(0, newline + 1);
+    return line;
+}
+
+std::string Channel::receiveAll(std::chrono::milliseconds timeout) {
+    const auto deadline = std::chrono::steady_clock::now() + timeout;
+    while (mFd >= 0 && tvproc::readSomeWithin(mFd, &mPending,
+                                              std::chrono::duration_cast<std::chrono::milliseconds>(
+                                                  deadline - std::chrono::steady_clock::now()))) {
+    }
+    return std::move(mPending);
+}
+
+std::optional<int64_t> Channel::receiveValue(std::chrono::milliseconds timeout) {
+    const std::string line = receive(timeout);
+    if (line.empty()) return std::nullopt;
+    return std::stoll(line);
+}
+
+bool Channel::readable(std::chrono::milliseconds timeout) const {
+    pollfd waiter{mFd, POLLIN, 0};
+    return !mPending.empty() || poll(&waiter, 1, static_cast<int>(timeout.count())) != 0;
+}
+
+Channel& Channel::operator=(Channel&& other) noexcept {
+    if (this != &other) {
+        close();
+        mFd = other.mFd;
+        mPending = std::move(other.mPending);
+        other.mFd = -1;
+    }
+    return *this;
+}
+
+void Channel::close() {
+    if (mFd >= 0) ::close(mFd);
+    mFd = -1;
+    mPending.clear();
+}
+
+ChildProcess::ChildProcess(const Body& body) {
+    int ends[2];
+    if (!socketPair(ends)) return;
+    const pid_t parent = getpid();
+    mPid = fork();
+    if (mPid == 0) {
+        ::close(ends[0]);
+        prctl(PR_SET_PDEATHSIG, SIGKILL);
+        if (getppid() != parent) _exit(126);
+        Channel channel(ends[1]);
+        const int status = body(channel);
+        fflush(stdout);
+        _exit(status);
+    }
+    ::close(ends[1]);
+    mChannel = Channel(ends[0]);
+}
+
+ChildProcess::ChildProcess(const std::string& role, const std::vector<std::string>& args) {
+    std::vector<std::string> argv{"/proc/self/exe", "--child=" + role};
+    argv.insert(argv.end(), args.begin(), args.end());
+    spawn(argv, kParentChannelFd, false);
+}
+
+ChildProcess::ChildProcess(const Program& program) {
+    spawn(program.argv, STDOUT_FILENO, true);
+}
+
+void ChildProcess::spawn(const std::vector<std::string>& argv, int channelFd, bool withErrors) {
+    int channel[2];
+    int errors[2] = {-1, -1};
+    if (!socketPair(channel) || (withErrors && !socketPair(errors))) return;
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_adddup2(&actions, toChild[0], kChildInputFd);
-    posix_spawn_file_actions_adddup2(&actions, fromChild[1], kChildOutputFd);
-
-    std::string roleArgument = "--child=" + role;
-    std::vector<char*> argv;
-    argv.push_back(const_cast<char*>("/proc/self/exe"));
-    argv.push_back(roleArgument.data());
-    std::vector<std::string> copies = args;
-    for (std::string& arg : copies) argv.push_back(arg.data());
-    argv.push_back(nullptr);
-    int error = posix_spawn(&mPid, "/proc/self/exe", &actions, nullptr, argv.data(), environ);
-    posix_spawn_file_actions_destroy(&actions);
-    close(toChild[0]);
-    close(fromChild[1]);
-    mToChild = toChild[1];
-    mFromChild = fromChild[0];
-    if (error != 0) {
-        close(mToChild);
-        close(mFromChild);
-        throw std::runtime_error(std::string("posix_spawn failed: ") + strerror(error));
+    posix_spawn_file_actions_adddup2(&actions, channel[1], channelFd);
+    if (withErrors) posix_spawn_file_actions_adddup2(&actions, errors[1], STDERR_FILENO);
+    std::vector<std::string> copies = argv;
+    std::vector<char*> pointers;
+    for (std::string& arg : copies) pointers.push_back(arg.data());
+    pointers.push_back(nullptr);
+    if (posix_spawn(&mPid, pointers[0], &actions, nullptr, pointers.data(), environ) != 0) {
+        mPid = -1;
     }
+    posix_spawn_file_actions_destroy(&actions);
+    ::close(channel[1]);
+    if (withErrors) ::close(errors[1]);
+    mChannel = Channel(channel[0]);
+    mErrors = Channel(errors[0]);
 }
 
 ChildProcess::~ChildProcess() {
-    if (!mReaped) tvproc::killAndReap(mPid);
-    close(mToChild);
-    close(mFromChild);
-}
-
-std::string ChildProcess::readLine(std::chrono::milliseconds timeout) {
-    return readLineFrom(mFromChild, &mPending, timeout);
-}
-
-void ChildProcess::writeLine(const std::string& line) {
-    writeLineTo(mToChild, line);
+    if (mPid > 0 && !mReaped) tvproc::killAndReap(mPid);
 }
 
 void ChildProcess::kill(int signal) {
-    if (!mReaped) ::kill(mPid, signal);
+    if (mPid > 0 && !mReaped) ::kill(mPid, signal);
 }
 
 int ChildProcess::wait(std::chrono::milliseconds timeout) {
-    if (mReaped) return -1;
+    if (mPid <= 0 || mReaped) return -1;
     const int status = tvproc::waitForExit(mPid, timeout);
     mReaped = status != -1;
     return status;
 }
 
-void ParentChannel::send(const std::string& line) {
-    writeLineTo(kChildOutputFd, line);
+int ChildProcess::finish(std::chrono::milliseconds timeout) {
+    mChannel.close();
+    const int status = wait(timeout);
+    return status != -1 && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
-std::string ParentChannel::receive(std::chrono::milliseconds timeout) {
-    static std::string pending;
-    return readLineFrom(kChildInputFd, &pending, timeout);
+Channel& ParentChannel::channel() {
+    static auto* const channel = new Channel(kParentChannelFd);
+    return *channel;
 }
 
 ChildRoleRegistration::ChildRoleRegistration(const char* name, ChildRole role) {
