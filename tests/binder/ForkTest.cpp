@@ -1,9 +1,8 @@
 #include <binder/IBinder.h>
 #include <binder/ProcessState.h>
 #include <gtest/gtest.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
+#include "ChildProcess.h"
 #include "Runtime.h"
 #include "ServedChild.h"
 #include "TestService.h"
@@ -32,17 +31,9 @@ TEST(Fork, AForkedChildGetsItsOwnEndpointAndLeavesTheParentsAlone) {
     ServedChild service;
     ASSERT_TRUE(service.ready());
     const uint64_t parentEndpoint = Runtime::current()->endpoint();
-    pid_t child = fork();
-    ASSERT_NE(-1, child);
-    if (child == 0) _exit(checkForkedChild(service.name(), parentEndpoint));
-
-    const int status = tvproc::waitForExit(child, std::chrono::seconds(20));
-    if (status == -1) {
-        tvproc::killAndReap(child);
-        FAIL() << "the forked child did not finish";
-    }
-    EXPECT_TRUE(WIFEXITED(status));
-    EXPECT_EQ(0, WEXITSTATUS(status));
+    tvtest::ChildProcess child(
+        [&](tvtest::Channel&) { return checkForkedChild(service.name(), parentEndpoint); });
+    EXPECT_EQ(0, child.finish());
     EXPECT_EQ(parentEndpoint, Runtime::current()->endpoint());
     EXPECT_EQ(6, callInt(service.binder(), TestService::ECHO, 6));
 }

@@ -11,7 +11,6 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
-#include <fstream>
 #include <future>
 #include <string>
 #include <vector>
@@ -244,13 +243,6 @@ TEST(NestedCalls, ACallBackFromTwoHopsAwayRunsOnTheWaitingThread) {
     EXPECT_EQ(far.pid(), reporter->callingPid.load());
 }
 
-std::string processNameOf(pid_t pid) {
-    std::ifstream comm("/proc/" + std::to_string(pid) + "/comm");
-    std::string name;
-    std::getline(comm, name);
-    return name;
-}
-
 TEST(DeathNotices, APeerThatExecsIsDeadToItsRecipientsCallersAndObjects) {
     ServedChild child;
     ASSERT_TRUE(child.ready());
@@ -271,7 +263,7 @@ TEST(DeathNotices, APeerThatExecsIsDeadToItsRecipientsCallersAndObjects) {
     EXPECT_TRUE(waitUntil([&] { return lent.promote() == nullptr; }))
         << "the object lent to the process is still held";
     EXPECT_EQ(1, recipient->calls.load());
-    EXPECT_EQ("sleep", processNameOf(child.pid())) << "the process did not exec";
+    EXPECT_EQ("sleep", tvproc::processNameOf(child.pid())) << "the process did not exec";
     child.process().kill(SIGKILL);
     EXPECT_NE(-1, child.process().wait());
 }

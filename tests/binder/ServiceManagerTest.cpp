@@ -28,6 +28,7 @@
 #include <vector>
 
 #include "ChildProcess.h"
+#include "ServiceManagerDaemon.h"
 #include "SocketDirectory.h"
 #include "TestSupport.h"
 
@@ -78,57 +79,7 @@ class ScopedVariable {
     bool mHad = false;
 };
 
-std::string daemonPath() {
-    return tvproc::besideThisProgram("tavrin-servicemanager");
-}
-
-std::string processNameOf(pid_t pid) {
-    std::ifstream comm("/proc/" + std::to_string(pid) + "/comm");
-    std::string name;
-    std::getline(comm, name);
-    return name;
-}
-
-// Runs the daemon's --list tool: its exit status, its output in *out.
-int runListTool(const std::string& context, std::string* out = nullptr) {
-    const std::string command = daemonPath() + " --list --context " + context + " 2>/dev/null";
-    FILE* pipe = popen(command.c_str(), "r");
-    if (pipe == nullptr) return -1;
-    char buffer[512];
-    while (fgets(buffer, sizeof buffer, pipe) != nullptr) {
-        if (out != nullptr) out->append(buffer);
-    }
-    const int status = pclose(pipe);
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-}
-
-// Replaces the child with the daemon in the foreground; the child's death
-// signal (set by the role runner) survives the exec, so the daemon dies with
-// the test even when the test itself crashes.
-TVTEST_CHILD_ROLE(sm_daemon) {
-    const std::string path = daemonPath();
-    const char* argv[] = {path.c_str(), "--foreground", "--context", args.at(0).c_str(), nullptr};
-    execv(argv[0], const_cast<char**>(argv));
-    return 127;
-}
-
-// A daemon in the foreground, serving `context` until destroyed.
-class ForegroundDaemon {
-  public:
-    explicit ForegroundDaemon(const std::string& context) : mProcess("sm_daemon", {context}) {
-        mServing = tvtest::waitUntil([&] { return runListTool(context) == 0; }, 10s);
-    }
-    bool serving() const { return mServing; }
-    pid_t pid() const { return mProcess.pid(); }
-    void kill() {
-        mProcess.kill(SIGKILL);
-        mProcess.wait();
-    }
-
-  private:
-    tvtest::ChildProcess mProcess;
-    bool mServing = false;
-};
+using tvproc::processNameOf;
 
 // Answers TAG with the tag it was made with, so tests can tell registrations apart.
 class TaggedService : public android::BBinder {
@@ -225,19 +176,19 @@ class ServiceManagerTest : public testing::Test {
   protected:
     void SetUp() override {
         mContext = tvtest::uniqueName("smtest");
+        mDaemon = std::make_unique<ServiceManagerDaemon>(mContext);
+        ASSERT_TRUE(mDaemon->serving());
         mContextVariable = std::make_unique<ScopedVariable>(kContextVariable, mContext.c_str());
         // Children must use this test's daemon, never start one of their own.
         mDaemonVariable =
             std::make_unique<ScopedVariable>(kDaemonVariable, "/nonexistent/tavrin-servicemanager");
-        mDaemon = std::make_unique<ForegroundDaemon>(mContext);
-        ASSERT_TRUE(mDaemon->serving());
     }
     void TearDown() override { mDaemon.reset(); }
 
     std::string mContext;
     std::unique_ptr<ScopedVariable> mContextVariable;
     std::unique_ptr<ScopedVariable> mDaemonVariable;
-    std::unique_ptr<ForegroundDaemon> mDaemon;
+    std::unique_ptr<ServiceManagerDaemon> mDaemon;
 };
 
 TEST_F(ServiceManagerTest, RegistersFindsAndListsServices) {
@@ -258,7 +209,7 @@ TEST_F(ServiceManagerTest, RegistersFindsAndListsServices) {
     EXPECT_NE(std::string::npos, registrations.find(managerEntry)) << registrations;
 
     std::string listing;
-    ASSERT_EQ(0, runListTool(mContext, &listing));
+    ASSERT_EQ(0, ServiceManagerDaemon::list(mContext, &listing));
     EXPECT_NE(std::string::npos, listing.find("sm.alpha")) << listing;
     EXPECT_NE(std::string::npos, listing.find(std::to_string(owner.pid()))) << listing;
 }
@@ -324,9 +275,7 @@ TEST_F(ServiceManagerTest, GetServiceGivesUpOnAMissingName) {
     // the 4 s that the test waits for an answer.
     tvtest::ChildProcess byCall("sm_agent");
     ASSERT_EQ("ok", ask(byCall, "timeout 100"));
-    setenv("TAVRIN_GETSERVICE_TIMEOUT_MS", "100", 1);
-    tvtest::ChildProcess byEnvironment("sm_agent");
-    unsetenv("TAVRIN_GETSERVICE_TIMEOUT_MS");
+    tvtest::ChildProcess byEnvironment("sm_agent", {}, {"TAVRIN_GETSERVICE_TIMEOUT_MS=100"});
 
     EXPECT_EQ("null", ask(byCall, "get sm.never", 4s));
     EXPECT_EQ("null", ask(byEnvironment, "get sm.never", 4s));
@@ -547,36 +496,23 @@ int useServiceManagerAfterFork() {
 }
 
 // Uses the service manager, then forks (with no pool thread running, so that
-// the child may start threads under every sanitizer). The child reports its
-// outcome by its exit status, and lives until the parent has looked for its
-// registration. Tells the test "<exit status> <what the parent found>".
+// the child may start threads under every sanitizer). The child lives until
+// the parent has looked for its registration. Tells the test "<the child's
+// exit code> <what the parent found>".
 TVTEST_CHILD_ROLE(sm_forker) {
     (void)args;
     if (describe(defaultServiceManager()->checkService(String16("sm.base"))) != "tag base") {
         tvtest::ParentChannel::send("the parent did not find sm.base");
         return 1;
     }
-    int registered[2];
-    int release[2];
-    if (pipe2(registered, O_CLOEXEC) != 0 || pipe2(release, O_CLOEXEC) != 0) return 1;
-    const pid_t parent = getpid();
-    const pid_t child = fork();
-    if (child == 0) {
-        prctl(PR_SET_PDEATHSIG, SIGKILL);
-        if (getppid() != parent) _exit(126);
-        close(registered[0]);
-        close(release[1]);
-        const char result = static_cast<char>(useServiceManagerAfterFork());
-        tvproc::writeFully(registered[1], &result, 1);
-        char ignored;
-        tvproc::readFullyWithin(release[0], &ignored, 1, 30s);  // ends when the parent closes it
-        _exit(result);
-    }
-    close(registered[1]);
-    close(release[0]);
-    char result = -1;
+    tvtest::ChildProcess child([](tvtest::Channel& parent) {
+        const int result = useServiceManagerAfterFork();
+        parent.sendValue(result);
+        parent.receive(30s);  // ends when the parent closes the channel
+        return result;
+    });
     std::string found = "nothing";
-    if (child > 0 && tvproc::readFullyWithin(registered[0], &result, 1, 20s) && result == 0) {
+    if (child.channel().receiveValue(20s) == 0) {
         tvtest::waitUntil(
             [&] {
                 found = describe(defaultServiceManager()->checkService(String16("sm.forked")));
@@ -584,12 +520,7 @@ TVTEST_CHILD_ROLE(sm_forker) {
             },
             10s);
     }
-    close(release[1]);
-    close(registered[0]);
-    int status = child > 0 ? tvproc::waitForExit(child, 20s) : -1;
-    if (status == -1 && child > 0) tvproc::killAndReap(child);
-    const int exitCode = status != -1 && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    tvtest::ParentChannel::send(std::to_string(exitCode) + " " + found);
+    tvtest::ParentChannel::send(std::to_string(child.finish()) + " " + found);
     return 0;
 }
 
@@ -674,7 +605,7 @@ TEST(ServiceManagerAutostartTest, StartsOneDaemonForRacingNewcomers) {
     const std::string context = tvtest::uniqueName("smauto");
     const ScopedVariable contextVariable(kContextVariable, context.c_str());
     const ScopedVariable daemonVariable(kDaemonVariable, nullptr);  // found beside the library
-    ASSERT_EQ(1, runListTool(context)) << "--list must not start a daemon";
+    ASSERT_EQ(1, ServiceManagerDaemon::list(context)) << "--list must not start a daemon";
 
     AdoptedDaemons daemons;
     tvtest::ChildProcess first("sm_agent");
@@ -704,13 +635,9 @@ TEST(ServiceManagerAutostartTest, StartsOneDaemonForRacingNewcomers) {
 }
 
 TEST(ServiceManagerUsageTest, HelpGoesToStdoutWithSuccess) {
-    std::string usage;
-    FILE* pipe = popen((daemonPath() + " --help 2>/dev/null").c_str(), "r");
-    ASSERT_NE(pipe, nullptr);
-    char buffer[512];
-    while (fgets(buffer, sizeof buffer, pipe) != nullptr) usage.append(buffer);
-    const int status = pclose(pipe);
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+    tvtest::ChildProcess help(tvtest::Program{{ServiceManagerDaemon::path(), "--help"}});
+    const std::string usage = help.channel().receiveAll();
+    EXPECT_EQ(0, help.finish());
     EXPECT_NE(std::string::npos, usage.find("usage: tavrin-servicemanager")) << usage;
 }
 
@@ -722,20 +649,18 @@ TVTEST_CHILD_ROLE(log_level) {
 }
 
 TEST(LogLevelTest, TavrinLogSetsTheLeastPriorityAtLoad) {
-    const auto levelWith = [](const char* value) {
-        const ScopedVariable level("TAVRIN_LOG", value);
-        tvtest::ChildProcess child("log_level");
-        return child.readLine();
+    const auto levelWith = [](const std::string& variable) {
+        return tvtest::ChildProcess("log_level", {}, {variable}).readLine();
     };
-    EXPECT_EQ(std::to_string(ANDROID_LOG_VERBOSE), levelWith("verbose"));
-    EXPECT_EQ(std::to_string(ANDROID_LOG_ERROR), levelWith("ERROR"));
-    EXPECT_EQ(levelWith(nullptr), levelWith("loud"));
+    EXPECT_EQ(std::to_string(ANDROID_LOG_VERBOSE), levelWith("TAVRIN_LOG=verbose"));
+    EXPECT_EQ(std::to_string(ANDROID_LOG_ERROR), levelWith("TAVRIN_LOG=ERROR"));
+    EXPECT_EQ(levelWith("TAVRIN_LOG"), levelWith("TAVRIN_LOG=loud"));
 }
 
 // The lines of `--list` other than the service manager's own.
 std::string registrationsListed(const std::string& context) {
     std::string listing;
-    if (runListTool(context, &listing) != 0) return "no service manager";
+    if (ServiceManagerDaemon::list(context, &listing) != 0) return "no service manager";
     std::istringstream lines(listing);
     std::string kept;
     for (std::string line; std::getline(lines, line);) {

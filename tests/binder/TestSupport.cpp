@@ -2,13 +2,10 @@
 
 #include <binder/IPCThreadState.h>
 #include <binder/ProcessState.h>
-#include <dirent.h>
 #include <stdlib.h>
-#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
-#include <fstream>
 #include <map>
 #include <mutex>
 
@@ -98,31 +95,11 @@ int currentTid() {
     return static_cast<int>(syscall(SYS_gettid));
 }
 
-size_t countOpenFds(pid_t pid) {
-    // Regular files are left out: a sanitizer's runtime opens the program's
-    // libraries for a moment now and then, and the transport holds none.
-    return tvproc::countEntries(
-        "/proc/" + std::to_string(pid) + "/fd", [](int directory, const char* name) {
-            // One closed meanwhile is not counted either.
-            struct stat target;
-            return fstatat(directory, name, &target, 0) == 0 && !S_ISREG(target.st_mode);
-        });
-}
-
 size_t countPoolThreads(pid_t pid) {
-    const std::string tasks = "/proc/" + std::to_string(pid) + "/task";
-    DIR* dir = opendir(tasks.c_str());
-    if (dir == nullptr) return 0;
-    size_t count = 0;
-    while (dirent* entry = readdir(dir)) {
-        if (entry->d_name[0] == '.') continue;
-        std::ifstream comm(tasks + "/" + entry->d_name + "/comm");
-        std::string name;
-        std::getline(comm, name);
-        if (name.rfind("tvbinder:", 0) == 0) ++count;
-    }
-    closedir(dir);
-    return count;
+    return tvproc::countEntries(
+        "/proc/" + std::to_string(pid) + "/task", [&](int, const char* tid) {
+            return tvproc::processNameOf(atoi(tid)).rfind("tvbinder:", 0) == 0;
+        });
 }
 
 std::string uniqueName(const std::string& base) {

@@ -40,8 +40,7 @@ inline bool waitUntil(const std::function<bool()>& condition,
 }
 
 int currentTid();
-// The process's open descriptors other than regular files.
-size_t countOpenFds(pid_t pid);
+using tvproc::countOpenFds;
 // Counts the death notices it gets and notes the last one.
 class CountingRecipient : public android::IBinder::DeathRecipient {
   public:

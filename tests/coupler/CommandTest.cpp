@@ -1,11 +1,7 @@
 // The `tavrin` command against live services in the test's own context, and
 // the call records it reads, kept in process.
-#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <poll.h>
-#include <signal.h>
-#include <spawn.h>
 #include <stdlib.h>
 #include <unistd.h>
 
@@ -18,91 +14,25 @@
 #include "ProcSupport.h"
 #include "coupler/binder/monitor/CallMonitor.h"
 
-extern char** environ;
-
 namespace coupler_test {
 namespace {
 
 using tavrin_cli::JsonValue;
 using testing::HasSubstr;
 
-// One run of the tavrin command, its output kept line by line; killed and
-// reaped when it overstays or when the object goes.
-class Command {
-  public:
-    explicit Command(const std::vector<std::string>& args) {
-        int out[2], err[2];
-        EXPECT_EQ(pipe2(out, O_CLOEXEC), 0);
-        EXPECT_EQ(pipe2(err, O_CLOEXEC), 0);
-        posix_spawn_file_actions_t actions;
-        posix_spawn_file_actions_init(&actions);
-        posix_spawn_file_actions_adddup2(&actions, out[1], 1);
-        posix_spawn_file_actions_adddup2(&actions, err[1], 2);
-        std::string path = tvproc::besideThisProgram("tavrin");
-        std::vector<char*> argv{path.data()};
-        std::vector<std::string> copies(args);
-        for (std::string& arg : copies) argv.push_back(arg.data());
-        argv.push_back(nullptr);
-        EXPECT_EQ(posix_spawn(&mPid, path.c_str(), &actions, nullptr, argv.data(), environ), 0);
-        posix_spawn_file_actions_destroy(&actions);
-        close(out[1]);
-        close(err[1]);
-        mOut = out[0];
-        mErr = err[0];
-    }
-    ~Command() {
-        if (!mReaped) tvproc::killAndReap(mPid);
-        close(mOut);
-        close(mErr);
-    }
+// The tavrin command, its stdout as the channel and its stderr as errors().
+tvtest::ChildProcess tavrin(const std::vector<std::string>& args) {
+    std::vector<std::string> argv{tvproc::besideThisProgram("tavrin")};
+    argv.insert(argv.end(), args.begin(), args.end());
+    return tvtest::ChildProcess(tvtest::Program{argv});
+}
 
-    // The next line on stdout (or stderr), "" after `timeout` or at the end.
-    std::string outLine(std::chrono::milliseconds timeout = 20s) {
-        return line(mOut, &mOutText, timeout);
-    }
-    std::string errLine(std::chrono::milliseconds timeout = 20s) {
-        return line(mErr, &mErrText, timeout);
-    }
-    // Waits for the end: the exit status, everything left on stdout in *out.
-    int finish(std::string* out = nullptr) {
-        while (tvproc::readSomeWithin(mOut, &mOutText, 20s)) {
-        }
-        while (tvproc::readSomeWithin(mErr, &mErrText, 1s)) {
-        }
-        if (out != nullptr) *out = mOutText;
-        const int status = tvproc::waitForExit(mPid, 20s);
-        mReaped = status != -1;
-        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    }
-    const std::string& errText() const { return mErrText; }
-
-  private:
-    static std::string line(int fd, std::string* pending, std::chrono::milliseconds timeout) {
-        const auto deadline = std::chrono::steady_clock::now() + timeout;
-        for (;;) {
-            const size_t end = pending->find('\n');
-            if (end != std::string::npos) {
-                std::string taken = pending->substr(0, end);
-                pending->erase(0, end + 1);
-                return taken;
-            }
-            const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-                deadline - std::chrono::steady_clock::now());
-            if (left.count() <= 0 || !tvproc::readSomeWithin(fd, pending, left)) return "";
-        }
-    }
-
-    pid_t mPid = -1;
-    bool mReaped = false;
-    int mOut = -1;
-    int mErr = -1;
-    std::string mOutText;
-    std::string mErrText;
-};
-
-// Runs the command to its end: its status, and its stdout in *out.
+// Runs the command to its end: its exit code, and its stdout in *out.
 int run(const std::vector<std::string>& args, std::string* out = nullptr) {
-    return Command(args).finish(out);
+    tvtest::ChildProcess command = tavrin(args);
+    const std::string printed = command.channel().receiveAll();
+    if (out != nullptr) *out = printed;
+    return command.finish();
 }
 
 JsonValue runJson(const std::vector<std::string>& args) {
@@ -230,10 +160,10 @@ TEST(TavrinCommand, MonitorShowsEveryKindOfTransaction) {
     LiveServices live;
     tavrin::tv_sp<tavrin::IClient> subClient = bindSubService(live.subName, live.name, 5000, 3);
     ASSERT_TRUE(subClient);
-    Command monitor({"monitor", "--json", "--count", "7", "--timeout", "60"});
+    tvtest::ChildProcess monitor = tavrin({"monitor", "--json", "--count", "7", "--timeout", "60"});
     for (int watched = 0; watched < 2;) {
-        const std::string line = monitor.errLine();
-        ASSERT_FALSE(line.empty()) << monitor.errText();
+        const std::string line = monitor.errors().receive();
+        ASSERT_FALSE(line.empty()) << "the monitor watches nothing";
         watched += line.find("watching " + live.name + " ") != std::string::npos ||
                    line.find("watching " + live.subName + " ") != std::string::npos;
     }
@@ -244,11 +174,12 @@ TEST(TavrinCommand, MonitorShowsEveryKindOfTransaction) {
     std::vector<std::string> shown;
     for (int i = 0; i < 7; ++i) {
         JsonValue record;
-        ASSERT_TRUE(JsonValue::parse(monitor.outLine(), &record));
+        ASSERT_TRUE(JsonValue::parse(monitor.readLine(), &record));
         EXPECT_GT(record["bytes"].number(), 0);
         EXPECT_GT(record["time"].number(), 0);
         shown.push_back(shape(record));
     }
+    EXPECT_EQ(monitor.channel().receiveAll(), "");
     EXPECT_EQ(monitor.finish(), 0);
     const std::string me = std::to_string(getpid()), service = std::to_string(live.service.pid()),
                       sub = std::to_string(live.subService.pid());

@@ -8,7 +8,6 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <fstream>
 #include <map>
 #include <mutex>
 #include <sstream>
@@ -203,7 +202,7 @@ void publish(const std::string& name, const std::string& what) {
 
 // Publishes more services once the first has taken the main thread.
 void publishMore(std::vector<std::string> names) {
-    while (processNameOf(getpid()) != "AnnBdSrv") std::this_thread::sleep_for(2ms);
+    if (!tvproc::waitUntil([] { return processNameOf(getpid()) == "AnnBdSrv"; }, 20s)) return;
     for (const std::string& name : names) publish(name, "second");
 }
 
@@ -302,13 +301,6 @@ bool awaitLine(tvtest::ChildProcess& child, const std::string& expected,
         if (line == expected) return true;
         if (line.empty()) return false;
     }
-}
-
-std::string processNameOf(pid_t pid) {
-    std::ifstream comm("/proc/" + std::to_string(pid) + "/comm");
-    std::string name;
-    std::getline(comm, name);
-    return name;
 }
 
 tvtest::ChildProcess startService(const std::string& name, const std::vector<std::string>& more) {

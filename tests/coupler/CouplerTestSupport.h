@@ -7,6 +7,7 @@
 #include "ChildProcess.h"
 #include "IClient.h"
 #include "IPCString.h"
+#include "ProcSupport.h"
 #include "Protocol.h"
 
 // What the coupler tests and their child processes share: one value class,
@@ -51,8 +52,7 @@ std::string clientInfoText(int tag, int objID);
 // Reads the child's lines until one equals `expected`; false after `timeout`.
 bool awaitLine(tvtest::ChildProcess& child, const std::string& expected,
                std::chrono::milliseconds timeout = 20s);
-// The child's /proc comm name.
-std::string processNameOf(pid_t pid);
+using tvproc::processNameOf;
 
 // Children: a master service "service NAME [MORE_NAMES...]", a sub-service
 // "subservice NAME MASTER [SECOND_NAME]" (published again from its

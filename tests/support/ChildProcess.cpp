@@ -10,6 +10,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <map>
 
 #include "ProcSupport.h"
@@ -26,6 +27,14 @@ constexpr int kParentChannelFd = 3;
 std::map<std::string, ChildRole>& roles() {
     static auto* registry = new std::map<std::string, ChildRole>;
     return *registry;
+}
+
+// For exec: the strings' characters, then a null pointer.
+std::vector<char*> pointersTo(std::vector<std::string>& strings) {
+    std::vector<char*> pointers;
+    for (std::string& text : strings) pointers.push_back(text.data());
+    pointers.push_back(nullptr);
+    return pointers;
 }
 
 bool socketPair(int ends[2]) {
@@ -108,17 +117,19 @@ ChildProcess::ChildProcess(const Body& body) {
     mChannel = Channel(ends[0]);
 }
 
-ChildProcess::ChildProcess(const std::string& role, const std::vector<std::string>& args) {
+ChildProcess::ChildProcess(const std::string& role, const std::vector<std::string>& args,
+                           const std::vector<std::string>& environment) {
     std::vector<std::string> argv{"/proc/self/exe", "--child=" + role};
     argv.insert(argv.end(), args.begin(), args.end());
-    spawn(argv, kParentChannelFd, false);
+    spawn(argv, kParentChannelFd, false, environment);
 }
 
 ChildProcess::ChildProcess(const Program& program) {
     spawn(program.argv, STDOUT_FILENO, true);
 }
 
-void ChildProcess::spawn(const std::vector<std::string>& argv, int channelFd, bool withErrors) {
+void ChildProcess::spawn(std::vector<std::string> argv, int channelFd, bool withErrors,
+                         const std::vector<std::string>& environment) {
     int channel[2];
     int errors[2] = {-1, -1};
     if (!socketPair(channel) || (withErrors && !socketPair(errors))) return;
@@ -126,11 +137,21 @@ void ChildProcess::spawn(const std::vector<std::string>& argv, int channelFd, bo
     posix_spawn_file_actions_init(&actions);
     posix_spawn_file_actions_adddup2(&actions, channel[1], channelFd);
     if (withErrors) posix_spawn_file_actions_adddup2(&actions, errors[1], STDERR_FILENO);
-    std::vector<std::string> copies = argv;
-    std::vector<char*> pointers;
-    for (std::string& arg : copies) pointers.push_back(arg.data());
-    pointers.push_back(nullptr);
-    if (posix_spawn(&mPid, pointers[0], &actions, nullptr, pointers.data(), environ) != 0) {
+    std::vector<std::string> variables;
+    for (char** variable = environ; *variable != nullptr; ++variable) {
+        bool replaced = false;
+        for (const std::string& given : environment) {
+            const size_t nameLength = std::min(given.find('='), given.size());
+            replaced |= strncmp(*variable, given.c_str(), nameLength) == 0 &&
+                        (*variable)[nameLength] == '=';
+        }
+        if (!replaced) variables.push_back(*variable);
+    }
+    for (const std::string& given : environment) {
+        if (given.find('=') != std::string::npos) variables.push_back(given);
+    }
+    if (posix_spawn(&mPid, argv[0].c_str(), &actions, nullptr, pointersTo(argv).data(),
+                    pointersTo(variables).data()) != 0) {
         mPid = -1;
     }
     posix_spawn_file_actions_destroy(&actions);

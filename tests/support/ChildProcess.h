@@ -53,9 +53,11 @@ class ChildProcess {
     using Body = std::function<int(Channel& parent)>;
     // A fork that runs `body` and exits with its result.
     explicit ChildProcess(const Body& body);
-    // A fresh copy of this program in `role` (see TVTEST_CHILD_ROLE); the
-    // channel is its ParentChannel.
-    ChildProcess(const std::string& role, const std::vector<std::string>& args = {});
+    // A fresh copy of this program in `role` (see TVTEST_CHILD_ROLE), its
+    // environment this process's changed by `environment` ("NAME=value" sets,
+    // "NAME" removes); the channel is its ParentChannel.
+    ChildProcess(const std::string& role, const std::vector<std::string>& args = {},
+                 const std::vector<std::string>& environment = {});
     // The channel is the program's stdout, errors() its stderr.
     explicit ChildProcess(const Program& program);
     ~ChildProcess();
@@ -77,8 +79,9 @@ class ChildProcess {
     int finish(std::chrono::milliseconds timeout = std::chrono::seconds(20));
 
   private:
-    // Starts `argv` with the child's end of each socket pair at the given descriptor.
-    void spawn(const std::vector<std::string>& argv, int channelFd, bool withErrors);
+    // Starts `argv` with the child's end of the channel at `channelFd`.
+    void spawn(std::vector<std::string> argv, int channelFd, bool withErrors,
+               const std::vector<std::string>& environment = {});
 
     pid_t mPid = -1;
     bool mReaped = false;

@@ -4,6 +4,7 @@
 #include <errno.h>
 #include <poll.h>
 #include <signal.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -127,6 +128,24 @@ size_t countEntries(const std::string& directory,
     return count;
 }
 
+std::string processNameOf(pid_t pid) {
+    std::ifstream comm("/proc/" + std::to_string(pid) + "/comm");
+    std::string name;
+    std::getline(comm, name);
+    return name;
+}
+
+size_t countOpenFds(pid_t pid) {
+    // Regular files are left out: a sanitizer's runtime opens the program's
+    // libraries for a moment now and then, and the transport holds none.
+    return countEntries(
+        "/proc/" + std::to_string(pid) + "/fd", [](int directory, const char* name) {
+            // One closed meanwhile is not counted either.
+            struct stat target;
+            return fstatat(directory, name, &target, 0) == 0 && !S_ISREG(target.st_mode);
+        });
+}
+
 std::chrono::milliseconds cpuTime(pid_t pid) {
     std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
     std::string line;
@@ -160,18 +179,23 @@ size_t residentKib(pid_t pid) {
 }
 
 PeakWatch::PeakWatch(pid_t pid)
-    : mSampler([this, pid] {
+    : mPid(pid), mSampler([this] {
           while (!mStopped) {
-              mDescriptors = std::max<size_t>(mDescriptors,
-                                              countEntries("/proc/" + std::to_string(pid) + "/fd"));
-              mResidentKib = std::max(mResidentKib.load(), tvproc::residentKib(pid));
+              sample();
               std::this_thread::sleep_for(std::chrono::milliseconds(20));
           }
       }) {}
 
+void PeakWatch::sample() {
+    mDescriptors =
+        std::max<size_t>(mDescriptors, countEntries("/proc/" + std::to_string(mPid) + "/fd"));
+    mResidentKib = std::max(mResidentKib.load(), tvproc::residentKib(mPid));
+}
+
 void PeakWatch::stop() {
-    mStopped = true;
-    if (mSampler.joinable()) mSampler.join();
+    if (mStopped.exchange(true)) return;
+    mSampler.join();
+    sample();
 }
 
 }  // namespace tvproc

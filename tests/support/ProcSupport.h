@@ -38,6 +38,11 @@ std::string besideThisProgram(const std::string& name);
 size_t countEntries(const std::string& directory,
                     const std::function<bool(int, const char*)>& counted = {});
 
+// The process's name, as ps shows it.
+std::string processNameOf(pid_t pid);
+// The process's open descriptors other than regular files.
+size_t countOpenFds(pid_t pid);
+
 // What `pid` has used: CPU time of all its threads, and its resident memory
 // in KiB (0 once it is gone).
 std::chrono::milliseconds cpuTime(pid_t pid);
@@ -52,11 +57,15 @@ class PeakWatch {
     PeakWatch(const PeakWatch&) = delete;
     PeakWatch& operator=(const PeakWatch&) = delete;
 
+    // Takes a last sample, then stops.
     void stop();
     size_t descriptors() const { return mDescriptors; }
     size_t residentKib() const { return mResidentKib; }
 
   private:
+    void sample();
+
+    const pid_t mPid;
     std::atomic<bool> mStopped{false};
     std::atomic<size_t> mDescriptors{0};
     std::atomic<size_t> mResidentKib{0};

@@ -2,28 +2,25 @@
 
 #include <sys/types.h>
 
-#include <chrono>
 #include <string>
 
-// The service manager of the benchmark's own context, run in the foreground
-// from the daemon binary beside this program ($TAVRIN_SERVICEMANAGER when
-// set), and killed when this object goes away.
+#include "ChildProcess.h"
+
+// The service manager of a test's or the benchmark's own context, run in the
+// foreground from the daemon binary beside this program ($TAVRIN_SERVICEMANAGER
+// when set), and killed when this object goes away.
 class ServiceManagerDaemon {
   public:
     explicit ServiceManagerDaemon(const std::string& context);
-    ~ServiceManagerDaemon();
-    ServiceManagerDaemon(const ServiceManagerDaemon&) = delete;
-    ServiceManagerDaemon& operator=(const ServiceManagerDaemon&) = delete;
 
     bool serving() const { return mServing; }
+    pid_t pid() const { return mProcess.pid(); }
+    void kill();
+    // Runs the daemon's `--list` for `context`: its exit code, its output in *out.
+    static int list(const std::string& context, std::string* out = nullptr);
+    static std::string path();
 
   private:
-    // Asks `--list` until the daemon answers.
-    bool awaitServing(std::chrono::milliseconds timeout);
-    int runToCompletion(const char* const* argv) const;
-
-    std::string mPath;
-    std::string mContext;
-    pid_t mPid = -1;
+    tvtest::ChildProcess mProcess;
     bool mServing = false;
 };
