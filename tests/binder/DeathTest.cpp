@@ -5,8 +5,6 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <chrono>
-#include <thread>
 
 #include "ServedChild.h"
 #include "TestService.h"
@@ -41,6 +39,7 @@ class SelfUnlinkingRecipient : public IBinder::DeathRecipient {
 };
 
 TEST(DeathNotices, ArriveOnceOnAPoolThreadWhenTheOwnerIsKilled) {
+    const size_t descriptors = tvtest::countOpenFds(getpid());
     ServedChild child;
     ASSERT_TRUE(child.ready());
     sp<CountingRecipient> first = new CountingRecipient();
@@ -57,7 +56,10 @@ TEST(DeathNotices, ArriveOnceOnAPoolThreadWhenTheOwnerIsKilled) {
     EXPECT_EQ(DEAD_OBJECT, selfUnlinking->unlinkStatus.load());
     EXPECT_EQ(child.binder().get(), first->died.load());
     EXPECT_NE(currentTid(), first->tid.load());
-    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    // Each way of learning of a death (its pidfd, a connection's hang-up)
+    // has posted its notices before closing its descriptor.
+    child.process().finish();
+    EXPECT_TRUE(waitUntil([&] { return tvtest::countOpenFds(getpid()) <= descriptors; }));
     EXPECT_EQ(1, first->calls.load());
     EXPECT_EQ(1, second->calls.load());
 

@@ -8,7 +8,6 @@
 
 #include <atomic>
 #include <chrono>
-#include <thread>
 
 #include "ChildProcess.h"
 #include "Runtime.h"
@@ -74,11 +73,21 @@ TEST(Lifetimes, AnObjectPassedOnByAThirdProcessLivesWhileTheLastHolderKeepsIt) {
     ServedChild second;
     ASSERT_TRUE(first.ready());
     ASSERT_TRUE(second.ready());
+    // A sentinel's release makes the first holder's link to this process;
+    // its releases travel on it in order from then on.
+    const sp<IBinder> keeper = tvtest::newObject(first.binder());
+    wp<IBinder> sentinel = handOver(keeper);
+    ASSERT_EQ(NO_ERROR, sendObject(keeper, TestService::DROP));
+    ASSERT_TRUE(waitUntil([&] { return sentinel.promote() == nullptr; }));
+
     wp<IBinder> watch = handOver(first.binder());
     ASSERT_EQ(NO_ERROR, sendObject(first.binder(), TestService::GIVE_HELD, second.binder()));
+    sentinel = handOver(keeper);
     ASSERT_EQ(NO_ERROR, sendObject(first.binder(), TestService::DROP));
-    // Lets the first holder's release arrive; only the second's grant may keep the object.
-    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    ASSERT_EQ(NO_ERROR, sendObject(keeper, TestService::DROP));
+    // The sentinel's release came after the first holder's: only the second's
+    // grant may keep the object now.
+    ASSERT_TRUE(waitUntil([&] { return sentinel.promote() == nullptr; }));
     EXPECT_EQ(13, heldCall(second.binder(), TestService::ECHO, 13));
     EXPECT_NE(nullptr, watch.promote());
     ASSERT_EQ(NO_ERROR, sendObject(second.binder(), TestService::DROP));

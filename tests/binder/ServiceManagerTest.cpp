@@ -251,17 +251,24 @@ TEST_F(ServiceManagerTest, ANameBelongsToItsRegistrantAndEndsWithItOrWithItsObje
     EXPECT_EQ("tag four", ask(successor, "check sm.held"));
 }
 
+// Has `agent` wait for `name` far beyond the test's own patience; returns
+// once the daemon `daemon` holds the socket by which it will wake the agent.
+void beginWaiting(tvtest::ChildProcess& agent, const std::string& name, pid_t daemon) {
+    ASSERT_EQ("ok", ask(agent, "timeout 60000"));
+    ASSERT_EQ("null", ask(agent, "check " + name));  // connects the agent to the daemon
+    const size_t descriptors = tvproc::countOpenFds(daemon);
+    agent.writeLine("get " + name);
+    ASSERT_TRUE(tvtest::waitUntil([&] { return tvproc::countOpenFds(daemon) > descriptors; }));
+}
+
 TEST_F(ServiceManagerTest, GetServiceIsWokenByALaterRegistration) {
     constexpr int kWaiters = 3;
     std::vector<std::unique_ptr<tvtest::ChildProcess>> waiters;
     for (int i = 0; i < kWaiters; ++i) {
         waiters.push_back(std::make_unique<tvtest::ChildProcess>("sm_agent"));
-        // Far beyond the test's own patience: only the registration can end the wait.
-        ASSERT_EQ("ok", ask(*waiters.back(), "timeout 60000"));
-        waiters.back()->writeLine("get sm.late");
+        beginWaiting(*waiters.back(), "sm.late", mDaemon->pid());
     }
     tvtest::ChildProcess owner("sm_agent");
-    std::this_thread::sleep_for(300ms);
     ASSERT_EQ(statusLine(NO_ERROR), ask(owner, "add sm.late one"));
     for (auto& waiter : waiters) {
         EXPECT_EQ("tag one", waiter->readLine(30s));
@@ -692,9 +699,7 @@ TEST_F(ServiceManagerTest, RegistrationsOutliveTheirDaemon) {
     ASSERT_EQ(statusLine(NO_ERROR), ask(owner, "add sm.kept one"));
     ASSERT_EQ(statusLine(NO_ERROR), ask(poolless, "add-without-pool sm.poolless two"));
     const std::string before = registrationsListed(mContext);
-    ASSERT_EQ("ok", ask(waiter, "timeout 60000"));
-    waiter.writeLine("get sm.late");
-    std::this_thread::sleep_for(300ms);
+    beginWaiting(waiter, "sm.late", mDaemon->pid());
 
     mDaemon->kill();
     // The owner registers its name again unasked, and owns it still...
