@@ -55,8 +55,8 @@ struct LiveServices {
     LiveServices()
         : name(uniqueName("cmd")),
           subName(uniqueName("cmdsub")),
-          service(startService(name)),
-          subService(startSubService(subName, name)) {
+          service("service", {name}),
+          subService("subservice", {subName, name}) {
         EXPECT_TRUE(awaitLine(service, "registered " + subName));
         client = bindService(name, 1);
         EXPECT_TRUE(client);

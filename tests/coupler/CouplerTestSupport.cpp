@@ -3,6 +3,8 @@
 #include <android/log.h>
 #include <binder/IServiceManager.h>
 #include <binder/ProcessState.h>
+#include <gtest/gtest.h>
+#include <signal.h>
 #include <stdlib.h>
 #include <string.h>
 #include <unistd.h>
@@ -14,6 +16,7 @@
 #include <thread>
 
 #include "Announcer.h"
+#include "ContextInspector.h"
 #include "Discoverer.h"
 #include "IService.h"
 #include "ISubService.h"
@@ -36,6 +39,12 @@ std::string textOfValue(IPCClass* value) {
     return value != nullptr ? static_cast<Msg*>(value)->text() : "null";
 }
 
+// Tells the test `line`, then waits for its next line.
+void pause(const std::string& line) {
+    ParentChannel::send(line);
+    ParentChannel::receive(20s);
+}
+
 // Hands the library's warnings and errors to the test, one line each. With
 // TVTEST_STALL_ON set, the first thread to log a line that contains it says
 // "stalled" and waits there until the test sends a line.
@@ -47,14 +56,13 @@ void forwardLibraryWarnings() {
         static std::atomic<bool> stalled{false};
         if (data->priority >= ANDROID_LOG_WARN) ParentChannel::send(std::string("log ") + message);
         if (stallOn != nullptr && strstr(message, stallOn) != nullptr && !stalled.exchange(true)) {
-            ParentChannel::send("stalled");
-            ParentChannel::receive(20s);
+            pause("stalled");
         }
     });
 }
 
-// Sub-services named so make the master's callbacks slow, to let the test
-// act while they run.
+// Sub-services named so hold the master's callbacks, to let the test act
+// while they run.
 bool named(const std::string& name, const char* prefix) {
     return name.rfind(prefix, 0) == 0;
 }
@@ -96,10 +104,7 @@ class TestService : public tavrin::IService {
     bool acceptSubService(std::string& name) override { return name.rfind("deny", 0) != 0; }
     // "removed NAME RESULT": the handle still answers, with nothing.
     void onSubServiceRemoved(std::string& name) override {
-        if (named(name, "slowbye")) {
-            ParentChannel::send("removing " + name);
-            std::this_thread::sleep_for(3s);
-        }
+        if (named(name, "holdbye")) pause("removing " + name);
         std::string result = callSubService(name + " bye");
         {
             std::lock_guard<std::mutex> hold(mLock);
@@ -108,10 +113,7 @@ class TestService : public tavrin::IService {
         ParentChannel::send("removed " + name + " " + result);
     }
     void onSubServiceRegistered(std::string& name, tavrin::ISubServiceClient* client) override {
-        if (named(name, "slowreg")) {
-            ParentChannel::send("registering " + name);
-            std::this_thread::sleep_for(1s);
-        }
+        if (named(name, "holdreg")) pause("registering " + name);
         {
             std::lock_guard<std::mutex> hold(mLock);
             mSubServices[name] = client;
@@ -122,10 +124,7 @@ class TestService : public tavrin::IService {
         return name.rfind("noproto", 0) == 0 ? nullptr : &mProtocol;
     }
     tv_sp<IPCClass> getSubServiceConfig(std::string& name) override {
-        if (named(name, "slowconf")) {
-            ParentChannel::send("configuring " + name);
-            std::this_thread::sleep_for(1s);
-        }
+        if (named(name, "holdconf")) pause("configuring " + name);
         return named(name, "noconf") ? tv_sp<IPCClass>(nullptr) : reply("config for " + name);
     }
     tv_sp<IPCClass> onSubServiceAction(IPCClass* action, std::string& name) override {
@@ -259,6 +258,28 @@ tavrin::Protocol msgProtocol() {
     return protocol;
 }
 
+void RecordingNotifier::onNotify(IPCClass& value) {
+    std::lock_guard<std::mutex> hold(mLock);
+    mReceived.insert("note " + textOfValue(&value));
+}
+
+tv_sp<IPCClass> RecordingNotifier::onNotifyEx(IPCClass& value) {
+    std::lock_guard<std::mutex> hold(mLock);
+    mReceived.insert("question " + textOfValue(&value));
+    mAnsweringThread = std::this_thread::get_id();
+    return reply("from " + mName);
+}
+
+std::multiset<std::string> RecordingNotifier::received() {
+    std::lock_guard<std::mutex> hold(mLock);
+    return mReceived;
+}
+
+std::thread::id RecordingNotifier::answeringThread() {
+    std::lock_guard<std::mutex> hold(mLock);
+    return mAnsweringThread;
+}
+
 std::string uniqueName(const std::string& base) {
     static std::atomic<int> counter{0};
     return base + "-" + std::to_string(getpid()) + "-" + std::to_string(++counter);
@@ -290,6 +311,35 @@ std::string clientInfoText(int tag, int objID) {
     return std::to_string(getpid()) + " " + std::to_string(tag) + " " + std::to_string(objID);
 }
 
+std::vector<std::string> linesUntil(tvtest::ChildProcess& child, const std::string& last) {
+    std::vector<std::string> lines;
+    for (std::string line = child.readLine(); line != last; line = child.readLine()) {
+        if (line.empty()) {
+            lines.push_back("no " + last);
+            break;
+        }
+        lines.push_back(line);
+    }
+    return lines;
+}
+
+int waitingIn(const std::string& name) {
+    tavrin_cli::JsonValue status;
+    const bool answered = tavrin_cli::ContextInspector::carrierStatus(
+        android::defaultServiceManager()->checkService(android::String16(name.c_str())), &status);
+    return answered ? static_cast<int>(status["waiting"].number()) : -1;
+}
+
+// A process closes its descriptors of a peer (its pidfd at least) once it
+// has seen the peer die.
+void killSeenBy(tvtest::ChildProcess& child, pid_t watcher) {
+    const size_t descriptors = tvproc::countOpenFds(watcher);
+    child.kill(SIGKILL);
+    child.wait();
+    EXPECT_TRUE(tvproc::waitUntil([&] { return tvproc::countOpenFds(watcher) < descriptors; }, 20s))
+        << "pid " << watcher << " did not see the death of pid " << child.pid();
+}
+
 bool awaitLine(tvtest::ChildProcess& child, const std::string& expected,
                std::chrono::milliseconds timeout) {
     const auto deadline = std::chrono::steady_clock::now() + timeout;
@@ -301,19 +351,6 @@ bool awaitLine(tvtest::ChildProcess& child, const std::string& expected,
         if (line == expected) return true;
         if (line.empty()) return false;
     }
-}
-
-tvtest::ChildProcess startService(const std::string& name, const std::vector<std::string>& more) {
-    std::vector<std::string> args{name};
-    args.insert(args.end(), more.begin(), more.end());
-    return tvtest::ChildProcess("service", args);
-}
-
-tvtest::ChildProcess startSubService(const std::string& name, const std::string& master,
-                                     const std::vector<std::string>& more) {
-    std::vector<std::string> args{name, master};
-    args.insert(args.end(), more.begin(), more.end());
-    return tvtest::ChildProcess("subservice", args);
 }
 
 }  // namespace coupler_test

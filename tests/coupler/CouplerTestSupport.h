@@ -1,20 +1,27 @@
 #pragma once
 
+#include <sys/types.h>
+
 #include <chrono>
+#include <mutex>
+#include <set>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "ChildProcess.h"
 #include "IClient.h"
+#include "IClientNotifier.h"
 #include "IPCString.h"
 #include "ProcSupport.h"
 #include "Protocol.h"
 
 // What the coupler tests and their child processes share: one value class,
-// the services the children run, and ways to read what the children say.
+// the services the children run, and ways to follow what the children do.
 namespace coupler_test {
 
 using namespace std::chrono_literals;
+using tvproc::processNameOf;
 
 // The one value the tests exchange: a text, class name "Msg".
 class Msg : public tavrin::IPCClass {
@@ -37,6 +44,23 @@ class Stranger : public Msg {
 
 tavrin::Protocol msgProtocol();
 
+// A client's notifier: keeps what reaches it ("note TEXT", "question TEXT")
+// and answers questions with "from NAME". Binder threads and the test.
+class RecordingNotifier : public tavrin::IClientNotifier {
+  public:
+    explicit RecordingNotifier(std::string name) : mName(std::move(name)) {}
+    void onNotify(tavrin::IPCClass& value) override;
+    tavrin::tv_sp<tavrin::IPCClass> onNotifyEx(tavrin::IPCClass& value) override;
+    std::multiset<std::string> received();
+    std::thread::id answeringThread();
+
+  private:
+    const std::string mName;
+    std::mutex mLock;
+    std::multiset<std::string> mReceived;
+    std::thread::id mAnsweringThread;
+};
+
 // A service name unique to this test process.
 std::string uniqueName(const std::string& base);
 tavrin::tv_sp<tavrin::IClient> bindService(const std::string& name, int tag);
@@ -52,23 +76,24 @@ std::string clientInfoText(int tag, int objID);
 // Reads the child's lines until one equals `expected`; false after `timeout`.
 bool awaitLine(tvtest::ChildProcess& child, const std::string& expected,
                std::chrono::milliseconds timeout = 20s);
-using tvproc::processNameOf;
+// The child's lines until `last`, which is not among them.
+std::vector<std::string> linesUntil(tvtest::ChildProcess& child, const std::string& last);
+// The binds that wait in the service `name` for a sub-service, as it tells.
+int waitingIn(const std::string& name);
+// Kills `child` and returns once the process `watcher` has seen it die.
+void killSeenBy(tvtest::ChildProcess& child, pid_t watcher);
 
-// Children: a master service "service NAME [MORE_NAMES...]", a sub-service
-// "subservice NAME MASTER [SECOND_NAME]" (published again from its
-// configuration), a client "client SERVICE [SUB_SERVICE TIMEOUT_MS]". Each
-// reports on its pipe: "died PID", "registered NAME", "removed NAME RESULT"
-// (of a call through the handle it had), "released" (the service object),
-// "config TEXT", "published RC", "second RC", "bound"/"unbound", and "log
-// TEXT" for the library's warnings and errors. Sub-services named
-// "slowconf-", "slowreg-" and "slowbye-" make the master's callbacks slow,
-// announced by "configuring NAME", "registering NAME" and "removing NAME".
-// With TVTEST_STALL_ON set, a child stops at the first log line (of any
-// priority) that contains it, says "stalled", and goes on at the test's next
-// line.
-tvtest::ChildProcess startService(const std::string& name,
-                                  const std::vector<std::string>& more = {});
-tvtest::ChildProcess startSubService(const std::string& name, const std::string& master,
-                                     const std::vector<std::string>& more = {});
+// Children (tvtest::ChildProcess roles): a master service "service NAME
+// [MORE_NAMES...]", a sub-service "subservice NAME MASTER [SECOND_NAME]"
+// (published again from its configuration), a client "client SERVICE
+// [SUB_SERVICE TIMEOUT_MS]". Each reports on its channel: "died PID",
+// "registered NAME", "removed NAME RESULT" (of a call through the handle it
+// had), "released" (the service object), "config TEXT", "published RC",
+// "second RC", "bound"/"unbound", and "log TEXT" for the library's warnings
+// and errors. Sub-services named "holdconf-", "holdreg-" and "holdbye-" hold
+// the master's callbacks: it says "configuring NAME", "registering NAME" or
+// "removing NAME" and goes on at the test's next line. With TVTEST_STALL_ON
+// set, a child stops at the first log line (of any priority) that contains
+// it, says "stalled", and goes on at the test's next line.
 
 }  // namespace coupler_test

@@ -7,49 +7,34 @@
 #include <stdlib.h>
 #include <sys/wait.h>
 
-#include <atomic>
 #include <future>
-#include <thread>
 
 #include "CouplerTestSupport.h"
-#include "ProcSupport.h"
-#include "tavrin/LogCapture.h"
+#include "LogCapture.h"
 
 namespace coupler_test {
 namespace {
 
 using tavrin::IClient;
-using tavrin::IPCClass;
 using tavrin::tv_sp;
 using tavrin_test::LogCapture;
 using tavrin_test::LogLine;
 using testing::Contains;
-
-class Answering : public tavrin::IClientNotifier {
-  public:
-    void onNotify(IPCClass&) override { ++mNotes; }
-    tv_sp<IPCClass> onNotifyEx(IPCClass&) override { return tv_sp<IPCClass>(new Msg("client")); }
-    int notes() const { return mNotes.load(); }
-
-  private:
-    std::atomic<int> mNotes{0};
-};
 
 class SubServices : public testing::Test {
   protected:
     void SetUp() override {
         mMasterName = uniqueName("master");
         mSubName = uniqueName("sub");
-        mMaster.reset(new tvtest::ChildProcess(startService(mMasterName)));
+        mMaster.reset(new tvtest::ChildProcess("service", {mMasterName}));
     }
 
-    // Starts the sub-service and waits until the master has recorded it.
-    std::unique_ptr<tvtest::ChildProcess> startSub(const std::vector<std::string>& more = {}) {
+    // Starts the sub-service `name` and waits until the master has recorded it.
+    std::unique_ptr<tvtest::ChildProcess> startSub(const std::string& name) {
         std::unique_ptr<tvtest::ChildProcess> sub(
-            new tvtest::ChildProcess(startSubService(mSubName, mMasterName, more)));
-        EXPECT_TRUE(awaitLine(*sub, "config config for " + mSubName));
+            new tvtest::ChildProcess("subservice", {name, mMasterName}));
         EXPECT_TRUE(awaitLine(*sub, "published 0"));
-        EXPECT_TRUE(awaitLine(*mMaster, "registered " + mSubName));
+        EXPECT_TRUE(awaitLine(*mMaster, "registered " + name));
         return sub;
     }
 
@@ -64,9 +49,9 @@ TEST_F(SubServices, RegisterWithTheMasterAndTalkToClientsAndMasterBothWays) {
     // This bind waits in the master until the sub-service registers.
     auto waiting = std::async(std::launch::async,
                               [&] { return bindSubService(mSubName, mMasterName, 20000, 2); });
-    std::this_thread::sleep_for(200ms);
+    ASSERT_TRUE(tvproc::waitUntil([&] { return waitingIn(mMasterName) == 1; }, 20s));
     const std::string ignored = mSubName + ".second";
-    tvtest::ChildProcess sub = startSubService(mSubName, mMasterName, {ignored});
+    tvtest::ChildProcess sub("subservice", {mSubName, mMasterName, ignored});
     EXPECT_TRUE(awaitLine(sub, "config config for " + mSubName));
     // The process carries one sub-service: a second publish, made from
     // inside the configuration, changes nothing.
@@ -81,24 +66,24 @@ TEST_F(SubServices, RegisterWithTheMasterAndTalkToClientsAndMasterBothWays) {
 
     // Clients of a master and of its sub-services share one sequence of objIDs.
     EXPECT_EQ(call(subClient, "whoami"), "sub " + clientInfoText(2, 2));
-    auto* sink = new Answering();
+    auto* sink = new RecordingNotifier("client");
     tv_sp<tavrin::IClientNotifier> notifier(sink);
     subClient->setNotifier(notifier);
-    EXPECT_EQ(call(subClient, "notify"), "answer client");
-    EXPECT_TRUE(tvproc::waitUntil([&] { return sink->notes() == 1; }, 20s));
+    EXPECT_EQ(call(subClient, "notify"), "answer from client");
+    EXPECT_TRUE(tvproc::waitUntil([&] { return sink->received().count("note note") == 1; }, 20s));
     EXPECT_EQ(call(subClient, "master hello"), "master got hello from " + mSubName);
     EXPECT_EQ(call(serviceClient, "sub " + mSubName + " hi"), "sub got hi");
 
     // A sub-service under a live name is refused; one the master denies or
     // has no Protocol for behaves as the master says.
-    tvtest::ChildProcess duplicate = startSubService(mSubName, mMasterName);
+    tvtest::ChildProcess duplicate("subservice", {mSubName, mMasterName});
     EXPECT_TRUE(awaitLine(duplicate, "log registered fail sub_service[" + mSubName + "] service[" +
                                          mMasterName + "]"));
     EXPECT_TRUE(awaitLine(duplicate, "published -1"));
-    tvtest::ChildProcess denied = startSubService("deny-" + mSubName, mMasterName);
+    tvtest::ChildProcess denied("subservice", {"deny-" + mSubName, mMasterName});
     EXPECT_TRUE(awaitLine(denied, "published -1"));
     EXPECT_NE(processNameOf(denied.pid()), "AnnBdPb");
-    tvtest::ChildProcess unprotocoled = startSubService("noproto-" + mSubName, mMasterName);
+    tvtest::ChildProcess unprotocoled("subservice", {"noproto-" + mSubName, mMasterName});
     EXPECT_TRUE(awaitLine(unprotocoled, "log master servcie is not configured!!!"));
     EXPECT_TRUE(awaitLine(unprotocoled, "published 0"));
     EXPECT_FALSE(bindSubService("noproto-" + mSubName, mMasterName, 0, 3));
@@ -106,7 +91,7 @@ TEST_F(SubServices, RegisterWithTheMasterAndTalkToClientsAndMasterBothWays) {
 }
 
 TEST_F(SubServices, DeathsReachEverySideAndARestartedSubServiceServesNewBinds) {
-    std::unique_ptr<tvtest::ChildProcess> sub = startSub();
+    std::unique_ptr<tvtest::ChildProcess> sub = startSub(mSubName);
     LogCapture log;
     tv_sp<IClient> before = bindSubService(mSubName, mMasterName, 0, 1);
     ASSERT_TRUE(before);
@@ -116,17 +101,8 @@ TEST_F(SubServices, DeathsReachEverySideAndARestartedSubServiceServesNewBinds) {
     sub->wait();
     EXPECT_TRUE(awaitLine(*mMaster, "removed " + mSubName + " null"));
     EXPECT_FALSE(awaitLine(*mMaster, "removed " + mSubName + " null", 300ms));
-    EXPECT_TRUE(tvproc::waitUntil(
-        [&] {
-            for (const LogLine& line : log.lines()) {
-                if (line == LogLine{ANDROID_LOG_WARN, "[Tavrin][ServiceProxy]",
-                                    "sub service removed,service name[" + mSubName + "]"}) {
-                    return true;
-                }
-            }
-            return false;
-        },
-        20s));
+    EXPECT_TRUE(log.await({ANDROID_LOG_WARN, "[Tavrin][ServiceProxy]",
+                           "sub service removed,service name[" + mSubName + "]"}));
     EXPECT_EQ(call(before, "whoami"), "null");
     EXPECT_THAT(log.lines(), Contains(LogLine{ANDROID_LOG_ERROR, "[Tavrin][ServiceProxy]",
                                               "ipc call fail,sub service proxy is null!!!,sub "
@@ -134,7 +110,7 @@ TEST_F(SubServices, DeathsReachEverySideAndARestartedSubServiceServesNewBinds) {
                                                   mSubName + "]"}));
     EXPECT_FALSE(bindSubService(mSubName, mMasterName, 0, 1));
 
-    sub = startSub();
+    sub = startSub(mSubName);
     tv_sp<IClient> after = bindSubService(mSubName, mMasterName, 0, 1);
     ASSERT_TRUE(after);
     EXPECT_EQ(call(after, "whoami"), "sub " + clientInfoText(1, 2));
@@ -150,65 +126,48 @@ TEST_F(SubServices, DeathsReachEverySideAndARestartedSubServiceServesNewBinds) {
     EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == EXIT_FAILURE) << status;
 }
 
-// The master's lines until `last`, which is not among them.
-std::vector<std::string> linesUntil(tvtest::ChildProcess& child, const std::string& last) {
-    std::vector<std::string> lines;
-    for (std::string line = child.readLine(); line != last; line = child.readLine()) {
-        if (line.empty()) {
-            ADD_FAILURE() << "no " << last;
-            break;
-        }
-        lines.push_back(line);
-    }
-    return lines;
-}
-
 TEST_F(SubServices, ASubServiceThatDiesWhileItRegistersIsAnnouncedInOrderOrNotAtAll) {
     tv_sp<IClient> serviceClient = bindService(mMasterName, 1);
     ASSERT_TRUE(serviceClient);
     // Killed while the master makes its configuration: never announced.
-    const std::string unconfigured = uniqueName("slowconf");
-    tvtest::ChildProcess first = startSubService(unconfigured, mMasterName);
+    const std::string unconfigured = uniqueName("holdconf");
+    tvtest::ChildProcess first("subservice", {unconfigured, mMasterName});
     ASSERT_TRUE(awaitLine(*mMaster, "configuring " + unconfigured));
-    first.kill(SIGKILL);
-    first.wait();
+    killSeenBy(first, mMaster->pid());
+    mMaster->writeLine("go");
     // Killed while the master is told of it: told of its removal afterwards,
     // through a handle that still answers.
-    const std::string announced = uniqueName("slowreg");
-    tvtest::ChildProcess second = startSubService(announced, mMasterName);
+    const std::string announced = uniqueName("holdreg");
+    tvtest::ChildProcess second("subservice", {announced, mMasterName});
     ASSERT_TRUE(awaitLine(*mMaster, "registering " + announced));
-    second.kill(SIGKILL);
-    second.wait();
+    killSeenBy(second, mMaster->pid());
+    mMaster->writeLine("go");
     EXPECT_EQ(linesUntil(*mMaster, "removed " + announced + " null"),
               std::vector<std::string>{"registered " + announced});
     EXPECT_EQ(call(serviceClient, "sub " + announced + " hi"), "unregistered");
     EXPECT_EQ(call(serviceClient, "sub " + unconfigured + " hi"), "unregistered");
 }
 
-TEST_F(SubServices, ASlowRemovalHoldsUpNothingButItself) {
-    const std::string slow = uniqueName("slowbye");
-    std::unique_ptr<tvtest::ChildProcess> slowSub(
-        new tvtest::ChildProcess(startSubService(slow, mMasterName)));
-    ASSERT_TRUE(awaitLine(*mMaster, "registered " + slow));
-    std::unique_ptr<tvtest::ChildProcess> other = startSub();
-    slowSub->kill(SIGKILL);
-    slowSub->wait();
-    ASSERT_TRUE(awaitLine(*mMaster, "removing " + slow));
+TEST_F(SubServices, AHeldRemovalHoldsUpNothingButItself) {
+    const std::string held = uniqueName("holdbye");
+    std::unique_ptr<tvtest::ChildProcess> heldSub = startSub(held);
+    std::unique_ptr<tvtest::ChildProcess> other = startSub(mSubName);
+    heldSub->kill(SIGKILL);
+    ASSERT_TRUE(awaitLine(*mMaster, "removing " + held));
+    // While that removal waits, another death is told, and the restarted
+    // sub-service registers; it is announced after the removal.
     other->kill(SIGKILL);
-    other->wait();
-    // Another death is told at once, and the restarted sub-service registers
-    // while the slow removal runs; it is announced after that removal.
-    tvtest::ChildProcess restarted = startSubService(slow, mMasterName);
+    EXPECT_TRUE(linesUntil(*mMaster, "removed " + mSubName + " null").empty());
+    tvtest::ChildProcess restarted("subservice", {held, mMasterName});
     EXPECT_TRUE(awaitLine(restarted, "published 0"));
-    EXPECT_EQ(linesUntil(*mMaster, "removed " + slow + " null"),
-              std::vector<std::string>{"removed " + mSubName + " null"});
-    EXPECT_TRUE(awaitLine(*mMaster, "registered " + slow));
+    mMaster->writeLine("go");
+    EXPECT_EQ(linesUntil(*mMaster, "registered " + held),
+              std::vector<std::string>{"removed " + held + " null"});
 }
 
 TEST_F(SubServices, PublishWithoutARunningMasterFailsAndStartsNothing) {
-    setenv("TAVRIN_GETSERVICE_TIMEOUT_MS", "200", 1);
-    tvtest::ChildProcess orphan = startSubService(mSubName, "absent");
-    unsetenv("TAVRIN_GETSERVICE_TIMEOUT_MS");
+    tvtest::ChildProcess orphan("subservice", {mSubName, "absent"},
+                                {"TAVRIN_GETSERVICE_TIMEOUT_MS=200"});
     EXPECT_TRUE(awaitLine(orphan, "log ServiceManager have no service named [absent]"));
     EXPECT_TRUE(awaitLine(orphan, "published -1"));
     EXPECT_NE(processNameOf(orphan.pid()), "AnnBdPb");

@@ -15,6 +15,7 @@
 #include <thread>
 #include <vector>
 
+#include "ContextInspector.h"
 #include "CouplerTestSupport.h"
 #include "ProcSupport.h"
 
@@ -129,7 +130,7 @@ class Wire : public testing::Test {
     void SetUp() override {
         android::ProcessState::self()->startThreadPool();
         mName = uniqueName("svc");
-        mService.reset(new tvtest::ChildProcess(startService(mName)));
+        mService.reset(new tvtest::ChildProcess("service", {mName}));
         mCarrier = lookUp(mName);
         ASSERT_NE(mCarrier, nullptr);
     }
@@ -239,7 +240,7 @@ TEST_F(Wire, SubServiceRegistryAnswersExactlyAndWakesItsWaiters) {
     };
     auto first = waiter();
     auto second = waiter();
-    std::this_thread::sleep_for(200ms);  // let both wait: the answer is the same if they do not
+    ASSERT_TRUE(tvproc::waitUntil([&] { return waitingIn(mName) == 2; }, 20s));
     expectAnswer(mCarrier, REGISTER_SUB_SERVICE, registration("noconf-early"), ints({0, 0}));
     expectAnswer(mCarrier, REGISTER_SUB_SERVICE, registration("late"), [](Parcel& p) {
         p.writeInt32(0);
@@ -257,13 +258,12 @@ TEST_F(Wire, SubServiceRegistryAnswersExactlyAndWakesItsWaiters) {
 }
 
 TEST_F(Wire, WaitersForSubServicesLeaveEveryServiceOfTheProcessServing) {
-    const std::vector<std::string> names{mName + ".2", mName + ".3"};
-    tvtest::ChildProcess services = startService(mName + ".1", names);
+    const std::vector<std::string> names{mName + ".1", mName + ".2", mName + ".3"};
+    tvtest::ChildProcess services("service", names);
     ASSERT_TRUE(awaitLine(services, "second 0"));
     ASSERT_TRUE(awaitLine(services, "second 0"));
     std::vector<sp<IBinder>> carriers;
-    for (const std::string& name : {mName + ".1", names[0], names[1]})
-        carriers.push_back(lookUp(name));
+    for (const std::string& name : names) carriers.push_back(lookUp(name));
 
     // More waiters than the pool has threads, from this one process.
     constexpr auto kTimeout = 2s;
@@ -280,7 +280,16 @@ TEST_F(Wire, WaitersForSubServicesLeaveEveryServiceOfTheProcessServing) {
                                       std::chrono::steady_clock::now() - start));
         }));
     }
-    std::this_thread::sleep_for(300ms);
+    // Each waits, or was refused.
+    ASSERT_TRUE(tvproc::waitUntil(
+        [&] {
+            int settled = 0;
+            for (const std::string& name : names) settled += waitingIn(name);
+            for (auto& waiter : waiters)
+                settled += waiter.wait_for(0s) == std::future_status::ready;
+            return settled == static_cast<int>(waiters.size());
+        },
+        20s));
     // Every service answers at once, and another process still gets a waiter.
     for (const sp<IBinder>& carrier : carriers) {
         const auto start = std::chrono::steady_clock::now();
@@ -306,14 +315,9 @@ TEST_F(Wire, WaitersForSubServicesLeaveEveryServiceOfTheProcessServing) {
 
 TEST_F(Wire, SubServiceCodesAnswerExactly) {
     const std::string subName = uniqueName("sub");
-    tvtest::ChildProcess subService = startSubService(subName, mName);
+    tvtest::ChildProcess subService("subservice", {subName, mName});
     ASSERT_TRUE(awaitLine(subService, "published 0"));
-    Parcel lookupData, lookupReply;
-    lookupData.writeCString(subName.c_str());
-    lookupData.writeInt32(0);
-    mCarrier->transact(GET_SUB_SERVICE, lookupData, &lookupReply);
-    ASSERT_EQ(lookupReply.readInt32(), 0);
-    sp<IBinder> carrier = lookupReply.readStrongBinder();
+    sp<IBinder> carrier = tavrin_cli::ContextInspector::subService(mCarrier, subName);
     ASSERT_NE(carrier, nullptr);
 
     sp<RawObject> notifier = new RawObject();

@@ -2,7 +2,7 @@
 #include <gtest/gtest.h>
 
 #include "Log/AutoTrace.h"
-#include "tavrin/LogCapture.h"
+#include "LogCapture.h"
 
 namespace {
 

@@ -4,7 +4,7 @@
 #include "Announcer.h"
 #include "Discoverer.h"
 #include "core/CouplerRegistry.h"
-#include "tavrin/LogCapture.h"
+#include "LogCapture.h"
 
 namespace {
 
@@ -176,7 +176,7 @@ TEST_F(Facades, ForwardTheCallersArgumentsAndDropTheirCouplerReference) {
     EXPECT_EQ(announcer->lastService, &subService);
     EXPECT_EQ(announcer->lastMasterProtocol, &masterProtocol);
     EXPECT_EQ(createAnnouncer().useCount(), 2);
-    EXPECT_THAT(log.linesTagged("[Tavrin]["), ElementsAre());
+    for (const LogLine& line : log.lines()) EXPECT_EQ(line.tag, "[Tavrin]") << line;
 }
 
 }  // namespace

@@ -5,7 +5,7 @@
 
 #include "IPCInt32.h"
 #include "protocol/UniversalSerialization.h"
-#include "tavrin/LogCapture.h"
+#include "LogCapture.h"
 #include "tavrin/ParcelBytes.h"
 
 namespace {

@@ -15,7 +15,7 @@
 #include "IPCUIntArray.h"
 #include "protocol/Deserialization_Binder.h"
 #include "protocol/Serialization_Binder.h"
-#include "tavrin/LogCapture.h"
+#include "LogCapture.h"
 #include "tavrin/ParcelBytes.h"
 
 namespace {
