@@ -1,10 +1,12 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <tuple>
+
 #include "Announcer.h"
 #include "Discoverer.h"
-#include "core/CouplerRegistry.h"
 #include "LogCapture.h"
+#include "core/CouplerRegistry.h"
 
 namespace {
 
@@ -19,7 +21,6 @@ using tavrin::SubServiceInfo;
 using tavrin::tv_sp;
 using tavrin_test::LogCapture;
 using tavrin_test::LogLine;
-using testing::ElementsAre;
 
 constexpr const char* kTestCoupler = "TestCoupler";
 
@@ -31,42 +32,32 @@ class FakeClient : public IClient {
     int setNotifier(tv_sp<tavrin::IClientNotifier>&) override { return 0; }
 };
 
-// Records the last call the facades forwarded to it.
+// Notes the last call the facades forwarded to it: the info, the protocol,
+// the numbers, the service and the master's protocol it was given.
 class FakeCoupler : public tavrin::IDiscoverer, public tavrin::IAnnouncer {
   public:
+    using Call = std::tuple<const void*, const Protocol*, int, const void*, const Protocol*>;
+
     tv_sp<IClient> bindTo(ServiceInfo& info, Protocol& protocol, int tag) override {
-        record(&info, &protocol, tag);
+        last = {&info, &protocol, tag, nullptr, nullptr};
         return client;
     }
     tv_sp<IClient> bindTo(SubServiceInfo& info, Protocol& protocol, int timeout, int tag) override {
-        record(&info, &protocol, tag + timeout);
+        last = {&info, &protocol, tag + timeout, nullptr, nullptr};
         return client;
     }
     int publish(ServiceInfo& info, Protocol& protocol, tv_sp<IService>& service) override {
-        record(&info, &protocol, 0, &service);
+        last = {&info, &protocol, 0, &service, nullptr};
         return -1;
     }
     int publish(SubServiceInfo& info, Protocol& clientProtocol, Protocol& masterProtocol,
                 tv_sp<ISubService>& subService) override {
-        record(&info, &clientProtocol, 0, &subService, &masterProtocol);
+        last = {&info, &clientProtocol, 0, &subService, &masterProtocol};
         return -1;
     }
 
-    void record(const void* info, Protocol* protocol, int number, const void* service = nullptr,
-                Protocol* masterProtocol = nullptr) {
-        lastInfo = info;
-        lastProtocol = protocol;
-        lastNumber = number;
-        lastService = service;
-        lastMasterProtocol = masterProtocol;
-    }
-
     tv_sp<IClient> client{new FakeClient()};
-    const void* lastInfo = nullptr;
-    Protocol* lastProtocol = nullptr;
-    int lastNumber = 0;
-    const void* lastService = nullptr;
-    Protocol* lastMasterProtocol = nullptr;
+    Call last;
 };
 
 // Like a real coupler: one object per interface and process, held by a static.
@@ -94,25 +85,11 @@ TEST(CouplerRegistry, FirstRegistrationWinsAndNamesMatchExactly) {
     EXPECT_EQ(tavrin::findAnnouncerFactory(""), nullptr);
 }
 
-// The lines of two facade calls that found no coupler: each one's error
-// between its entry and exit traces.
-std::vector<LogLine> failedCalls(const char* operation, const std::string& firstError,
-                                 const std::string& secondError) {
-    const std::string facade = operation == std::string("bindTo") ? "Discoverer" : "Announcer";
-    const LogLine in{ANDROID_LOG_VERBOSE, "[Tavrin]",
-                     "[" + facade + "][" + operation + "] [-IN-]\n"};
-    const LogLine out{ANDROID_LOG_VERBOSE, "[Tavrin]",
-                      "[" + facade + "][" + operation + "] [-OUT-]\n"};
-    const std::string tag = "[Tavrin][" + facade + "]";
-    return {in, {ANDROID_LOG_ERROR, tag, firstError},  out,
-            in, {ANDROID_LOG_ERROR, tag, secondError}, out};
-}
-
 class Facades : public testing::Test {
   protected:
     void SetUp() override {
         tavrin::registerCoupler(kTestCoupler, {createAnnouncer, createDiscoverer});
-        // Built before capturing, so that only the call under test writes lines.
+        // Built before capturing, so that only the calls under test write lines.
         Discoverer::self();
         Announcer::self();
         log.clear();
@@ -122,59 +99,66 @@ class Facades : public testing::Test {
     LogCapture log;
 };
 
-TEST_F(Facades, BindWithUnknownIpcFailsWithErrorThenExitTrace) {
+// The lines of a facade call that found no coupler: its error between its
+// entry and exit traces.
+std::vector<LogLine> failedCall(const std::string& facade, const std::string& operation,
+                                const std::string& error) {
+    const std::string trace = "[" + facade + "][" + operation + "] ";
+    return {{ANDROID_LOG_VERBOSE, "[Tavrin]", trace + "[-IN-]\n"},
+            {ANDROID_LOG_ERROR, "[Tavrin][" + facade + "]", error},
+            {ANDROID_LOG_VERBOSE, "[Tavrin]", trace + "[-OUT-]\n"}};
+}
+
+TEST_F(Facades, CallsForAnUnknownIpcFailWithAnErrorBetweenTheirTraces) {
     ServiceInfo info("media.player", "binder");
     tv_sp<IClient> client = Discoverer::self().bindTo(info, protocol, 3);
     EXPECT_TRUE(client.isNull());
     EXPECT_EQ(client.useCount(), 1);
-    SubServiceInfo subInfo("tuner", "media.player", "");
-    EXPECT_TRUE(Discoverer::self().bindTo(subInfo, protocol, 500, 3).isNull());
-    EXPECT_EQ(log.lines(),
-              failedCalls("bindTo",
-                          "bind service fail,cann't find coupler,ipc[binder] service[media.player]",
-                          "bind subservice fail,cann't find coupler,ipc[] subservice[tuner] "
-                          "service[media.player]"));
-}
-
-TEST_F(Facades, PublishWithUnknownIpcLogsErrorAndStillReturnsZero) {
-    ServiceInfo info("media.player", "binder");
-    tv_sp<IService> service;
-    EXPECT_EQ(Announcer::self().publish(info, protocol, service), 0);
-    SubServiceInfo subInfo("tuner", "media.player", "");
-    tv_sp<ISubService> subService;
-    EXPECT_EQ(Announcer::self().publish(subInfo, protocol, protocol, subService), 0);
     EXPECT_EQ(
         log.lines(),
-        failedCalls("publish", "publish fail,cann't find coupler,ipc[binder] service[media.player]",
-                    "publish fail,cann't find coupler,ipc[] service[tuner]"));
+        failedCall("Discoverer", "bindTo",
+                   "bind service fail,cann't find coupler,ipc[binder] service[media.player]"));
+    log.clear();
+    SubServiceInfo subInfo("tuner", "media.player", "");
+    EXPECT_TRUE(Discoverer::self().bindTo(subInfo, protocol, 500, 3).isNull());
+    EXPECT_EQ(log.lines(), failedCall("Discoverer", "bindTo",
+                                      "bind subservice fail,cann't find coupler,ipc[] "
+                                      "subservice[tuner] service[media.player]"));
+    log.clear();
+    // A publish that found no coupler still returns 0.
+    tv_sp<IService> service;
+    EXPECT_EQ(Announcer::self().publish(info, protocol, service), 0);
+    EXPECT_EQ(log.lines(),
+              failedCall("Announcer", "publish",
+                         "publish fail,cann't find coupler,ipc[binder] service[media.player]"));
+    log.clear();
+    tv_sp<ISubService> subService;
+    EXPECT_EQ(Announcer::self().publish(subInfo, protocol, protocol, subService), 0);
+    EXPECT_EQ(log.lines(), failedCall("Announcer", "publish",
+                                      "publish fail,cann't find coupler,ipc[] service[tuner]"));
 }
 
 TEST_F(Facades, ForwardTheCallersArgumentsAndDropTheirCouplerReference) {
     auto* discoverer = static_cast<FakeCoupler*>(createDiscoverer().get());
     ServiceInfo info("media.player", kTestCoupler);
     EXPECT_EQ(Discoverer::self().bindTo(info, protocol, 42).get(), discoverer->client.get());
-    EXPECT_EQ(discoverer->lastInfo, &info);
-    EXPECT_EQ(discoverer->lastProtocol, &protocol);
-    EXPECT_EQ(discoverer->lastNumber, 42);
+    EXPECT_EQ(discoverer->last, FakeCoupler::Call(&info, &protocol, 42, nullptr, nullptr));
     SubServiceInfo subInfo("tuner", "media.player", kTestCoupler);
     EXPECT_EQ(Discoverer::self().bindTo(subInfo, protocol, 1500, 7).get(),
               discoverer->client.get());
-    EXPECT_EQ(discoverer->lastInfo, &subInfo);
-    EXPECT_EQ(discoverer->lastNumber, 1507);
+    EXPECT_EQ(discoverer->last, FakeCoupler::Call(&subInfo, &protocol, 1507, nullptr, nullptr));
     // The facade released its copy: only the static and this temporary remain.
     EXPECT_EQ(createDiscoverer().useCount(), 2);
 
     auto* announcer = static_cast<FakeCoupler*>(createAnnouncer().get());
     tv_sp<IService> service;
     EXPECT_EQ(Announcer::self().publish(info, protocol, service), 0);
-    EXPECT_EQ(announcer->lastInfo, &info);
-    EXPECT_EQ(announcer->lastService, &service);
+    EXPECT_EQ(announcer->last, FakeCoupler::Call(&info, &protocol, 0, &service, nullptr));
     tv_sp<ISubService> subService;
     Protocol masterProtocol;
     EXPECT_EQ(Announcer::self().publish(subInfo, protocol, masterProtocol, subService), 0);
-    EXPECT_EQ(announcer->lastInfo, &subInfo);
-    EXPECT_EQ(announcer->lastService, &subService);
-    EXPECT_EQ(announcer->lastMasterProtocol, &masterProtocol);
+    EXPECT_EQ(announcer->last,
+              FakeCoupler::Call(&subInfo, &protocol, 0, &subService, &masterProtocol));
     EXPECT_EQ(createAnnouncer().useCount(), 2);
     for (const LogLine& line : log.lines()) EXPECT_EQ(line.tag, "[Tavrin]") << line;
 }

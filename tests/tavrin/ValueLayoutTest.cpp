@@ -1,7 +1,11 @@
+// The wire form of values: each value class through the Parcel binding, and
+// values of any class in universal form (class name, then the value).
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
+
+#include <memory>
 
 #include "IPCBool.h"
 #include "IPCBoolArray.h"
@@ -13,34 +17,62 @@
 #include "IPCString.h"
 #include "IPCUCharArray.h"
 #include "IPCUIntArray.h"
+#include "LogCapture.h"
 #include "protocol/Deserialization_Binder.h"
 #include "protocol/Serialization_Binder.h"
-#include "LogCapture.h"
-#include "tavrin/ParcelBytes.h"
+#include "protocol/UniversalSerialization.h"
 
 namespace {
 
+using tavrin::IPCClass;
 using tavrin_binder::Deserialization_Binder;
 using tavrin_binder::Serialization_Binder;
-using tavrin_test::Bytes;
-using tavrin_test::concat;
+using tavrin_binder::UniversalSerialization;
 using tavrin_test::LogCapture;
 using tavrin_test::LogLine;
-using tavrin_test::words;
 using testing::AllOf;
+using testing::ElementsAre;
 using testing::HasSubstr;
+using Bytes = std::vector<uint8_t>;
+
+// Little-endian int32 words, as the Parcel lays them out on this machine.
+Bytes words(std::initializer_list<int32_t> values) {
+    Bytes out;
+    for (int32_t value : values) {
+        for (int shift = 0; shift < 32; shift += 8) {
+            out.push_back((static_cast<uint32_t>(value) >> shift) & 0xff);
+        }
+    }
+    return out;
+}
+
+Bytes concat(std::initializer_list<Bytes> parts) {
+    Bytes out;
+    for (const Bytes& part : parts) out.insert(out.end(), part.begin(), part.end());
+    return out;
+}
+
+Bytes bytesOf(const android::Parcel& parcel) {
+    return Bytes(parcel.data(), parcel.data() + parcel.dataSize());
+}
+
+// A Parcel holding exactly `content`, positioned at its start.
+void fill(android::Parcel& parcel, const Bytes& content) {
+    parcel.write(content.data(), content.size());
+    parcel.setDataPosition(0);
+}
 
 Bytes serialised(tavrin::IPCBasicClass& value) {
     android::Parcel parcel;
     Serialization_Binder writer(&parcel);
     value.serialization(writer);
-    return tavrin_test::bytesOf(parcel);
+    return bytesOf(parcel);
 }
 
 // Reads `value` from a message holding `content`; returns the bytes consumed.
 size_t readFrom(const Bytes& content, tavrin::IPCBasicClass& value) {
     android::Parcel parcel;
-    tavrin_test::fill(parcel, content);
+    fill(parcel, content);
     Deserialization_Binder reader(&parcel);
     value.deserialization(reader);
     return parcel.dataPosition();
@@ -71,15 +103,6 @@ TEST(ScalarValues, HaveTheirWireLayoutsAndRoundTrip) {
     EXPECT_EQ(serialised(boolBack), words({1}));
 }
 
-TEST(StringValue, IsACStringPaddedToAWordAndAMissingOneChangesNothing) {
-    tavrin::IPCString four("abcd"), back("previous, longer content");
-    expectWire(four, {'a', 'b', 'c', 'd', 0, 0, 0, 0}, back);
-    EXPECT_EQ(back.get(), "abcd");
-    EXPECT_EQ(readFrom({}, back), 0u);
-    EXPECT_EQ(readFrom({'x', 'y', 'z', 'w'}, back), 0u);  // no NUL: not a string
-    EXPECT_EQ(back.get(), "abcd");
-}
-
 // A writer whose strings never fit.
 class FullWriter : public tavrin::Serialization {
   public:
@@ -92,7 +115,14 @@ class FullWriter : public tavrin::Serialization {
     int writeDupFileDescriptor(int) override { return 0; }
 };
 
-TEST(StringValue, FailedWriteIsWarnedWithoutATag) {
+TEST(StringValue, IsACStringPaddedToAWordAndNeitherAMissingOneNorAFailedWriteChangesAnything) {
+    tavrin::IPCString four("abcd"), back("previous, longer content");
+    expectWire(four, {'a', 'b', 'c', 'd', 0, 0, 0, 0}, back);
+    EXPECT_EQ(back.get(), "abcd");
+    EXPECT_EQ(readFrom({}, back), 0u);
+    EXPECT_EQ(readFrom({'x', 'y', 'z', 'w'}, back), 0u);  // no NUL: not a string
+    EXPECT_EQ(back.get(), "abcd");
+
     LogCapture log;
     FullWriter writer;
     tavrin::IPCString("lost").serialization(writer);
@@ -100,7 +130,7 @@ TEST(StringValue, FailedWriteIsWarnedWithoutATag) {
     ASSERT_EQ(lines.size(), 1u);
     EXPECT_EQ(lines[0].priority, ANDROID_LOG_WARN);
     EXPECT_EQ(lines[0].message, "writeCString fail.");
-    EXPECT_EQ(lines[0].tag.find("[Tavrin]"), std::string::npos);
+    EXPECT_EQ(lines[0].tag.find("[Tavrin]"), std::string::npos);  // no tag of the library's
 }
 
 TEST(FileDescriptorValue, ReceivedDescriptorOutlivesTheMessageAndTheValue) {
@@ -164,13 +194,12 @@ TEST(ArrayValues, HaveTheirWireLayoutsAndRoundTrip) {
     EXPECT_EQ(&intArray[3], &intArray[0]);
     EXPECT_EQ(&intArray[7], &intArray[0]);
     EXPECT_EQ(&intArray[2], intArray.base() + 2);
-}
 
-TEST(ArrayValues, CountsOfZeroOrLessCarryNoBody) {
-    tavrin::IPCIntArray empty, back;
-    expectWire(empty, words({0}), back);
-    EXPECT_EQ(back.size(), 0);
-    EXPECT_EQ(back.base(), nullptr);
+    // Counts of zero or less carry no body.
+    tavrin::IPCIntArray empty, emptyBack;
+    expectWire(empty, words({0}), emptyBack);
+    EXPECT_EQ(emptyBack.size(), 0);
+    EXPECT_EQ(emptyBack.base(), nullptr);
     tavrin::IPCUCharArray negative;
     EXPECT_EQ(readFrom(words({-5, 99}), negative), 4u);
     EXPECT_EQ(negative.size(), -5);
@@ -251,6 +280,89 @@ TEST(ArrayPreconditionsDeathTest, BrokenPreconditionsStopTheProcess) {
     bytes.init(one, 1);
     EXPECT_DEATH(bytes[-1], HasSubstr(report(
                                 "unsigned char& tavrin::IPCUCharArray::operator[](int)", "i>=0")));
+}
+
+// An application message: a number, and a float as an application writes one.
+class Foo : public IPCClass {
+  public:
+    std::string getClassName() override { return "Foo"; }
+    void serialization(tavrin::Serialization& out) override {
+        number.serialization(out);
+        out.writeFloat(fraction);
+    }
+    void deserialization(tavrin::Deserialization& in) override {
+        number.deserialization(in);
+        fraction = in.readFloat();
+    }
+
+    tavrin::IPCInt32 number;
+    float fraction = 0;
+};
+
+TEST(UniversalSerialization, ValuesTravelAsClassNameThenBodyAndReadBackInOrder) {
+    Foo first;
+    first.number.set(-3);
+    first.fraction = 1.5f;
+    Foo second;
+    second.number.set(12);
+    android::Parcel parcel;
+    UniversalSerialization::writeValue(first, parcel);
+    UniversalSerialization::writeValue(second, parcel);
+    const Bytes foo = {'F', 'o', 'o', 0};
+    EXPECT_EQ(bytesOf(parcel), concat({foo, words({-3, 0x3fc00000}), foo, words({12, 0})}));
+
+    tavrin::Protocol protocol;
+    protocol.add<Foo>("Foo");
+    parcel.setDataPosition(0);
+    for (const Foo* expected : {&first, &second}) {
+        std::unique_ptr<IPCClass> back(UniversalSerialization::readValue(protocol, parcel));
+        const Foo* read = dynamic_cast<Foo*>(back.get());
+        ASSERT_NE(read, nullptr);
+        EXPECT_EQ(read->number.get(), expected->number.get());
+        EXPECT_EQ(read->fraction, expected->fraction);
+    }
+    EXPECT_EQ(UniversalSerialization::readValue(protocol, parcel), nullptr);
+
+    parcel.setDataSize(0);
+    UniversalSerialization::writeRecord(tavrin::ClientInfo{1234, 5, 1}, parcel);
+    EXPECT_EQ(bytesOf(parcel), words({1234, 5, 1}));
+    parcel.setDataPosition(0);
+    tavrin::ClientInfo record;
+    UniversalSerialization::readRecord(record, parcel);
+    EXPECT_EQ(record, (tavrin::ClientInfo{1234, 5, 1}));
+}
+
+TEST(UniversalSerialization, AMessageWithoutAClassTheProtocolCanMakeYieldsNothing) {
+    tavrin::Protocol known;
+    known.add<Foo>("Foo");
+    tavrin::Protocol wrongCase;
+    wrongCase.add<Foo>("foo");
+    tavrin::Protocol failing;
+    failing.addCreator("Foo", []() -> void* { return nullptr; });
+    const Bytes message = concat({{'F', 'o', 'o', 0}, words({7, 0})});
+    const struct {
+        tavrin::Protocol* protocol;
+        Bytes message;
+        const char* warning;  // none when null
+    } cases[] = {
+        {&wrongCase, message, "deserialization ipcclass fail,class name[Foo]"},
+        {&failing, message, "creator returned nothing,class name[Foo]"},
+        {&known, {}, nullptr},
+        {&known, {'F', 'o', 'o', 'x'}, nullptr},
+    };
+    for (const auto& one : cases) {
+        android::Parcel parcel;
+        fill(parcel, one.message);
+        LogCapture log;
+        EXPECT_EQ(UniversalSerialization::readValue(*one.protocol, parcel), nullptr);
+        if (one.warning == nullptr) {
+            EXPECT_THAT(log.lines(), ElementsAre());
+        } else {
+            EXPECT_THAT(log.lines(),
+                        ElementsAre(LogLine{ANDROID_LOG_WARN, "[Tavrin][UniversalSerialization]",
+                                            one.warning}));
+        }
+    }
 }
 
 }  // namespace
