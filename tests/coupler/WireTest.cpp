@@ -12,7 +12,6 @@
 #include <functional>
 #include <future>
 #include <mutex>
-#include <thread>
 #include <vector>
 
 #include "ContextInspector.h"
@@ -27,7 +26,6 @@ using android::Parcel;
 using android::sp;
 using android::status_t;
 using Bytes = std::vector<uint8_t>;
-using Fill = std::function<void(Parcel&)>;
 
 // The carriers' codes, as a peer knows them.
 enum : uint32_t {
@@ -40,33 +38,35 @@ enum : uint32_t {
     MASTER_IPC_CALL = 6,
 };
 
+// One item of a message: an int32, a C string or an object. A value in its
+// universal form is two C strings: its class name, then the Msg's text.
+class Item {
+  public:
+    Item(int32_t number) : mWrite([=](Parcel& p) { p.writeInt32(number); }) {}
+    Item(const char* text) : Item(std::string(text)) {}
+    Item(const std::string& text) : mWrite([=](Parcel& p) { p.writeCString(text.c_str()); }) {}
+    template <typename T>
+    Item(const sp<T>& object) : mWrite([=](Parcel& p) { p.writeStrongBinder(object); }) {}
+    void writeTo(Parcel& parcel) const { mWrite(parcel); }
+
+  private:
+    std::function<void(Parcel&)> mWrite;
+};
+using Message = std::vector<Item>;
+
 Bytes bytesOf(const Parcel& parcel) {
     return Bytes(parcel.data(), parcel.data() + parcel.dataSize());
 }
 
-Bytes layout(const Fill& fill) {
+Bytes layout(const Message& message) {
     Parcel parcel;
-    fill(parcel);
+    for (const Item& item : message) item.writeTo(parcel);
     return bytesOf(parcel);
 }
 
-// A value in its universal form: class name, then the Msg's one string.
-void writeMsg(Parcel& parcel, const char* text, const char* className = "Msg") {
-    parcel.writeCString(className);
-    parcel.writeCString(text);
-}
-
-Fill ints(std::vector<int32_t> values) {
-    return [values](Parcel& parcel) {
-        for (int32_t value : values) parcel.writeInt32(value);
-    };
-}
-
-Fill result(const std::string& text) {
-    return [text](Parcel& parcel) {
-        parcel.writeInt32(1);
-        writeMsg(parcel, text.c_str());
-    };
+// A result holding a Msg.
+Message result(const std::string& text) {
+    return {1, "Msg", text};
 }
 
 struct Answer {
@@ -74,22 +74,20 @@ struct Answer {
     Bytes bytes;
 };
 
-Answer ask(const sp<IBinder>& binder, uint32_t code, const Fill& fill) {
+Answer ask(const sp<IBinder>& binder, uint32_t code, const Message& request) {
     Parcel data;
     Parcel reply;
-    fill(data);
+    for (const Item& item : request) item.writeTo(data);
     const status_t status = binder->transact(code, data, &reply);
     return {status, bytesOf(reply)};
 }
 
-void expectAnswer(const sp<IBinder>& binder, uint32_t code, const Fill& request,
-                  const Fill& expected) {
+void expectAnswer(const sp<IBinder>& binder, uint32_t code, const Message& request,
+                  const Message& expected) {
     const Answer answer = ask(binder, code, request);
     EXPECT_EQ(answer.status, android::NO_ERROR) << "code " << code;
     EXPECT_EQ(answer.bytes, layout(expected)) << "code " << code;
 }
-
-const Fill kNothing = [](Parcel&) {};
 
 // A notifier or sub-service object of this process: keeps what it receives
 // and answers synchronous requests with a fixed result.
@@ -112,7 +110,9 @@ class RawObject : public android::BBinder {
             std::lock_guard<std::mutex> hold(mLock);
             mReceived.push_back({code, flags, bytesOf(data)});
         }
-        if ((flags & FLAG_ONEWAY) == 0 && reply != nullptr) result("raw answer")(*reply);
+        if ((flags & FLAG_ONEWAY) == 0 && reply != nullptr) {
+            for (const Item& item : result("raw answer")) item.writeTo(*reply);
+        }
         return android::NO_ERROR;
     }
 
@@ -125,6 +125,11 @@ sp<IBinder> lookUp(const std::string& name) {
     return android::defaultServiceManager()->getService(android::String16(name.c_str()));
 }
 
+// A call from this process as client (tag 5, objID 3) with a value.
+Message callWith(const char* text, const char* className = "Msg") {
+    return {getpid(), 5, 3, className, text};
+}
+
 class Wire : public testing::Test {
   protected:
     void SetUp() override {
@@ -135,15 +140,6 @@ class Wire : public testing::Test {
         ASSERT_NE(mCarrier, nullptr);
     }
 
-    Fill record(int32_t tag, int32_t objID) { return ints({getpid(), tag, objID}); }
-    Fill callWith(const char* text, const char* className = "Msg") {
-        Fill clientInfo = record(5, 3);
-        return [=](Parcel& parcel) {
-            clientInfo(parcel);
-            writeMsg(parcel, text, className);
-        };
-    }
-
     std::string mName;
     std::unique_ptr<tvtest::ChildProcess> mService;
     sp<IBinder> mCarrier;
@@ -151,9 +147,8 @@ class Wire : public testing::Test {
 
 TEST_F(Wire, ServiceCodesAnswerExactlyAndNotificationsHaveTheirLayout) {
     sp<RawObject> notifier = new RawObject();
-    expectAnswer(
-        mCarrier, ADD_NOTIFIER, [&](Parcel& p) { p.writeStrongBinder(notifier); }, ints({0}));
-    expectAnswer(mCarrier, ADD_NOTIFIER, kNothing, ints({-1}));
+    expectAnswer(mCarrier, ADD_NOTIFIER, {notifier}, {0});
+    expectAnswer(mCarrier, ADD_NOTIFIER, {}, {-1});
 
     // From inside the call the service notifies one-way, then asks.
     expectAnswer(mCarrier, IPC_CALL, callWith("notify"), result("answer raw answer"));
@@ -161,98 +156,57 @@ TEST_F(Wire, ServiceCodesAnswerExactlyAndNotificationsHaveTheirLayout) {
     for (const RawObject::Received& notification : notifier->received()) {
         const bool oneWay = (notification.flags & IBinder::FLAG_ONEWAY) != 0;
         EXPECT_EQ(notification.code, 0u);
-        EXPECT_EQ(notification.bytes, layout([&](Parcel& p) {
-                      record(5, 3)(p);
-                      p.writeInt32(oneWay ? 0 : 1);
-                      writeMsg(p, oneWay ? "note" : "ask");
-                  }));
+        EXPECT_EQ(notification.bytes,
+                  layout({getpid(), 5, 3, oneWay ? 0 : 1, "Msg", oneWay ? "note" : "ask"}));
     }
-    expectAnswer(mCarrier, IPC_CALL, callWith("nothing"), ints({0}));
-    expectAnswer(mCarrier, IPC_CALL, callWith("x", "Stranger"), kNothing);
-    expectAnswer(mCarrier, IPC_CALL, kNothing, kNothing);
-    expectAnswer(mCarrier, REMOVE_NOTIFIER, kNothing, ints({0}));
-    expectAnswer(mCarrier, REMOVE_NOTIFIER, kNothing, ints({0}));
+    expectAnswer(mCarrier, IPC_CALL, callWith("nothing"), {0});
+    expectAnswer(mCarrier, IPC_CALL, callWith("x", "Stranger"), {});
+    expectAnswer(mCarrier, IPC_CALL, {}, {});
+    expectAnswer(mCarrier, REMOVE_NOTIFIER, {}, {0});
+    expectAnswer(mCarrier, REMOVE_NOTIFIER, {}, {0});
     // Unknown codes get the platform's default handling.
-    EXPECT_EQ(ask(mCarrier, 6, kNothing).status, android::UNKNOWN_TRANSACTION);
-    EXPECT_EQ(ask(mCarrier, IBinder::INTERFACE_TRANSACTION, kNothing).status, android::NO_ERROR);
+    EXPECT_EQ(ask(mCarrier, 6, {}).status, android::UNKNOWN_TRANSACTION);
+    EXPECT_EQ(ask(mCarrier, IBinder::INTERFACE_TRANSACTION, {}).status, android::NO_ERROR);
 }
 
 TEST_F(Wire, SubServiceRegistryAnswersExactlyAndWakesItsWaiters) {
-    sp<RawObject> subService = new RawObject();
-    auto registration = [&](const char* name, bool withBinder = true) {
-        return [=](Parcel& p) {
-            p.writeCString(name);
-            if (withBinder) p.writeStrongBinder(subService);
-        };
-    };
-    auto lookup = [](const char* name, int32_t timeout) {
-        return [=](Parcel& p) {
-            p.writeCString(name);
-            p.writeInt32(timeout);
-        };
-    };
-    expectAnswer(mCarrier, REGISTER_SUB_SERVICE, kNothing, kNothing);
-    expectAnswer(mCarrier, REGISTER_SUB_SERVICE, registration("deny-a"), ints({-1}));
-    expectAnswer(mCarrier, REGISTER_SUB_SERVICE, registration("b", false), ints({-1}));
-    expectAnswer(mCarrier, REGISTER_SUB_SERVICE, registration("noproto-c"), kNothing);
-    expectAnswer(mCarrier, REGISTER_SUB_SERVICE, registration("noconf-d"), ints({0, 0}));
-    expectAnswer(mCarrier, REGISTER_SUB_SERVICE, registration("e"), [](Parcel& p) {
-        p.writeInt32(0);
-        result("config for e")(p);
-    });
+    sp<RawObject> sub = new RawObject();
+    expectAnswer(mCarrier, REGISTER_SUB_SERVICE, {}, {});
+    expectAnswer(mCarrier, REGISTER_SUB_SERVICE, {"deny-a", sub}, {-1});
+    expectAnswer(mCarrier, REGISTER_SUB_SERVICE, {"b"}, {-1});
+    expectAnswer(mCarrier, REGISTER_SUB_SERVICE, {"noproto-c", sub}, {});
+    expectAnswer(mCarrier, REGISTER_SUB_SERVICE, {"noconf-d", sub}, {0, 0});
+    expectAnswer(mCarrier, REGISTER_SUB_SERVICE, {"e", sub}, {0, 1, "Msg", "config for e"});
     // A live sub-service keeps its name.
-    expectAnswer(mCarrier, REGISTER_SUB_SERVICE, registration("e"), ints({-1}));
+    expectAnswer(mCarrier, REGISTER_SUB_SERVICE, {"e", sub}, {-1});
     EXPECT_TRUE(awaitLine(*mService, "registered e"));
 
-    expectAnswer(mCarrier, GET_SUB_SERVICE, kNothing, kNothing);
-    expectAnswer(mCarrier, GET_SUB_SERVICE, lookup("f", 0), ints({-1}));
-    expectAnswer(mCarrier, GET_SUB_SERVICE, lookup("f", -1), ints({-1}));
-    expectAnswer(mCarrier, GET_SUB_SERVICE, lookup("e", -1), [&](Parcel& p) {
-        p.writeInt32(0);
-        p.writeStrongBinder(subService);
-    });
-    expectAnswer(mCarrier, SUB_SERVICE_IPC_CALL, kNothing, kNothing);
-    expectAnswer(
-        mCarrier, SUB_SERVICE_IPC_CALL, [](Parcel& p) { p.writeCString("f"); }, ints({0}));
-    expectAnswer(
-        mCarrier, SUB_SERVICE_IPC_CALL,
-        [](Parcel& p) {
-            p.writeCString("e");
-            writeMsg(p, "x");
-        },
-        result("master got x from e"));
-    expectAnswer(
-        mCarrier, SUB_SERVICE_IPC_CALL,
-        [](Parcel& p) {
-            p.writeCString("e");
-            writeMsg(p, "x", "Stranger");
-        },
-        ints({0}));
+    expectAnswer(mCarrier, GET_SUB_SERVICE, {}, {});
+    expectAnswer(mCarrier, GET_SUB_SERVICE, {"f", 0}, {-1});
+    expectAnswer(mCarrier, GET_SUB_SERVICE, {"f", -1}, {-1});
+    expectAnswer(mCarrier, GET_SUB_SERVICE, {"e", -1}, {0, sub});
+    expectAnswer(mCarrier, SUB_SERVICE_IPC_CALL, {}, {});
+    expectAnswer(mCarrier, SUB_SERVICE_IPC_CALL, {"f"}, {0});
+    expectAnswer(mCarrier, SUB_SERVICE_IPC_CALL, {"e", "Msg", "x"}, result("master got x from e"));
+    expectAnswer(mCarrier, SUB_SERVICE_IPC_CALL, {"e", "Stranger", "x"}, {0});
 
     // Two waiters for one name are both answered by its registration, long
     // before their time-out; a registration of another name wakes them too.
     auto waiter = [&] {
         return std::async(std::launch::async, [&] {
             const auto start = std::chrono::steady_clock::now();
-            Answer answer = ask(mCarrier, GET_SUB_SERVICE, lookup("late", 20000));
+            Answer answer = ask(mCarrier, GET_SUB_SERVICE, {"late", 20000});
             return std::make_pair(answer.bytes, std::chrono::steady_clock::now() - start);
         });
     };
     auto first = waiter();
     auto second = waiter();
     ASSERT_TRUE(tvproc::waitUntil([&] { return waitingIn(mName) == 2; }, 20s));
-    expectAnswer(mCarrier, REGISTER_SUB_SERVICE, registration("noconf-early"), ints({0, 0}));
-    expectAnswer(mCarrier, REGISTER_SUB_SERVICE, registration("late"), [](Parcel& p) {
-        p.writeInt32(0);
-        result("config for late")(p);
-    });
-    const Bytes found = layout([&](Parcel& p) {
-        p.writeInt32(0);
-        p.writeStrongBinder(subService);
-    });
+    expectAnswer(mCarrier, REGISTER_SUB_SERVICE, {"noconf-early", sub}, {0, 0});
+    expectAnswer(mCarrier, REGISTER_SUB_SERVICE, {"late", sub}, {0, 1, "Msg", "config for late"});
     for (auto* pending : {&first, &second}) {
         auto [bytes, waited] = pending->get();
-        EXPECT_EQ(bytes, found);
+        EXPECT_EQ(bytes, layout({0, sub}));
         EXPECT_LT(waited, std::chrono::seconds(10));
     }
 }
@@ -266,15 +220,13 @@ TEST_F(Wire, WaitersForSubServicesLeaveEveryServiceOfTheProcessServing) {
     for (const std::string& name : names) carriers.push_back(lookUp(name));
 
     // More waiters than the pool has threads, from this one process.
-    constexpr auto kTimeout = 2s;
+    constexpr std::chrono::milliseconds kTimeout = 2s;
     std::vector<std::future<std::pair<Bytes, std::chrono::milliseconds>>> waiters;
     for (int i = 0; i < 21; ++i) {
         waiters.push_back(std::async(std::launch::async, [&, i] {
             const auto start = std::chrono::steady_clock::now();
-            Answer answer = ask(carriers[i % 3], GET_SUB_SERVICE, [&](Parcel& p) {
-                p.writeCString("never");
-                p.writeInt32(std::chrono::milliseconds(kTimeout).count());
-            });
+            Answer answer = ask(carriers[i % 3], GET_SUB_SERVICE,
+                                {"never", static_cast<int32_t>(kTimeout.count())});
             return std::make_pair(answer.bytes,
                                   std::chrono::duration_cast<std::chrono::milliseconds>(
                                       std::chrono::steady_clock::now() - start));
@@ -304,7 +256,7 @@ TEST_F(Wire, WaitersForSubServicesLeaveEveryServiceOfTheProcessServing) {
     int refused = 0;
     for (auto& waiter : waiters) {
         auto [bytes, waited] = waiter.get();
-        EXPECT_EQ(bytes, layout(ints({-1})));
+        EXPECT_EQ(bytes, layout({-1}));
         EXPECT_LT(waited, kTimeout + 1s);
         refused += waited < kTimeout;
     }
@@ -321,19 +273,17 @@ TEST_F(Wire, SubServiceCodesAnswerExactly) {
     ASSERT_NE(carrier, nullptr);
 
     sp<RawObject> notifier = new RawObject();
-    expectAnswer(
-        carrier, ADD_NOTIFIER, [&](Parcel& p) { p.writeStrongBinder(notifier); }, ints({0}));
-    expectAnswer(carrier, ADD_NOTIFIER, kNothing, ints({-1}));
+    expectAnswer(carrier, ADD_NOTIFIER, {notifier}, {0});
+    expectAnswer(carrier, ADD_NOTIFIER, {}, {-1});
     expectAnswer(carrier, IPC_CALL, callWith("whoami"),
                  result("sub " + std::to_string(getpid()) + " 5 3"));
     expectAnswer(carrier, IPC_CALL, callWith("notify"), result("answer raw answer"));
-    expectAnswer(carrier, IPC_CALL, callWith("x", "Stranger"), kNothing);
-    expectAnswer(
-        carrier, MASTER_IPC_CALL, [](Parcel& p) { writeMsg(p, "m"); }, result("sub got m"));
-    expectAnswer(carrier, MASTER_IPC_CALL, kNothing, kNothing);
+    expectAnswer(carrier, IPC_CALL, callWith("x", "Stranger"), {});
+    expectAnswer(carrier, MASTER_IPC_CALL, {"Msg", "m"}, result("sub got m"));
+    expectAnswer(carrier, MASTER_IPC_CALL, {}, {});
     for (uint32_t code :
          {REMOVE_NOTIFIER, GET_SUB_SERVICE, SUB_SERVICE_IPC_CALL, REGISTER_SUB_SERVICE}) {
-        EXPECT_EQ(ask(carrier, code, kNothing).status, android::UNKNOWN_TRANSACTION);
+        EXPECT_EQ(ask(carrier, code, {}).status, android::UNKNOWN_TRANSACTION);
     }
 }
 
