@@ -29,13 +29,8 @@ int ServiceManagerDaemon::list(const std::string& context, std::string* out) {
     return lister.finish();
 }
 
-// Read once: a test points $TAVRIN_SERVICEMANAGER elsewhere for its children
-// once its own daemon serves.
 std::string ServiceManagerDaemon::path() {
-    static const std::string path = [] {
-        const char* configured = getenv("TAVRIN_SERVICEMANAGER");
-        if (configured != nullptr && configured[0] != '\0') return std::string(configured);
-        return tvproc::besideThisProgram("tavrin-servicemanager");
-    }();
-    return path;
+    const char* configured = getenv("TAVRIN_SERVICEMANAGER");
+    if (configured != nullptr && configured[0] != '\0') return configured;
+    return tvproc::besideThisProgram("tavrin-servicemanager");
 }
