@@ -10,19 +10,8 @@
 #include "TestService.h"
 #include "TestSupport.h"
 
-using android::BBinder;
-using android::DEAD_OBJECT;
-using android::IBinder;
-using android::INVALID_OPERATION;
-using android::NAME_NOT_FOUND;
-using android::NO_ERROR;
-using android::sp;
-using android::status_t;
-using android::wp;
-using tvtest::CountingRecipient;
-using tvtest::currentTid;
-using tvtest::ServedChild;
-using tvtest::waitUntil;
+using namespace android;
+using namespace tvtest;
 
 namespace {
 

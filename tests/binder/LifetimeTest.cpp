@@ -15,30 +15,10 @@
 #include "TestService.h"
 #include "TestSupport.h"
 
-using android::BBinder;
-using android::IBinder;
-using android::NO_ERROR;
-using android::Parcel;
-using android::sp;
-using android::status_t;
-using android::wp;
-using tvtest::callInt;
-using tvtest::ChildProcess;
-using tvtest::heldCall;
-using tvtest::sendObject;
-using tvtest::ServedChild;
-using tvtest::TestService;
-using tvtest::waitUntil;
+using namespace android;
+using namespace tvtest;
 
 namespace {
-
-class Echo : public BBinder {
-  protected:
-    status_t onTransact(uint32_t code, const Parcel& data, Parcel* reply, uint32_t flags) override {
-        if (code != TestService::ECHO) return BBinder::onTransact(code, data, reply, flags);
-        return reply->writeInt32(data.readInt32());
-    }
-};
 
 size_t objectsHeldByOthers() {
     return android::tvbinder::Runtime::current()->exports().heldCount();
@@ -47,7 +27,7 @@ size_t objectsHeldByOthers() {
 // Gives `service` an object of this process to hold; the object can be
 // watched but this process keeps no strong reference of its own.
 wp<IBinder> handOver(const sp<IBinder>& service, uint32_t flags = 0) {
-    sp<IBinder> object = new Echo();
+    sp<IBinder> object = new Recorder();
     wp<IBinder> watch = object;
     EXPECT_EQ(NO_ERROR, sendObject(service, TestService::HOLD, object, flags));
     return watch;
@@ -155,7 +135,7 @@ TVTEST_CHILD_ROLE(client) {
     android::ProcessState::self()->startThreadPool();
     sp<IBinder> service = tvtest::lookup(args[0]);
     if (service == nullptr || callInt(service, TestService::ECHO, 1) != 1) return 3;
-    if (sendObject(service, TestService::HOLD, new Echo()) != NO_ERROR) return 4;
+    if (sendObject(service, TestService::HOLD, new Recorder()) != NO_ERROR) return 4;
     tvtest::ParentChannel::send("done");
     tvtest::ParentChannel::receive(std::chrono::seconds(60));
     return 0;

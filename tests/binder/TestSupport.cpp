@@ -91,6 +91,13 @@ sp<IBinder> lookup(const std::string& name, std::chrono::milliseconds timeout) {
     return found;
 }
 
+status_t Recorder::onTransact(uint32_t code, const Parcel& data, Parcel* reply, uint32_t flags) {
+    if (code != TestService::ECHO) return BBinder::onTransact(code, data, reply, flags);
+    lastTid = currentTid();
+    lastCallingPid = android::IPCThreadState::self()->getCallingPid();
+    return reply->writeInt32(data.readInt32());
+}
+
 int currentTid() {
     return static_cast<int>(syscall(SYS_gettid));
 }

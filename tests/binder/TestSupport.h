@@ -61,6 +61,17 @@ class CountingRecipient : public android::IBinder::DeathRecipient {
     std::atomic<bool>* mDestroyed;
 };
 
+// A local object that answers ECHO and notes who ran it and for whom.
+class Recorder : public android::BBinder {
+  public:
+    std::atomic<int> lastTid{0};
+    std::atomic<int> lastCallingPid{0};
+
+  protected:
+    android::status_t onTransact(uint32_t code, const android::Parcel& data, android::Parcel* reply,
+                                 uint32_t flags) override;
+};
+
 // Threads of the transport's pool (named "tvbinder:<n>").
 size_t countPoolThreads(pid_t pid);
 

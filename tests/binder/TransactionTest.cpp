@@ -27,26 +27,12 @@ using android::String16;
 using android::UNKNOWN_TRANSACTION;
 using tvtest::callInt;
 using tvtest::currentTid;
+using tvtest::Recorder;
 using tvtest::sendObject;
 using tvtest::ServedChild;
 using tvtest::TestService;
 
 namespace {
-
-// A local object that answers ECHO and notes who ran it and for whom.
-class Recorder : public BBinder {
-  public:
-    std::atomic<int> lastTid{0};
-    std::atomic<int> lastCallingPid{0};
-
-  protected:
-    status_t onTransact(uint32_t code, const Parcel& data, Parcel* reply, uint32_t flags) override {
-        if (code != TestService::ECHO) return BBinder::onTransact(code, data, reply, flags);
-        lastTid = currentTid();
-        lastCallingPid = IPCThreadState::self()->getCallingPid();
-        return reply->writeInt32(data.readInt32());
-    }
-};
 
 TEST(BinderCalls, SynchronousCallsRunInTheOwnerAndReturnItsReply) {
     ServedChild child;
