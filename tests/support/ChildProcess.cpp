@@ -10,8 +10,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <map>
+#include <set>
 
 #include "ProcSupport.h"
 
@@ -138,17 +138,14 @@ void ChildProcess::spawn(std::vector<std::string> argv, int channelFd, bool with
     posix_spawn_file_actions_adddup2(&actions, channel[1], channelFd);
     if (withErrors) posix_spawn_file_actions_adddup2(&actions, errors[1], STDERR_FILENO);
     std::vector<std::string> variables;
-    for (char** variable = environ; *variable != nullptr; ++variable) {
-        bool replaced = false;
-        for (const std::string& given : environment) {
-            const size_t nameLength = std::min(given.find('='), given.size());
-            replaced |= strncmp(*variable, given.c_str(), nameLength) == 0 &&
-                        (*variable)[nameLength] == '=';
-        }
-        if (!replaced) variables.push_back(*variable);
+    std::set<std::string> changed;
+    for (const std::string& change : environment) {
+        changed.insert(change.substr(0, change.find('=')));
+        if (change.find('=') != std::string::npos) variables.push_back(change);
     }
-    for (const std::string& given : environment) {
-        if (given.find('=') != std::string::npos) variables.push_back(given);
+    for (char** variable = environ; *variable != nullptr; ++variable) {
+        const std::string text = *variable;
+        if (changed.count(text.substr(0, text.find('='))) == 0) variables.push_back(text);
     }
     if (posix_spawn(&mPid, argv[0].c_str(), &actions, nullptr, pointersTo(argv).data(),
                     pointersTo(variables).data()) != 0) {

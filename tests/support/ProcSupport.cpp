@@ -86,19 +86,6 @@ bool readFully(int fd, void* data, size_t size) {
     return true;
 }
 
-bool readFullyWithin(int fd, void* data, size_t size, std::chrono::milliseconds timeout) {
-    const auto deadline = Clock::now() + timeout;
-    char* bytes = static_cast<char*>(data);
-    while (size > 0) {
-        if (!readableBefore(fd, deadline)) return false;
-        const ssize_t got = readRetrying(fd, bytes, size);
-        if (got <= 0) return false;
-        bytes += got;
-        size -= static_cast<size_t>(got);
-    }
-    return true;
-}
-
 bool readSomeWithin(int fd, std::string* pending, std::chrono::milliseconds timeout) {
     if (!readableBefore(fd, Clock::now() + timeout)) return false;
     char buffer[256];

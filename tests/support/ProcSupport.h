@@ -24,8 +24,6 @@ void killAndReap(pid_t pid);
 // Exact-size transfers; false on end of file or error.
 bool writeFully(int fd, const void* data, size_t size);
 bool readFully(int fd, void* data, size_t size);
-// Like readFully, but also false when the bytes do not arrive within `timeout`.
-bool readFullyWithin(int fd, void* data, size_t size, std::chrono::milliseconds timeout);
 // Appends what one read brings to `pending`; false on timeout, end of file or error.
 bool readSomeWithin(int fd, std::string* pending, std::chrono::milliseconds timeout);
 

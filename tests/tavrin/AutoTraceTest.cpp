@@ -45,17 +45,13 @@ TEST(AutoTrace, TimedDurationSubtractsFieldByFieldWithoutBorrow) {
                                                  "duration[1s][-800000us]\n"}));
 }
 
-class AutoTraceDeathTest : public testing::Test {
-  protected:
-    static std::string report(const char* argument, int line) {
-        return std::string("../Log/AutoTrace:") + std::to_string(line) +
-               ": AutoTrace::AutoTrace(const char*, const char*, const char*, bool): "
-               "Assertion `" +
-               argument + "' failed.";
-    }
-};
+std::string report(const char* argument, int line) {
+    return std::string("../Log/AutoTrace:") + std::to_string(line) +
+           ": AutoTrace::AutoTrace(const char*, const char*, const char*, bool): Assertion `" +
+           argument + "' failed.";
+}
 
-TEST_F(AutoTraceDeathTest, NullArgumentsAreProgrammingErrors) {
+TEST(AutoTraceDeathTest, NullArgumentsAreProgrammingErrors) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     EXPECT_DEATH(AutoTrace(nullptr, "F", "f", false), HasSubstr(report("tag", 16)));
     EXPECT_DEATH(AutoTrace("[T]", nullptr, "f", false), HasSubstr(report("file", 17)));

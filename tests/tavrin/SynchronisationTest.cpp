@@ -91,31 +91,27 @@ class SemaphoreClockPath : public testing::Test {
     Semaphore semaphore;
 };
 
-TEST_F(SemaphoreClockPath, RecentLibcWaitsOnTheMonotonicClock) {
+TEST_F(SemaphoreClockPath, FollowsTheLibcVersionAndAFailedClockReadWaitsNot) {
+    // A recent libc waits on the monotonic clock...
     FakeLibc::reset("2.34");
     EXPECT_TRUE(semaphore.timedWait(2));
     EXPECT_EQ(FakeLibc::clocksRead, std::vector<clockid_t>{CLOCK_MONOTONIC});
     EXPECT_EQ(FakeLibc::waits, std::vector<clockid_t>{CLOCK_MONOTONIC});
     EXPECT_EQ(FakeLibc::deadline.tv_sec, 701);
     EXPECT_EQ(FakeLibc::deadline.tv_nsec, 1000000);
-}
-
-TEST_F(SemaphoreClockPath, OlderLibcWaitsAgainstTheWallClock) {
+    // ...an older one against the wall clock.
     FakeLibc::reset("2.100");
     EXPECT_FALSE(semaphore.timedWait(1000));
     EXPECT_EQ(FakeLibc::clocksRead, std::vector<clockid_t>{CLOCK_REALTIME});
     EXPECT_EQ(FakeLibc::waits, std::vector<clockid_t>{FakeLibc::kPlainTimedWait});
     EXPECT_EQ(FakeLibc::deadline.tv_sec, 1600000001);
     EXPECT_EQ(FakeLibc::deadline.tv_nsec, 5);
-}
-
-TEST_F(SemaphoreClockPath, FailedClockReadFailsWithoutWaiting) {
     FakeLibc::reset("2.36", -1);
     EXPECT_FALSE(semaphore.timedWait(5));
     EXPECT_TRUE(FakeLibc::waits.empty());
 }
 
-TEST(Semaphore, TakesWhatWasPostedAndNothingMore) {
+TEST(Semaphore, TakesWhatWasPostedAndNothingMoreAndAPostFromAnotherThreadEndsAWait) {
     Semaphore semaphore(1);
     EXPECT_TRUE(semaphore.wait());
     EXPECT_FALSE(semaphore.timedWait(0));
@@ -123,9 +119,7 @@ TEST(Semaphore, TakesWhatWasPostedAndNothingMore) {
     EXPECT_TRUE(semaphore.timedWait(0));
     EXPECT_FALSE(semaphore.timedWait(0));
     EXPECT_FALSE(semaphore.timedWait(-5));
-}
 
-TEST(Semaphore, PostFromAnotherThreadEndsATimedWait) {
     constexpr int kBoundMs = 30000;  // generous: a post ends the wait long before
     Semaphore request;
     Semaphore answer;
