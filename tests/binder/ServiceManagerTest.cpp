@@ -5,12 +5,10 @@
 #include <binder/IServiceManager.h>
 #include <binder/Parcel.h>
 #include <binder/ProcessState.h>
-#include <dirent.h>
 #include <errno.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/prctl.h>
@@ -451,22 +449,20 @@ TEST_F(ServiceManagerTest, AForkedChildUsesItWithoutExec) {
     EXPECT_EQ("0 tag forked", forker.readLine(60s));
 }
 
-std::vector<pid_t> childrenOf(pid_t parent) {
+// The children of `parent`; with `servingDaemons`, only daemons serving or
+// starting (those that exited wait to be reaped).
+std::vector<pid_t> childrenOf(pid_t parent, bool servingDaemons = false) {
     std::vector<pid_t> children;
-    DIR* proc = opendir("/proc");
-    if (proc == nullptr) return children;
-    while (const dirent* entry = readdir(proc)) {
-        const pid_t pid = static_cast<pid_t>(atoi(entry->d_name));
-        FILE* stat =
-            pid > 0 ? fopen(("/proc/" + std::to_string(pid) + "/stat").c_str(), "re") : nullptr;
-        if (stat == nullptr) continue;
-        pid_t ppid = 0;
-        if (fscanf(stat, "%*d (%*[^)]) %*c %d", &ppid) == 1 && ppid == parent) {
+    tvproc::countEntries("/proc", [&](int, const char* entry) {
+        std::ifstream stat(std::string("/proc/") + entry + "/stat");
+        pid_t pid = 0, ppid = 0;
+        std::string name, state;
+        if (stat >> pid >> name >> state >> ppid && ppid == parent &&
+            (!servingDaemons || (name == "(servicemanager)" && state != "Z"))) {
             children.push_back(pid);
         }
-        fclose(stat);
-    }
-    closedir(proc);
+        return false;
+    });
     return children;
 }
 
@@ -588,18 +584,6 @@ std::string registrationsListed(const std::string& context) {
     return kept;
 }
 
-// Daemons serving or starting; those that exited wait to be reaped.
-size_t adoptedDaemons() {
-    size_t count = 0;
-    for (pid_t child : childrenOf(getpid())) {
-        std::ifstream stat("/proc/" + std::to_string(child) + "/stat");
-        std::string pid, name, state;
-        stat >> pid >> name >> state;
-        count += name == "(servicemanager)" && state != "Z";
-    }
-    return count;
-}
-
 TEST_F(ServiceManagerTest, RegistrationsOutliveTheirDaemon) {
     // The successor is started on demand, as outside tests.
     mEnvironment = environmentFor(mContext, nullptr);
@@ -624,7 +608,7 @@ TEST_F(ServiceManagerTest, RegistrationsOutliveTheirDaemon) {
     ASSERT_EQ(statusLine(NO_ERROR), ask(owner, "add sm.late four"));
     EXPECT_EQ("tag four", waiter.readLine(30s));
     // Of the daemons that the survivors started, one serves and the others left.
-    EXPECT_TRUE(tvtest::waitUntil([] { return adoptedDaemons() == 1; }, 10s));
+    EXPECT_TRUE(tvtest::waitUntil([] { return childrenOf(getpid(), true).size() == 1; }, 10s));
 }
 
 }  // namespace
