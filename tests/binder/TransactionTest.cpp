@@ -7,7 +7,6 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <thread>
 #include <vector>
 
@@ -15,7 +14,6 @@
 #include "TestService.h"
 #include "TestSupport.h"
 
-using android::BBinder;
 using android::DEAD_OBJECT;
 using android::IBinder;
 using android::IPCThreadState;

@@ -4,6 +4,7 @@
 #include <signal.h>
 #include <spawn.h>
 #include <stdio.h>
+#include <stdlib.h>
 #include <string.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
@@ -74,8 +75,10 @@ std::string Channel::receiveAll(std::chrono::milliseconds timeout) {
 
 std::optional<int64_t> Channel::receiveValue(std::chrono::milliseconds timeout) {
     const std::string line = receive(timeout);
-    if (line.empty()) return std::nullopt;
-    return std::stoll(line);
+    char* end = nullptr;
+    const long long value = strtoll(line.c_str(), &end, 10);
+    if (line.empty() || *end != '\0') return std::nullopt;
+    return value;
 }
 
 bool Channel::readable(std::chrono::milliseconds timeout) const {
