@@ -166,23 +166,18 @@ size_t residentKib(pid_t pid) {
 }
 
 PeakWatch::PeakWatch(pid_t pid)
-    : mPid(pid), mSampler([this] {
+    : mSampler([this, pid] {
           while (!mStopped) {
-              sample();
+              mDescriptors = std::max<size_t>(mDescriptors,
+                                              countEntries("/proc/" + std::to_string(pid) + "/fd"));
+              mResidentKib = std::max(mResidentKib.load(), tvproc::residentKib(pid));
               std::this_thread::sleep_for(std::chrono::milliseconds(20));
           }
       }) {}
 
-void PeakWatch::sample() {
-    mDescriptors =
-        std::max<size_t>(mDescriptors, countEntries("/proc/" + std::to_string(mPid) + "/fd"));
-    mResidentKib = std::max(mResidentKib.load(), tvproc::residentKib(mPid));
-}
-
 void PeakWatch::stop() {
-    if (mStopped.exchange(true)) return;
-    mSampler.join();
-    sample();
+    mStopped = true;
+    if (mSampler.joinable()) mSampler.join();
 }
 
 }  // namespace tvproc

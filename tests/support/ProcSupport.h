@@ -55,15 +55,11 @@ class PeakWatch {
     PeakWatch(const PeakWatch&) = delete;
     PeakWatch& operator=(const PeakWatch&) = delete;
 
-    // Takes a last sample, then stops.
     void stop();
     size_t descriptors() const { return mDescriptors; }
     size_t residentKib() const { return mResidentKib; }
 
   private:
-    void sample();
-
-    const pid_t mPid;
     std::atomic<bool> mStopped{false};
     std::atomic<size_t> mDescriptors{0};
     std::atomic<size_t> mResidentKib{0};
