@@ -8,9 +8,9 @@
 #include <sys/mman.h>
 #include <sys/socket.h>
 
-#include "Connection.h"
 #include "FuzzFormats.h"
 #include "FuzzSupport.h"
+#include "wire/Connection.h"
 
 namespace {
 

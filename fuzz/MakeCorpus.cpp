@@ -7,13 +7,13 @@
 
 #include <string>
 
-#include "Frame.h"
 #include "FuzzFormats.h"
 #include "FuzzSupport.h"
 #include "FuzzValues.h"
 #include "coupler/binder/service/ServiceCarrierCode.h"
 #include "coupler/binder/sub-service/SubServiceCarrierCode.h"
 #include "protocol/UniversalSerialization.h"
+#include "wire/Frame.h"
 
 namespace {
 

@@ -4,10 +4,10 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include "Runtime.h"
 #include "ServedChild.h"
 #include "TestService.h"
 #include "TestSupport.h"
+#include "runtime/Runtime.h"
 
 using android::IBinder;
 using android::sp;

@@ -22,14 +22,14 @@
 #include <vector>
 
 #include "ChildProcess.h"
-#include "FlatObject.h"
-#include "Frame.h"
 #include "RawPeer.h"
-#include "Runtime.h"
 #include "ServedChild.h"
-#include "SocketDirectory.h"
 #include "TestService.h"
 #include "TestSupport.h"
+#include "runtime/Runtime.h"
+#include "wire/FlatObject.h"
+#include "wire/Frame.h"
+#include "wire/SocketDirectory.h"
 
 using android::IBinder;
 using android::tvbinder::endpointAddress;

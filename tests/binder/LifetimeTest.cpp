@@ -11,10 +11,10 @@
 #include <thread>
 
 #include "ChildProcess.h"
-#include "Runtime.h"
 #include "ServedChild.h"
 #include "TestService.h"
 #include "TestSupport.h"
+#include "runtime/Runtime.h"
 
 using android::BBinder;
 using android::IBinder;

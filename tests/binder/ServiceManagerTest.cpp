@@ -28,8 +28,8 @@
 #include <vector>
 
 #include "ChildProcess.h"
-#include "SocketDirectory.h"
 #include "TestSupport.h"
+#include "wire/SocketDirectory.h"
 
 using android::defaultServiceManager;
 using android::IBinder;
