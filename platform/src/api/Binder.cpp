@@ -38,8 +38,9 @@ BBinder::BBinder() = default;
 
 BBinder::~BBinder() {
     if (tvbinder::Runtime* runtime = tvbinder::Runtime::current()) {
-        tvbinder::Token token;
-        if (runtime->exports().forget(this, &token)) runtime->oneWays().forget(token);
+        if (const std::optional<tvbinder::Token> token = runtime->exports().forget(this)) {
+            runtime->oneWays().forget(*token);
+        }
     }
 }
 

@@ -4,6 +4,7 @@
 #include <binder/Parcel.h>
 #include <log/log.h>
 
+#include "base/Locks.h"
 #include "peers/Peer.h"
 #include "references/ProxyTable.h"
 #include "runtime/Runtime.h"
@@ -66,7 +67,10 @@ status_t BpBinder::transact(uint32_t code, const Parcel& data, Parcel* reply, ui
         if (reply != nullptr) reply->freeData();
         return DEAD_OBJECT;
     }
-    status_t status = mOwner->runtime().dispatcher().transact(*this, code, data, reply, flags);
+    // A live owner of this process's making: its runtime is the current one.
+    status_t status = mOwner->ofThisProcess() ? tvbinder::Runtime::current()->caller().transact(
+                                                    *this, code, data, reply, flags)
+                                              : DEAD_OBJECT;
     if (status == DEAD_OBJECT && mOwner->isDead()) mDead.store(true, std::memory_order_release);
     if (status != NO_ERROR && reply != nullptr && (flags & FLAG_ONEWAY) == 0) reply->freeData();
     return status;
@@ -83,7 +87,7 @@ status_t BpBinder::linkToDeath(const sp<DeathRecipient>& recipient, void* cookie
     if (status == NO_ERROR && !mOwner->isDead()) return NO_ERROR;
     if (status == DEAD_OBJECT || mOwner->isDead()) {
         // A proxy of an owner that is already gone gets its notice at once.
-        mOwner->runtime().deliverObituaries(this);
+        if (mOwner->ofThisProcess()) tvbinder::Runtime::current()->obituaries().deliverLater(this);
         return NO_ERROR;
     }
     unlinkToDeath(recipient, cookie, flags);
@@ -130,7 +134,9 @@ void BpBinder::sendObituary() {
     const wp<IBinder> who(this);
     for (const Obituary& obituary : obituaries) {
         sp<DeathRecipient> recipient = obituary.recipient.promote();
-        if (recipient != nullptr) recipient->binderDied(who);
+        if (recipient == nullptr) continue;
+        tvbinder::HeldLocks::expectNone("binderDied");
+        recipient->binderDied(who);
     }
 }
 
@@ -139,17 +145,17 @@ bool BpBinder::onIncStrongAttempted(uint32_t /*flags*/, const void* /*id*/) {
 }
 
 void BpBinder::onLastStrongRef(const void* /*id*/) {
-    tvbinder::Runtime& runtime = mOwner->runtime();
-    if (!runtime.isCurrent()) return;  // a forked child does not speak for its parent
+    // A forked child does not speak for its parent.
+    if (!mOwner->ofThisProcess()) return;
     bool awaitsDeath;
     {
         std::lock_guard<std::mutex> guard(mLock);
         awaitsDeath = !mObituariesSent && !mObituaries.empty();
     }
-    uint32_t granted = 0;
-    if (!runtime.proxies().retire(this, awaitsDeath, &granted)) return;
-    if (granted > 0) {
-        runtime.dispatcher().sendRelease(mOwner, tvbinder::Token{mTokenHi, mTokenLo}, granted);
+    const std::optional<uint32_t> granted =
+        tvbinder::Runtime::current()->proxies().retire(this, awaitsDeath);
+    if (granted.value_or(0) > 0 && !mOwner->isDead()) {
+        mOwner->link().sendRelease(tvbinder::Token{mTokenHi, mTokenLo}, *granted);
     }
 }
 

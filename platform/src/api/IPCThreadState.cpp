@@ -4,10 +4,8 @@
 #include <pthread.h>
 #include <unistd.h>
 
-#include "calls/ChainRegistry.h"
-#include "peers/Peer.h"
+#include "calls/ThreadCalls.h"
 #include "runtime/Runtime.h"
-#include "wire/Connection.h"
 
 namespace android {
 
@@ -39,9 +37,7 @@ IPCThreadState* IPCThreadState::selfOrNull() {
 
 IPCThreadState::IPCThreadState() = default;
 
-IPCThreadState::~IPCThreadState() {
-    delete mMailbox;
-}
+IPCThreadState::~IPCThreadState() = default;
 
 void IPCThreadState::destroy(void* state) {
     delete static_cast<IPCThreadState*>(state);
@@ -51,34 +47,28 @@ sp<ProcessState> IPCThreadState::process() {
     return ProcessState::self();
 }
 
+// The calling identity is the thread's, not this object's: an
+// IPCThreadState is only the platform's way to ask for it.
 pid_t IPCThreadState::getCallingPid() const {
-    return mCallingPid != 0 ? mCallingPid : getpid();
+    const pid_t caller = tvbinder::ThreadCalls::self().callingPid();
+    return caller != 0 ? caller : getpid();
 }
 
 uid_t IPCThreadState::getCallingUid() const {
-    return mCallingPid != 0 ? mCallingUid : getuid();
+    const tvbinder::ThreadCalls& thread = tvbinder::ThreadCalls::self();
+    return thread.callingPid() != 0 ? thread.callingUid() : getuid();
 }
 
 int IPCThreadState::dupCallingPidFd() const {
-    // The innermost connection served is the caller's only when the call
-    // being executed is that synchronous one, not a one-way within it.
-    if (mServing.empty() || mCallingPid == 0) return -1;
-    const tvbinder::Connection& connection = *mServing.back().first;
-    if (connection.peerPid() != mCallingPid || connection.peer() == nullptr) return -1;
-    return connection.peer()->dupPidfd();
+    return tvbinder::ThreadCalls::self().dupCallingPidfd();
 }
 
 int64_t IPCThreadState::clearCallingIdentity() {
-    const int64_t token =
-        (int64_t{static_cast<int32_t>(mCallingUid)} << 32) | static_cast<uint32_t>(mCallingPid);
-    mCallingPid = 0;
-    mCallingUid = 0;
-    return token;
+    return tvbinder::ThreadCalls::self().clearCallingIdentity();
 }
 
 void IPCThreadState::restoreCallingIdentity(int64_t token) {
-    mCallingUid = static_cast<uid_t>(static_cast<uint64_t>(token) >> 32);
-    mCallingPid = static_cast<pid_t>(static_cast<uint32_t>(token));
+    tvbinder::ThreadCalls::self().restoreCallingIdentity(token);
 }
 
 void IPCThreadState::joinThreadPool(bool isMain) {
@@ -88,7 +78,7 @@ void IPCThreadState::joinThreadPool(bool isMain) {
 void IPCThreadState::flushCommands() {}
 
 void IPCThreadState::setTheContextObject(const sp<BBinder>& object) {
-    ProcessState::self()->runtime().setContextObject(object);
+    ProcessState::self()->runtime().contextManager().setObject(object);
 }
 
 }  // namespace android

@@ -1,5 +1,6 @@
 #include <binder/IBinder.h>
 #include <binder/Parcel.h>
+#include <binder/ProcessState.h>
 #include <fcntl.h>
 #include <stdlib.h>
 #include <string.h>
@@ -8,6 +9,7 @@
 #include <algorithm>
 #include <limits>
 
+#include "runtime/Runtime.h"
 #include "wire/FlatObject.h"
 
 namespace android {
@@ -233,7 +235,7 @@ status_t Parcel::writeStrongBinder(const sp<IBinder>& val) {
     tvbinder::FlatObject rec{};
     rec.type = tvbinder::FlatObject::kTypeBinder;
     if (val == nullptr) return write(&rec, sizeof(rec));
-    status_t err = tvbinder::flattenBinder(val, &rec);
+    status_t err = ProcessState::self()->runtime().objects().flatten(val, &rec);
     if (err != NO_ERROR) return err;
     Object object;
     object.binder = val;

@@ -7,8 +7,10 @@
 #include <sys/prctl.h>
 #include <unistd.h>
 
+#include <condition_variable>
 #include <mutex>
 
+#include "base/Locks.h"
 #include "base/TransportFds.h"
 #include "runtime/Runtime.h"
 
@@ -16,33 +18,43 @@ namespace android {
 
 namespace {
 
-std::mutex& processLock() {
-    static auto* lock = new std::mutex;  // usable until the very end of the process
-    return *lock;
+// The process's one ProcessState, made on first use.
+struct Singleton {
+    // Held across fork(), with the descriptor registry's.
+    tvbinder::Mutex lock{tvbinder::LockRank::kProcess};
+    // Making the runtime binds its endpoint under the socket directory's
+    // lock, which other processes take too: it is made without ours, and
+    // other threads wait for it here.
+    std::condition_variable_any made;
+    sp<ProcessState> process TV_GUARDED_BY(lock);
+    bool making TV_GUARDED_BY(lock) = false;
+};
+
+Singleton& singleton() {
+    static auto* one = new Singleton;  // usable until the very end of the process
+    return *one;
 }
 
-sp<ProcessState>& processSingleton() {
-    static auto* process = new sp<ProcessState>;
-    return *process;
-}
-
-void lockForFork() {
-    processLock().lock();
+// The three fork handlers take the locks in one and release them in another.
+void lockForFork() TV_NO_THREAD_SAFETY_ANALYSIS {
+    singleton().lock.lock();
     tvbinder::TransportFds::lockForFork();
 }
 
-void unlockInParent() {
+void unlockInParent() TV_NO_THREAD_SAFETY_ANALYSIS {
     tvbinder::TransportFds::unlockInParent();
-    processLock().unlock();
+    singleton().lock.unlock();
 }
 
 // The child must get its own endpoint: it drops every descriptor of the
 // transport and starts afresh on its next ProcessState::self().
-void resetInChild() {
+void resetInChild() TV_NO_THREAD_SAFETY_ANALYSIS {
     tvbinder::TransportFds::closeAllInChild();
     tvbinder::Runtime::abandonInChild();
-    processSingleton().clear();
-    processLock().unlock();
+    Singleton& one = singleton();
+    one.process.clear();
+    one.making = false;  // the thread making it stayed in the parent
+    one.lock.unlock();
 }
 
 // Overwrites argv[0] in place, so that the command line shows the name too.
@@ -60,15 +72,27 @@ void rewriteArgv0(const char* name) {
 sp<ProcessState> ProcessState::self() {
     static std::once_flag forkHandlers;
     std::call_once(forkHandlers, [] { pthread_atfork(lockForFork, unlockInParent, resetInChild); });
-    std::lock_guard<std::mutex> guard(processLock());
-    sp<ProcessState>& process = processSingleton();
-    if (process == nullptr) process = new ProcessState();
-    return process;
+    Singleton& one = singleton();
+    {
+        tvbinder::LockGuard guard(one.lock);
+        while (one.making) one.made.wait(one.lock);
+        if (one.process != nullptr) return one.process;
+        one.making = true;
+    }
+    sp<ProcessState> made = new ProcessState();
+    {
+        tvbinder::LockGuard guard(one.lock);
+        one.process = made;
+        one.making = false;
+    }
+    one.made.notify_all();
+    return made;
 }
 
 sp<ProcessState> ProcessState::selfOrNull() {
-    std::lock_guard<std::mutex> guard(processLock());
-    return processSingleton();
+    Singleton& one = singleton();
+    tvbinder::LockGuard guard(one.lock);
+    return one.process;
 }
 
 ProcessState::ProcessState() : mRuntime(tvbinder::Runtime::create()) {}
@@ -76,24 +100,24 @@ ProcessState::ProcessState() : mRuntime(tvbinder::Runtime::create()) {}
 ProcessState::~ProcessState() = default;
 
 sp<IBinder> ProcessState::getContextObject(const sp<IBinder>& /*caller*/) {
-    return mRuntime->contextObject();
+    return mRuntime.contextManager().object();
 }
 
 bool ProcessState::becomeContextManager() {
-    return mRuntime->becomeContextManager();
+    return mRuntime.contextManager().claim();
 }
 
 void ProcessState::startThreadPool() {
-    mRuntime->pool().start();
+    mRuntime.pool().start();
 }
 
 status_t ProcessState::setThreadPoolMaxThreadCount(size_t maxThreads) {
-    mRuntime->pool().setMaxThreads(maxThreads);
+    mRuntime.pool().setMaxThreads(maxThreads);
     return NO_ERROR;
 }
 
 size_t ProcessState::getThreadPoolMaxThreadCount() const {
-    return mRuntime->pool().maxThreads();
+    return mRuntime.pool().maxThreads();
 }
 
 void ProcessState::setProcessName(const char* name) {
@@ -107,7 +131,8 @@ void ProcessState::setProcessName(const char* name) {
         (void)written;
         close(fd);
     }
-    std::lock_guard<std::mutex> guard(processLock());
+    Singleton& one = singleton();
+    tvbinder::LockGuard guard(one.lock);
     rewriteArgv0(name);
 }
 

@@ -1,13 +1,21 @@
 #pragma once
 
+#include <stdint.h>
+
 namespace android {
 namespace tvbinder {
 
-// What an epoll registration of the thread pool points at.
-struct EventSource {
-    enum class Type { kListener, kConnection, kPeerWatch, kWake, kTimer };
-    explicit EventSource(Type t) : type(t) {}
-    const Type type;
+// What a registration in the thread pool's epoll set points at. The pool
+// thread that takes an event calls onEvent with the epoll events; since
+// registrations are one-shot, that thread alone has the source until it
+// re-arms it, and only it may unregister it. Whoever registers a source keeps
+// it alive until it is unregistered.
+class EventSource {
+  public:
+    virtual void onEvent(uint32_t events) = 0;
+
+  protected:
+    virtual ~EventSource() = default;
 };
 
 }  // namespace tvbinder

@@ -3,22 +3,26 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <mutex>
 #include <unordered_set>
+
+#include "base/Locks.h"
 
 namespace android {
 namespace tvbinder {
 
 namespace {
 
-std::mutex& fdLock() {
-    static std::mutex* lock = new std::mutex;  // outlives every static destructor
-    return *lock;
-}
+// The registry: innermost of the transport's locks, since descriptors are
+// opened and closed under others (a peer's pidfd, a mailbox's eventfd, the
+// spare descriptor) and it is held across fork().
+struct Registry {
+    Mutex lock{LockRank::kDescriptors};
+    std::unordered_set<int> fds TV_GUARDED_BY(lock);
+};
 
-std::unordered_set<int>& trackedFds() {
-    static auto* fds = new std::unordered_set<int>;
-    return *fds;
+Registry& registry() {
+    static auto* made = new Registry;  // outlives every static destructor
+    return *made;
 }
 
 std::atomic<unsigned> gGeneration{0};
@@ -31,33 +35,37 @@ unsigned TransportFds::generation() {
 
 int TransportFds::track(int fd) {
     if (fd < 0) return fd;
-    std::lock_guard<std::mutex> guard(fdLock());
-    trackedFds().insert(fd);
+    Registry& tracked = registry();
+    LockGuard guard(tracked.lock);
+    tracked.fds.insert(fd);
     return fd;
 }
 
 void TransportFds::close(int fd, unsigned generation) {
     if (fd < 0 || generation != TransportFds::generation()) return;
+    Registry& tracked = registry();
     {
-        std::lock_guard<std::mutex> guard(fdLock());
-        if (trackedFds().erase(fd) == 0) return;
+        LockGuard guard(tracked.lock);
+        if (tracked.fds.erase(fd) == 0) return;
     }
     ::close(fd);
 }
 
-void TransportFds::lockForFork() {
-    fdLock().lock();
+// The three fork handlers take the lock in one and release it in another.
+void TransportFds::lockForFork() TV_NO_THREAD_SAFETY_ANALYSIS {
+    registry().lock.lock();
 }
 
-void TransportFds::unlockInParent() {
-    fdLock().unlock();
+void TransportFds::unlockInParent() TV_NO_THREAD_SAFETY_ANALYSIS {
+    registry().lock.unlock();
 }
 
-void TransportFds::closeAllInChild() {
-    for (int fd : trackedFds()) ::close(fd);
-    trackedFds().clear();
+void TransportFds::closeAllInChild() TV_NO_THREAD_SAFETY_ANALYSIS {
+    Registry& tracked = registry();
+    for (int fd : tracked.fds) ::close(fd);
+    tracked.fds.clear();
     gGeneration.fetch_add(1, std::memory_order_relaxed);
-    fdLock().unlock();
+    tracked.lock.unlock();
 }
 
 }  // namespace tvbinder

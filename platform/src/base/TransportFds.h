@@ -8,7 +8,9 @@ namespace tvbinder {
 // The registry of every descriptor the transport opens (sockets, epoll,
 // pidfds). A child made by fork() must not talk on its parent's sockets, so
 // the child closes all of them at once; the registry's lock is held across
-// fork() so that the set is consistent in the child.
+// fork() so that the set is consistent in the child. That lock is the
+// innermost of the transport's: descriptors are opened and closed under other
+// locks (docs/transport.md), never the other way round. Any thread.
 class TransportFds {
   public:
     // Records `fd` (ignored when negative) and returns it.

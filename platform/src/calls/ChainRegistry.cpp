@@ -9,7 +9,7 @@ namespace tvbinder {
 ChainMailbox::ChainMailbox() : mGeneration(TransportFds::generation()) {}
 
 int ChainMailbox::fd() {
-    std::lock_guard<std::mutex> guard(mLock);
+    LockGuard guard(mLock);
     return eventLocked();
 }
 
@@ -19,7 +19,7 @@ int ChainMailbox::eventLocked() {
 }
 
 void ChainMailbox::put(HandedCall call) {
-    std::lock_guard<std::mutex> guard(mLock);
+    LockGuard guard(mLock);
     mCalls.push_back(std::move(call));
     if (mSignalled) return;
     mSignalled = true;
@@ -28,8 +28,8 @@ void ChainMailbox::put(HandedCall call) {
     (void)written;
 }
 
-bool ChainMailbox::take(HandedCall* call) {
-    std::lock_guard<std::mutex> guard(mLock);
+std::optional<HandedCall> ChainMailbox::take() {
+    LockGuard guard(mLock);
     if (mCalls.empty()) {
         if (mSignalled) {
             uint64_t count;
@@ -37,11 +37,11 @@ bool ChainMailbox::take(HandedCall* call) {
             (void)drained;
             mSignalled = false;
         }
-        return false;
+        return std::nullopt;
     }
-    *call = std::move(mCalls.front());
+    HandedCall call = std::move(mCalls.front());
     mCalls.pop_front();
-    return true;
+    return call;
 }
 
 ChainRegistry::Waiter* ChainRegistry::find(uint64_t chain) {
@@ -52,7 +52,7 @@ ChainRegistry::Waiter* ChainRegistry::find(uint64_t chain) {
 }
 
 void ChainRegistry::enter(uint64_t chain, ChainMailbox* mailbox) {
-    std::lock_guard<std::mutex> guard(mLock);
+    LockGuard guard(mLock);
     if (Waiter* waiter = find(chain)) {
         // Another thread of the chain (after a one-way broke it) keeps it.
         if (waiter->mailbox == mailbox) ++waiter->depth;
@@ -63,7 +63,7 @@ void ChainRegistry::enter(uint64_t chain, ChainMailbox* mailbox) {
 }
 
 void ChainRegistry::leave(uint64_t chain, ChainMailbox* mailbox) {
-    std::lock_guard<std::mutex> guard(mLock);
+    LockGuard guard(mLock);
     Waiter* waiter = find(chain);
     if (waiter == nullptr || waiter->mailbox != mailbox || --waiter->depth > 0) return;
     *waiter = mWaiters.back();
@@ -71,18 +71,13 @@ void ChainRegistry::leave(uint64_t chain, ChainMailbox* mailbox) {
     mCount.store(mWaiters.size(), std::memory_order_release);
 }
 
-bool ChainRegistry::handOff(uint64_t chain, const sp<Connection>& connection, Frame& frame) {
+bool ChainRegistry::handOff(uint64_t chain, const sp<AcceptedConnection>& connection,
+                            Frame& frame) {
     if (mCount.load(std::memory_order_acquire) == 0) return false;
-    std::lock_guard<std::mutex> guard(mLock);
+    LockGuard guard(mLock);
     Waiter* waiter = find(chain);
     if (waiter == nullptr) return false;
-    auto handed = std::make_unique<Frame>();
-    handed->header = frame.header;
-    handed->data = frame.releaseData();
-    handed->offsets.swap(frame.offsets);
-    handed->fds = frame.releaseFds();
-    handed->charge = std::move(frame.charge);
-    waiter->mailbox->put(HandedCall{connection, std::move(handed)});
+    waiter->mailbox->put(HandedCall{connection, std::make_unique<Frame>(std::move(frame))});
     return true;
 }
 

@@ -1,37 +1,40 @@
 #pragma once
 
-#include <utils/RefBase.h>
+#include <utils/Errors.h>
 
-#include "wire/Connection.h"
-#include "wire/Frame.h"
+#include "peers/AcceptedConnection.h"
 
 namespace android {
 namespace tvbinder {
 
-class Runtime;
+class AcceptedConnections;
+class LinkIntake;
+class LinkStallGuard;
+class ThreadPool;
 
-// Takes in what other processes send on their links: one-ways (admitted
-// against the sender's budget and queued on their objects in the
-// OneWayScheduler), releases, and requests for acknowledgement. A link is
-// read to the end each time it is readable: control frames never wait behind
-// one-ways. Owned by the Runtime; called on pool threads, one at a time per
-// link.
-class LinkReader {
+// Reads the links other processes send their one-ways and releases on. A
+// link is read to the end each time it is readable, so control frames never
+// wait behind one-ways; what was read runs on the reading thread (pool
+// tasks), then the link is read again, and it goes back to epoll once it
+// stays quiet. Handler of links; pool threads, one at a time per link.
+// Owned by the Runtime.
+class LinkReader : public AcceptedConnection::Handler {
   public:
-    explicit LinkReader(Runtime& runtime) : mRuntime(runtime) {}
+    LinkReader(LinkIntake& intake, LinkStallGuard& stallGuard, AcceptedConnections& accepted,
+               ThreadPool& pool)
+        : mIntake(intake), mStallGuard(stallGuard), mAccepted(accepted), mPool(pool) {}
 
-    // Pool thread: the link has frames (or was closed). Reads it, runs what
-    // it read, reads on, and hands it back to epoll once it stays quiet.
-    void onReadable(const sp<Connection>& link);
+    void onReadable(const sp<AcceptedConnection>& link) override;
 
   private:
     // Reads (up to a budget) what waits on the link: DEAD_OBJECT when it
     // ended, BAD_VALUE when it must be dropped.
-    status_t readWaiting(const sp<Connection>& link);
-    bool take(Connection& link, Frame& frame);
-    bool admitOneWay(Connection& link, Frame& frame);
+    status_t readWaiting(const sp<AcceptedConnection>& link);
 
-    Runtime& mRuntime;
+    LinkIntake& mIntake;
+    LinkStallGuard& mStallGuard;
+    AcceptedConnections& mAccepted;
+    ThreadPool& mPool;
 };
 
 }  // namespace tvbinder

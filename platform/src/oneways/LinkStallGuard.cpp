@@ -6,7 +6,8 @@
 #include <vector>
 
 #include "base/Clock.h"
-#include "runtime/Runtime.h"
+#include "peers/AcceptedConnections.h"
+#include "threads/ThreadPool.h"
 
 namespace android {
 namespace tvbinder {
@@ -18,12 +19,10 @@ constexpr int64_t kStallMs = 2;
 
 }  // namespace
 
-LinkStallGuard::LinkStallGuard(Runtime& runtime) : EventSource(Type::kTimer), mRuntime(runtime) {}
-
 status_t LinkStallGuard::init() {
     mTimer = ScopedFd(timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK));
     if (!mTimer.valid()) return -errno;
-    mRuntime.pool().add(this, mTimer.get());
+    mPool.add(this, mTimer.get());
     return NO_ERROR;
 }
 
@@ -34,24 +33,24 @@ void LinkStallGuard::armTimer() {
     mTimerArmed = true;
 }
 
-void LinkStallGuard::hold(const sp<Connection>& link) {
-    std::lock_guard<std::mutex> guard(mLock);
+void LinkStallGuard::hold(const sp<AcceptedConnection>& link) {
+    LockGuard guard(mLock);
     mHeld[link.get()] = {link, monotonicMs()};
     if (!mTimerArmed) armTimer();
 }
 
-bool LinkStallGuard::release(const sp<Connection>& link) {
-    std::lock_guard<std::mutex> guard(mLock);
+bool LinkStallGuard::release(const sp<AcceptedConnection>& link) {
+    LockGuard guard(mLock);
     return mHeld.erase(link.get()) > 0;
 }
 
-void LinkStallGuard::onTimer() {
+void LinkStallGuard::onEvent(uint32_t /*events*/) {
     uint64_t expirations;
     ssize_t drained = read(mTimer.get(), &expirations, sizeof(expirations));
     (void)drained;
-    std::vector<sp<Connection>> stalled;
+    std::vector<sp<AcceptedConnection>> stalled;
     {
-        std::lock_guard<std::mutex> guard(mLock);
+        LockGuard guard(mLock);
         mTimerArmed = false;
         const int64_t now = monotonicMs();
         for (auto it = mHeld.begin(); it != mHeld.end();) {
@@ -64,8 +63,8 @@ void LinkStallGuard::onTimer() {
         }
         if (!mHeld.empty()) armTimer();
     }
-    mRuntime.pool().rearm(this, mTimer.get());
-    for (const sp<Connection>& link : stalled) mRuntime.rearm(link);
+    mPool.rearm(this, mTimer.get());
+    for (const sp<AcceptedConnection>& link : stalled) mAccepted.rearm(link);
 }
 
 }  // namespace tvbinder

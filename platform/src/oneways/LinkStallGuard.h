@@ -4,17 +4,19 @@
 #include <utils/Errors.h>
 #include <utils/RefBase.h>
 
-#include <mutex>
 #include <unordered_map>
+#include <utility>
 
 #include "base/EventSource.h"
+#include "base/Locks.h"
 #include "base/TransportFds.h"
-#include "wire/Connection.h"
+#include "peers/AcceptedConnection.h"
 
 namespace android {
 namespace tvbinder {
 
-class Runtime;
+class AcceptedConnections;
+class ThreadPool;
 
 // A pool thread that read one-ways from a link runs them and then reads the
 // link again, without handing it back to epoll in between: a stream then
@@ -22,32 +24,35 @@ class Runtime;
 // A handler may wait for a later one-way of that same link (to another
 // object): so a link held for longer than a few milliseconds is taken back
 // here, by the pool thread that gets this guard's timer, and handed to epoll,
-// where another pool thread reads on. Owned by the Runtime; used by pool
-// threads.
+// where another pool thread reads on. Owned by the Runtime; pool threads.
 class LinkStallGuard : public EventSource {
   public:
-    explicit LinkStallGuard(Runtime& runtime);
+    LinkStallGuard(ThreadPool& pool, AcceptedConnections& accepted)
+        : mPool(pool), mAccepted(accepted) {}
 
-    status_t init();
+    [[nodiscard]] status_t init();
     // The calling thread holds `link` (taken from epoll) while it runs what
     // it read.
-    void hold(const sp<Connection>& link);
+    void hold(const sp<AcceptedConnection>& link);
     // The handlers ran: true when the thread still held the link (it may
     // read it again, and hands it back to epoll itself), false when it was
     // taken back meanwhile.
-    bool release(const sp<Connection>& link);
+    [[nodiscard]] bool release(const sp<AcceptedConnection>& link);
     // Pool thread: the timer fired.
-    void onTimer();
+    void onEvent(uint32_t events) override;
 
   private:
-    void armTimer();
+    void armTimer() TV_REQUIRES(mLock);
 
-    Runtime& mRuntime;
+    ThreadPool& mPool;
+    AcceptedConnections& mAccepted;
     ScopedFd mTimer;
 
-    std::mutex mLock;  // guards everything below
-    std::unordered_map<Connection*, std::pair<sp<Connection>, int64_t>> mHeld;  // since (ms)
-    bool mTimerArmed = false;
+    Mutex mLock{LockRank::kStallGuard};
+    // Each held link, and since when (ms).
+    std::unordered_map<AcceptedConnection*, std::pair<sp<AcceptedConnection>, int64_t>> mHeld
+        TV_GUARDED_BY(mLock);
+    bool mTimerArmed TV_GUARDED_BY(mLock) = false;
 };
 
 }  // namespace tvbinder

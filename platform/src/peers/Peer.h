@@ -5,120 +5,101 @@
 #include <utils/RefBase.h>
 
 #include <atomic>
-#include <mutex>
-#include <unordered_map>
-#include <vector>
 
 #include "base/EventSource.h"
-#include "base/Token.h"
+#include "base/Locks.h"
 #include "base/TransportFds.h"
+#include "peers/CallConnections.h"
+#include "peers/OutgoingLink.h"
 #include "wire/Connection.h"
-#include "wire/Frame.h"
 
 namespace android {
 namespace tvbinder {
 
-class Runtime;
+class PeerTable;
+class ThreadPool;
 
-// Another process, known by its endpoint id. Once its pid is known (from
-// SO_PEERCRED of a connection to its endpoint) it is watched through a pidfd
-// in the pool's epoll set, which then holds a reference to it until the
-// process exits. Holds the connections this process opened to it: idle ones
-// for synchronous calls and one "link" for one-ways and releases, so that
-// those arrive in the order they were sent. The link is in the epoll set too:
-// it brings the peer's acknowledgements of one-ways, and its hang-up tells
-// that the peer's endpoint closed (exit, or exec). Listed in the PeerTable
-// until it is lost; proxies and connections keep it alive beyond that. Used
-// from every thread. Once dead, always dead.
+// Another process, known by its endpoint id: who it is (the pid that serves
+// the endpoint, checked by SO_PEERCRED when this process first connects to
+// it), how it is watched (a pidfd in the pool's epoll set, which holds a
+// reference to the peer until the process exits) and its death. Its
+// connections are its parts': the link this process sends its one-ways and
+// releases on (OutgoingLink) and idle connections for synchronous calls
+// (CallConnections). Made and listed by the PeerTable until it is lost;
+// proxies and the connections it opened here keep it alive beyond that. Any
+// thread. Once dead, always dead.
 class Peer : public RefBase, public EventSource {
   public:
-    Peer(Runtime& runtime, uint64_t endpoint);
+    Peer(PeerTable& table, ThreadPool& pool, uint64_t ownEndpoint, uint64_t endpoint);
 
-    Runtime& runtime() const { return mRuntime; }
     uint64_t endpoint() const { return mEndpoint; }
     bool isDead() const { return mDead.load(std::memory_order_acquire); }
     pid_t pid() const;
+    // False in a child made by fork() since the peer was made: it is its
+    // parent's, and the child does not speak for its parent.
+    bool ofThisProcess() const { return mGeneration == TransportFds::generation(); }
+
+    OutgoingLink& link() { return mLink; }
+    CallConnections& calls() { return mCalls; }
 
     // Makes sure the process is watched (connecting to it if needed):
     // DEAD_OBJECT when it cannot be reached.
-    status_t ensureWatched();
+    [[nodiscard]] status_t ensureWatched();
     // Checks that a connection from `pid` may speak for this endpoint: the
     // process listening on the endpoint's address must be that pid.
-    status_t verifyClaim(pid_t pid);
-
-    // An idle connection for a synchronous call, or a new one. `reused` tells
-    // which: a reused one may have gone stale since.
-    sp<Connection> takeCallConnection(status_t* status, bool* reused);
-    void returnCallConnection(const sp<Connection>& connection);
-    // Takes a connection made to another address of this process (the
-    // context manager's) as an idle call connection.
-    status_t adoptCallConnection(const sp<Connection>& connection);
-
-    // Sends a one-way over the link. FAILED_TRANSACTION, within a few
-    // milliseconds, when the receiver's budget for this link stays spent;
-    // the one-way is then not sent. A one-way sent is delivered.
-    status_t sendOneWay(const OutgoingFrame& frame);
-    // Gives `count` references back to the peer. Never blocks: what cannot
-    // leave at once is sent by a pool thread, when the link is writable or a
-    // little later.
-    void sendRelease(const Token& token, uint64_t count);
-    // Pool thread: `events` on this process's link to the peer.
-    void onLinkEvent(const sp<Connection>& link, uint32_t events);
-    // Sends the releases that wait (a posted task; may connect), or tries
-    // again later.
-    void flushReleases();
+    [[nodiscard]] status_t verifyClaim(pid_t pid);
+    struct Connected {
+        sp<Connection> connection;  // null on failure
+        status_t status = NO_ERROR;
+    };
+    // A connection to the endpoint, served by the peer's process and
+    // introduced (HELLO, as a link or for calls). A link never waits for
+    // room in the peer's backlog.
+    [[nodiscard]] Connected connect(bool asLink);
+    // Learns the peer's pid from a connection made to another of its
+    // addresses (the context manager's) and starts watching it.
+    [[nodiscard]] status_t attach(pid_t pid);
 
     // After a connection to the peer failed or closed: the peer is lost when
     // its endpoint no longer accepts connections, now or within some 30 ms
     // (probed again by a pool task).
     void checkAlive();
-    void probeAgain();
-    // True for the caller that marked it dead first. Closes its connections.
-    bool markDead();
+    // The peer is gone (exited, exec'd, or its endpoint refuses us): the
+    // first call marks it dead, closes its connections and has the PeerTable
+    // forget it and tell what follows a death.
+    void lost();
     // Once dead: its process no longer counts this endpoint (once).
     void releaseEndpointShare();
-    // The pidfd that the pool watches, or -1.
-    int pidfd() const;
-    void closePidfd();
-    // A new descriptor (O_CLOEXEC) for that pidfd, or -1 once it is closed.
+    // A new descriptor (O_CLOEXEC) for the pidfd, or -1 once it is closed.
     int dupPidfd() const;
 
+    // Pool thread: the pidfd fired, the process exited.
+    void onEvent(uint32_t events) override;
+
   private:
+    friend class PeerTable;  // its lock is declared to come after the peer's
+
     ~Peer() override;
-    sp<Connection> connect(bool link, status_t* status);
-    status_t attach(pid_t pid);
-    sp<Connection> currentLink();
-    sp<Connection> obtainLink(status_t* status);
-    // Pool thread handling the link's hang-up (or any thread without a
-    // pool): unregisters it and forgets it.
-    void dropLink(const sp<Connection>& link);
-    // Takes a share of the receiver's budget, waiting a few milliseconds for
-    // acknowledgements when it is spent.
-    bool reserveBudget(Connection& link, uint64_t cost);
-    // Reads the acknowledgements that wait on the link.
-    void readAcks(Connection& link);
-    // Sends waiting releases without blocking; false when some still wait.
-    bool trySendReleases(Connection& link);
-    void rearmLink(const sp<Connection>& link);
-    // The link could not be made: flushReleases() again a little later.
-    void retryReleasesLater();
+    void probeAgain();
+    // True for the caller that marked it dead first.
+    bool markDead();
 
-    Runtime& mRuntime;
+    PeerTable& mTable;
+    ThreadPool& mPool;
+    const uint64_t mOwnEndpoint;
     const uint64_t mEndpoint;
+    const unsigned mGeneration;
     std::atomic<bool> mDead{false};
-    std::atomic<bool> mProbing{false};  // a DeathProbe is posted or running
+    std::atomic<bool> mProbing{false};  // a probe is posted or running
     std::atomic<bool> mCountedForPid{false};
+    OutgoingLink mLink;
+    CallConnections mCalls;
 
-    mutable std::mutex mLock;  // guards everything below
-    pid_t mPid = 0;
-    ScopedFd mPidfd;
-    std::vector<sp<Connection>> mIdle;
-    // Registered in epoll; replaced only after the pool dropped it.
-    sp<Connection> mLink;
-    std::unordered_map<Token, uint64_t, TokenHash> mPendingReleases;
-    bool mFlushPosted = false;
-    bool mReleasesDropped = false;
-    int mReleaseRetries = 0;
+    // Taken before the PeerTable's: the process's endpoints are counted
+    // while the pid is set, so that two threads never both count it.
+    mutable Mutex mLock{LockRank::kPeer};
+    pid_t mPid TV_GUARDED_BY(mLock) = 0;
+    ScopedFd mPidfd TV_GUARDED_BY(mLock);
 };
 
 }  // namespace tvbinder

@@ -6,7 +6,7 @@ namespace android {
 namespace tvbinder {
 
 Token ExportTable::tokenFor(BBinder* binder) {
-    std::lock_guard<std::mutex> guard(mLock);
+    LockGuard guard(mLock);
     auto known = mTokens.find(binder);
     if (known != mTokens.end()) return known->second;
     Token token = Token::random();
@@ -17,7 +17,7 @@ Token ExportTable::tokenFor(BBinder* binder) {
 }
 
 sp<BBinder> ExportTable::lookup(const Token& token, uint64_t holder) {
-    std::lock_guard<std::mutex> guard(mLock);
+    LockGuard guard(mLock);
     auto it = mEntries.find(token);
     if (it == mEntries.end()) return nullptr;
     Entry& entry = it->second;
@@ -28,9 +28,9 @@ sp<BBinder> ExportTable::lookup(const Token& token, uint64_t holder) {
     return entry.weak.promote();
 }
 
-status_t ExportTable::grant(const Token& token, const sp<Peer>& holder) {
+status_t ExportTable::grant(const Token& token, const Peer& holder) {
     {
-        std::lock_guard<std::mutex> guard(mLock);
+        LockGuard guard(mLock);
         auto it = mEntries.find(token);
         if (it == mEntries.end()) return NAME_NOT_FOUND;
         Entry& entry = it->second;
@@ -38,12 +38,12 @@ status_t ExportTable::grant(const Token& token, const sp<Peer>& holder) {
             entry.strong = entry.weak.promote();
             if (entry.strong == nullptr) return DEAD_OBJECT;
         }
-        ++entry.holders[holder->endpoint()];
+        ++entry.holders[holder.endpoint()];
     }
     // The holder's death may have been handled just before the count went
     // up; then nobody else would drop it.
-    if (holder->isDead()) {
-        release(token, holder->endpoint(), 1);
+    if (holder.isDead()) {
+        sp<BBinder> last = release(token, holder.endpoint(), 1);  // dropped here, unlocked
         return DEAD_OBJECT;
     }
     return NO_ERROR;
@@ -62,14 +62,14 @@ sp<BBinder> ExportTable::releaseLocked(Entry& entry, uint64_t holder, uint64_t c
 }
 
 sp<BBinder> ExportTable::release(const Token& token, uint64_t holder, uint64_t count) {
-    std::lock_guard<std::mutex> guard(mLock);
+    LockGuard guard(mLock);
     auto it = mEntries.find(token);
     return it == mEntries.end() ? nullptr : releaseLocked(it->second, holder, count);
 }
 
 std::vector<sp<BBinder>> ExportTable::dropHolder(uint64_t holder) {
     std::vector<sp<BBinder>> released;
-    std::lock_guard<std::mutex> guard(mLock);
+    LockGuard guard(mLock);
     for (auto& item : mEntries) {
         sp<BBinder> last = releaseLocked(item.second, holder, UINT64_MAX);
         if (last != nullptr) released.push_back(std::move(last));
@@ -77,19 +77,19 @@ std::vector<sp<BBinder>> ExportTable::dropHolder(uint64_t holder) {
     return released;
 }
 
-bool ExportTable::forget(const BBinder* binder, Token* token) {
-    std::lock_guard<std::mutex> guard(mLock);
+std::optional<Token> ExportTable::forget(const BBinder* binder) {
+    LockGuard guard(mLock);
     auto known = mTokens.find(binder);
-    if (known == mTokens.end()) return false;
-    *token = known->second;
-    mEntries.erase(known->second);
+    if (known == mTokens.end()) return std::nullopt;
+    const Token token = known->second;
+    mEntries.erase(token);
     mTokens.erase(known);
-    return true;
+    return token;
 }
 
 void ExportTable::setContextObject(const sp<BBinder>& object) {
     sp<BBinder> previous;  // dropped after the lock: its destructor calls forget()
-    std::lock_guard<std::mutex> guard(mLock);
+    LockGuard guard(mLock);
     auto known = mTokens.find(object.get());
     if (known != mTokens.end()) {
         mEntries.erase(known->second);
@@ -105,13 +105,13 @@ void ExportTable::setContextObject(const sp<BBinder>& object) {
 }
 
 sp<BBinder> ExportTable::contextObject() {
-    std::lock_guard<std::mutex> guard(mLock);
+    LockGuard guard(mLock);
     auto it = mEntries.find(kContextToken);
     return it == mEntries.end() ? nullptr : it->second.strong;
 }
 
 size_t ExportTable::heldCount() {
-    std::lock_guard<std::mutex> guard(mLock);
+    LockGuard guard(mLock);
     size_t count = 0;
     for (auto& item : mEntries) {
         if (item.second.strong != nullptr && !item.second.permanent) ++count;

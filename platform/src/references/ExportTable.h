@@ -3,10 +3,11 @@
 #include <binder/Binder.h>
 #include <stdint.h>
 
-#include <mutex>
+#include <optional>
 #include <unordered_map>
 #include <vector>
 
+#include "base/Locks.h"
 #include "base/Token.h"
 
 namespace android {
@@ -16,7 +17,9 @@ class Peer;
 
 // The local objects that left this process. Each has a token and, per peer
 // endpoint, the number of references granted to that peer; while any count is
-// above zero the table keeps the object alive.
+// above zero the table keeps the object alive. Owned by the Runtime; any
+// thread. References it hands back may be the last: they are dropped after
+// its lock (an object's destructor calls forget()).
 class ExportTable {
   public:
     // The object's token, given on first use.
@@ -26,14 +29,14 @@ class ExportTable {
     sp<BBinder> lookup(const Token& token, uint64_t holder);
     // Counts one more reference for `holder`. DEAD_OBJECT (and nothing
     // counted) when the holder turns out to be dead.
-    status_t grant(const Token& token, const sp<Peer>& holder);
+    [[nodiscard]] status_t grant(const Token& token, const Peer& holder);
     // Drops up to `count` of the holder's references. The returned reference
     // (possibly the last) must be dropped without any transport lock held.
-    sp<BBinder> release(const Token& token, uint64_t holder, uint64_t count);
+    [[nodiscard]] sp<BBinder> release(const Token& token, uint64_t holder, uint64_t count);
     // Drops all references of a dead holder.
-    std::vector<sp<BBinder>> dropHolder(uint64_t holder);
-    // Called when an object is destroyed; its token, if it had one, in *token.
-    bool forget(const BBinder* binder, Token* token);
+    [[nodiscard]] std::vector<sp<BBinder>> dropHolder(uint64_t holder);
+    // Called when an object is destroyed: its token, if it had one.
+    std::optional<Token> forget(const BBinder* binder);
 
     // Serves `object` under the context token for as long as the process lives.
     void setContextObject(const sp<BBinder>& object);
@@ -49,11 +52,11 @@ class ExportTable {
         std::unordered_map<uint64_t, uint64_t> holders;
         bool permanent = false;
     };
-    sp<BBinder> releaseLocked(Entry& entry, uint64_t holder, uint64_t count);
+    sp<BBinder> releaseLocked(Entry& entry, uint64_t holder, uint64_t count) TV_REQUIRES(mLock);
 
-    std::mutex mLock;
-    std::unordered_map<Token, Entry, TokenHash> mEntries;
-    std::unordered_map<const BBinder*, Token> mTokens;
+    Mutex mLock{LockRank::kExports};
+    std::unordered_map<Token, Entry, TokenHash> mEntries TV_GUARDED_BY(mLock);
+    std::unordered_map<const BBinder*, Token> mTokens TV_GUARDED_BY(mLock);
 };
 
 }  // namespace tvbinder

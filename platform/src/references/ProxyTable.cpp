@@ -25,7 +25,7 @@ bool ProxyTable::revivingOnThisThread() {
 }
 
 sp<BpBinder> ProxyTable::obtain(const sp<Peer>& owner, const Token& token) {
-    std::lock_guard<std::mutex> guard(mLock);
+    LockGuard guard(mLock);
     wp<BpBinder>& slot = mByOwner[owner->endpoint()][token];
     sp<BpBinder> proxy = revive(slot);
     if (proxy == nullptr) {
@@ -35,25 +35,25 @@ sp<BpBinder> ProxyTable::obtain(const sp<Peer>& owner, const Token& token) {
     return proxy;
 }
 
-bool ProxyTable::retire(BpBinder* proxy, bool keep, uint32_t* granted) {
-    std::lock_guard<std::mutex> guard(mLock);
+std::optional<uint32_t> ProxyTable::retire(BpBinder* proxy, bool keep) {
+    LockGuard guard(mLock);
     // obtain() revives under this lock: the count is stable here.
-    if (proxy->getStrongCount() > 0) return false;
-    *granted = proxy->takeGrantedReferences();
-    if (keep) return true;
+    if (proxy->getStrongCount() > 0) return std::nullopt;
+    const uint32_t granted = proxy->takeGrantedReferences();
+    if (keep) return granted;
     auto owner = mByOwner.find(proxy->owner()->endpoint());
-    if (owner == mByOwner.end()) return true;
+    if (owner == mByOwner.end()) return granted;
     auto entry = owner->second.find(Token{proxy->tokenHi(), proxy->tokenLo()});
     // A newer proxy may already stand in for a dying one.
-    if (entry == owner->second.end() || entry->second.unsafe_get() != proxy) return true;
+    if (entry == owner->second.end() || entry->second.unsafe_get() != proxy) return granted;
     owner->second.erase(entry);
     if (owner->second.empty()) mByOwner.erase(owner);
-    return true;
+    return granted;
 }
 
 std::vector<sp<BpBinder>> ProxyTable::proxiesOf(uint64_t endpoint) {
     std::vector<sp<BpBinder>> proxies;
-    std::lock_guard<std::mutex> guard(mLock);
+    LockGuard guard(mLock);
     auto owner = mByOwner.find(endpoint);
     if (owner == mByOwner.end()) return proxies;
     for (auto& entry : owner->second) {

@@ -54,7 +54,7 @@ bool hasExited(const sp<tvbinder::Peer>& manager, int waitMs) {
         ready = pidfd.valid() ? poll(&exit, 1, waitMs) : 0;
     } while (ready < 0 && errno == EINTR);
     if (ready <= 0) return false;
-    manager->runtime().peerLost(manager);
+    manager->lost();
     return true;
 }
 
@@ -233,9 +233,9 @@ bool BpServiceManager::isAlive() const {
     BpBinder* proxy = remote()->remoteBinder();
     if (proxy == nullptr) return true;
     const sp<tvbinder::Peer>& owner = proxy->owner();
-    if (!owner->runtime().isCurrent()) return false;
+    if (!owner->ofThisProcess()) return false;
     // Without pool threads nobody reads its pidfd: a death shows only here.
-    return owner->runtime().pool().started() || !hasExited(owner, 0);
+    return tvbinder::Runtime::current()->pool().started() || !hasExited(owner, 0);
 }
 
 }  // namespace android

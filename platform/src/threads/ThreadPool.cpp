@@ -2,7 +2,6 @@
 
 #include "threads/ThreadPool.h"
 
-#include <binder/IPCThreadState.h>
 #include <errno.h>
 #include <log/log.h>
 #include <pthread.h>
@@ -13,8 +12,6 @@
 #include <unistd.h>
 
 #include <thread>
-
-#include "runtime/Runtime.h"
 
 namespace android {
 namespace tvbinder {
@@ -32,14 +29,12 @@ epoll_event eventFor(EventSource* source, bool writable) {
 
 }  // namespace
 
-ThreadPool::ThreadPool(Runtime& runtime) : mRuntime(runtime) {}
-
 status_t ThreadPool::init() {
     mEpoll = ScopedFd(epoll_create1(EPOLL_CLOEXEC));
     if (!mEpoll.valid()) return -errno;
-    mWake = ScopedFd(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
-    if (!mWake.valid()) return -errno;
-    add(&mWakeSource, mWake.get());
+    mWakeFd = ScopedFd(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+    if (!mWakeFd.valid()) return -errno;
+    add(&mWake, mWakeFd.get());
     return NO_ERROR;
 }
 
@@ -59,7 +54,7 @@ void ThreadPool::rearm(EventSource* source, int fd, bool writable) {
 
 void ThreadPool::post(const sp<PoolTask>& task, bool wake) {
     {
-        std::lock_guard<std::mutex> guard(mTaskLock);
+        LockGuard guard(mTaskLock);
         mPosted.push_back(task);
         mPostedCount.fetch_add(1, std::memory_order_relaxed);
     }
@@ -74,7 +69,7 @@ void ThreadPool::postAfter(int delayMs, std::function<void()> work) {
 }
 
 sp<PoolTask> ThreadPool::takePosted() {
-    std::lock_guard<std::mutex> guard(mTaskLock);
+    LockGuard guard(mTaskLock);
     if (mPosted.empty()) return nullptr;
     sp<PoolTask> task = std::move(mPosted.front());
     mPosted.pop_front();
@@ -91,14 +86,21 @@ void ThreadPool::runPosted() {
     }
 }
 
+void ThreadPool::Wake::onEvent(uint32_t /*events*/) {
+    uint64_t count;
+    ssize_t drained = read(mPool.mWakeFd.get(), &count, sizeof(count));
+    (void)drained;
+    mPool.rearm(this, mPool.mWakeFd.get());
+}
+
 void ThreadPool::wakeOne() {
     const uint64_t one = 1;
-    ssize_t written = write(mWake.get(), &one, sizeof(one));
+    ssize_t written = write(mWakeFd.get(), &one, sizeof(one));
     (void)written;  // a full counter already wakes a thread
 }
 
 bool ThreadPool::started() const {
-    std::lock_guard<std::mutex> guard(mLock);
+    LockGuard guard(mLock);
     return mStarted;
 }
 
@@ -108,7 +110,7 @@ void ThreadPool::remove(int fd) {
 
 void ThreadPool::start() {
     {
-        std::lock_guard<std::mutex> guard(mLock);
+        LockGuard guard(mLock);
         if (mStarted) return;
         mStarted = true;
     }
@@ -116,33 +118,33 @@ void ThreadPool::start() {
 }
 
 void ThreadPool::setMaxThreads(size_t maxThreads) {
-    std::lock_guard<std::mutex> guard(mLock);
+    LockGuard guard(mLock);
     mMaxThreads = maxThreads;
 }
 
 size_t ThreadPool::maxThreads() const {
-    std::lock_guard<std::mutex> guard(mLock);
+    LockGuard guard(mLock);
     return mMaxThreads;
 }
 
 void ThreadPool::spawn(bool isMain) {
     size_t number;
     {
-        std::lock_guard<std::mutex> guard(mLock);
+        LockGuard guard(mLock);
         number = ++mNamed;
     }
-    std::thread([isMain, number] {
+    std::thread([this, isMain, number] {
         char name[16];
         snprintf(name, sizeof(name), "tvbinder:%zu", number);
         pthread_setname_np(pthread_self(), name);
-        IPCThreadState::self()->joinThreadPool(isMain);
+        join(isMain);
     }).detach();
 }
 
 void ThreadPool::onEventTaken() {
     if (mWaiting.fetch_sub(1, std::memory_order_acq_rel) != 1) return;
     {
-        std::lock_guard<std::mutex> guard(mLock);
+        LockGuard guard(mLock);
         if (mSpawned >= mMaxThreads) return;
         ++mSpawned;
     }
@@ -163,15 +165,7 @@ void ThreadPool::join(bool /*isMain*/) {
             continue;
         }
         onEventTaken();
-        auto* source = static_cast<EventSource*>(event.data.ptr);
-        if (source == &mWakeSource) {
-            uint64_t count;
-            ssize_t drained = read(mWake.get(), &count, sizeof(count));
-            (void)drained;
-            rearm(&mWakeSource, mWake.get());
-        } else {
-            mRuntime.onEvent(source, event.events);
-        }
+        static_cast<EventSource*>(event.data.ptr)->onEvent(event.events);
         runPosted();
     }
 }

@@ -7,32 +7,30 @@
 #include <atomic>
 #include <deque>
 #include <functional>
-#include <mutex>
 
 #include "base/EventSource.h"
+#include "base/Locks.h"
 #include "base/TransportFds.h"
 #include "threads/PoolTask.h"
 
 namespace android {
 namespace tvbinder {
 
-class Runtime;
-
 // The threads that receive work: each waits in epoll_wait on the process's
-// listeners, connections and watched peers, all registered one-shot so that
-// exactly one thread takes each event and re-arms the source when it is done
-// with it; only that thread may unregister it. When the last waiting thread
-// takes an event the pool spawns another, up to its maximum. Work that is not
-// an event (queued one-ways, death notices, deferred releases) is posted as
-// tasks: pool threads run them in the order posted, woken through an eventfd.
-// Owned by the Runtime; used from every thread.
+// listeners, connections, links and watched peers, all registered one-shot so
+// that exactly one thread takes each event (EventSource) and re-arms the
+// source when it is done with it; only that thread may unregister it. When
+// the last waiting thread takes an event the pool spawns another, up to its
+// maximum. Work that is not an event (queued one-ways, death notices,
+// deferred releases) is posted as tasks: pool threads run them in the order
+// posted, woken through an eventfd. Owned by the Runtime; any thread.
 class ThreadPool {
   public:
     static constexpr size_t kDefaultMaxThreads = 15;
 
-    explicit ThreadPool(Runtime& runtime);
+    ThreadPool() = default;
 
-    status_t init();
+    [[nodiscard]] status_t init();
     void add(EventSource* source, int fd);
     // `writable`: also wake when the descriptor can be written to.
     void rearm(EventSource* source, int fd, bool writable = false);
@@ -60,26 +58,35 @@ class ThreadPool {
     void join(bool isMain);
 
   private:
+    // The eventfd that wakes a thread for posted tasks.
+    class Wake : public EventSource {
+      public:
+        explicit Wake(ThreadPool& pool) : mPool(pool) {}
+        void onEvent(uint32_t events) override;
+
+      private:
+        ThreadPool& mPool;
+    };
+
     void spawn(bool isMain);
     void onEventTaken();
     void wakeOne();
     sp<PoolTask> takePosted();
 
-    Runtime& mRuntime;
     ScopedFd mEpoll;
-    ScopedFd mWake;  // eventfd, registered one-shot
-    EventSource mWakeSource{EventSource::Type::kWake};
+    ScopedFd mWakeFd;  // eventfd, registered one-shot
+    Wake mWake{*this};
     std::atomic<int> mWaiting{0};
     std::atomic<size_t> mPostedCount{0};
 
-    std::mutex mTaskLock;  // guards mPosted
-    std::deque<sp<PoolTask>> mPosted;
+    Mutex mTaskLock{LockRank::kPoolTasks};
+    std::deque<sp<PoolTask>> mPosted TV_GUARDED_BY(mTaskLock);
 
-    mutable std::mutex mLock;  // guards everything below
-    bool mStarted = false;
-    size_t mMaxThreads = kDefaultMaxThreads;
-    size_t mSpawned = 0;
-    size_t mNamed = 0;
+    mutable Mutex mLock{LockRank::kPoolThreads};
+    bool mStarted TV_GUARDED_BY(mLock) = false;
+    size_t mMaxThreads TV_GUARDED_BY(mLock) = kDefaultMaxThreads;
+    size_t mSpawned TV_GUARDED_BY(mLock) = 0;
+    size_t mNamed TV_GUARDED_BY(mLock) = 0;
 };
 
 }  // namespace tvbinder

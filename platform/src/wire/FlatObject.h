@@ -1,6 +1,5 @@
 #pragma once
 
-#include <binder/IBinder.h>
 #include <stdint.h>
 
 namespace android {
@@ -22,10 +21,6 @@ struct FlatObject {
     uint64_t tokenLo;   // kTypeFd: both zero
 };
 static_assert(sizeof(FlatObject) == 32, "FlatObject is a fixed 32-byte wire record");
-
-// Fills `out` with the wire address of a non-null binder, giving a local object
-// its token on first use. Implemented by the transport.
-status_t flattenBinder(const sp<IBinder>& binder, FlatObject* out);
 
 }  // namespace tvbinder
 }  // namespace android

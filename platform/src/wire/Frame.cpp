@@ -6,8 +6,6 @@
 
 #include <utility>
 
-#include "wire/FlatObject.h"
-
 namespace android {
 namespace tvbinder {
 
@@ -40,23 +38,35 @@ status_t validateRecord(const FlatObject& record) {
 }  // namespace
 
 Frame::~Frame() {
-    free(data);
-    for (int fd : fds) ::close(fd);
+    for (int fd : mFds) ::close(fd);
 }
 
-uint8_t* Frame::releaseData() {
-    return std::exchange(data, nullptr);
+FlatObject Frame::recordAt(uint32_t offset) const {
+    FlatObject record;
+    memcpy(&record, mData.get() + offset, sizeof(record));
+    return record;
+}
+
+uint8_t* Frame::allocateData(size_t size) {
+    mData.reset(static_cast<uint8_t*>(malloc(size > 0 ? size : 1)));
+    return mData.get();
+}
+
+int Frame::takeFirstFd() {
+    const int fd = mFds.front();
+    mFds.erase(mFds.begin());
+    return fd;
 }
 
 std::vector<int> Frame::releaseFds() {
-    return std::exchange(fds, {});
+    return std::exchange(mFds, {});
 }
 
 status_t Frame::validate() const {
     if (header.magic != kFrameMagic || !isKnownKind(header.kind)) return BAD_VALUE;
     if (!kindHasBody(kind())) {
-        return header.dataSize == 0 && header.objectCount == 0 && fds.empty() ? NO_ERROR
-                                                                              : BAD_VALUE;
+        return header.dataSize == 0 && header.objectCount == 0 && mFds.empty() ? NO_ERROR
+                                                                               : BAD_VALUE;
     }
     if (header.dataSize > kMaxTransactionSize || offsets.size() != header.objectCount) {
         return BAD_VALUE;
@@ -69,12 +79,11 @@ status_t Frame::validate() const {
             return BAD_VALUE;
         }
         nextFree = size_t{offset} + sizeof(FlatObject);
-        FlatObject record;
-        memcpy(&record, data + offset, sizeof(record));
+        const FlatObject record = recordAt(offset);
         if (validateRecord(record) != NO_ERROR) return BAD_VALUE;
         if (record.type == FlatObject::kTypeFd) ++fdRecords;
     }
-    return fdRecords == fds.size() ? NO_ERROR : BAD_VALUE;
+    return fdRecords == mFds.size() ? NO_ERROR : BAD_VALUE;
 }
 
 OutgoingFrame OutgoingFrame::make(FrameKind kind) {

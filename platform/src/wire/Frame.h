@@ -2,11 +2,14 @@
 
 #include <stddef.h>
 #include <stdint.h>
+#include <stdlib.h>
 #include <utils/Errors.h>
 
+#include <memory>
 #include <vector>
 
 #include "base/Token.h"
+#include "wire/FlatObject.h"
 #include "wire/PeerAccounts.h"
 
 namespace android {
@@ -47,6 +50,8 @@ constexpr uint32_t kFrameMagic = 0x74766231;  // "tvb1"
 constexpr uint32_t kLayoutBodyInMemfd = 1;
 // HELLO flag: the connection will carry only one-ways and releases.
 constexpr uint32_t kHelloLink = 1;
+// TRANSACTION flag: a one-way (IBinder::FLAG_ONEWAY).
+constexpr uint32_t kFlagOneWay = 0x01;
 
 constexpr size_t kMaxInlineFrame = 64 * 1024;
 constexpr size_t kMaxTransactionSize = 16 * 1024 * 1024;
@@ -78,35 +83,52 @@ inline size_t frameBodySize(const FrameHeader& header) {
     return size_t{header.dataSize} + size_t{header.objectCount} * sizeof(uint32_t);
 }
 
-// A frame as received. Owns its data (malloc) and descriptors until they are
-// handed on.
+// A frame as received. Owns its data and descriptors until they are handed
+// on; movable, so that a call can be handed to another thread with them.
 class Frame {
   public:
     Frame() = default;
+    Frame(Frame&& other) noexcept = default;
+    Frame& operator=(Frame&&) = delete;
     ~Frame();
-    Frame(const Frame&) = delete;
-    Frame& operator=(const Frame&) = delete;
 
     FrameKind kind() const { return static_cast<FrameKind>(header.kind); }
     Token token() const { return Token{header.tokenHi, header.tokenLo}; }
-    // Gives up the data buffer to the caller (who frees it).
-    uint8_t* releaseData();
-    // Gives up the descriptors to the caller (who closes them).
+    bool isOneWay() const { return (header.flags & kFlagOneWay) != 0; }
+    const uint8_t* data() const { return mData.get(); }
+    // The object record at `offset` of the data (validate() checked it is there).
+    FlatObject recordAt(uint32_t offset) const;
+    // The descriptors received with the frame, in order.
+    const std::vector<int>& fds() const { return mFds; }
+
+    // Room for the data: `size` bytes, or null when memory ran out.
+    uint8_t* allocateData(size_t size);
+    void addFd(int fd) { mFds.push_back(fd); }
+    // Takes the first descriptor (a large body's memfd) out of the frame.
+    int takeFirstFd();
+    // Gives up the data buffer (malloc) to the caller, who frees it.
+    uint8_t* releaseData() { return mData.release(); }
+    // Gives up the descriptors to the caller, who closes them.
     std::vector<int> releaseFds();
 
     // Checks everything that does not need the process's tables: header
     // fields for the kind, object offsets (ascending, 4-aligned, in bounds,
     // not overlapping), record types and that the descriptor records match
     // the descriptors received one for one.
-    status_t validate() const;
+    [[nodiscard]] status_t validate() const;
 
     FrameHeader header{};
-    uint8_t* data = nullptr;
     std::vector<uint32_t> offsets;
-    std::vector<int> fds;
     // A body that came in a memfd counts against its sender's share until
     // the frame goes.
     BodyCharge charge;
+
+  private:
+    struct Free {
+        void operator()(uint8_t* data) const { free(data); }
+    };
+    std::unique_ptr<uint8_t, Free> mData;
+    std::vector<int> mFds;
 };
 
 // A frame to send; points into memory the sender keeps alive.

@@ -72,6 +72,10 @@ void PeerAccounts::init() {
     if (getrlimit(RLIMIT_NOFILE, &limit) == 0 && limit.rlim_cur != RLIM_INFINITY) {
         descriptors = static_cast<size_t>(limit.rlim_cur);
     }
+    setDescriptorLimit(descriptors);
+}
+
+void PeerAccounts::setDescriptorLimit(size_t descriptors) {
     const size_t reserve = std::max(kMinReserve, descriptors / 4);
     const size_t usable = descriptors > reserve ? descriptors - reserve : 0;
     mMaxConnections = std::min(kMaxConnectionsCeiling, usable / 2);
@@ -80,45 +84,47 @@ void PeerAccounts::init() {
 }
 
 PeerAccounts::Admission PeerAccounts::admitConnection(pid_t pid) {
-    std::lock_guard<std::mutex> guard(mLock);
-    sp<PeerAccount>& account = mAccounts[pid];
-    if (account == nullptr) account = new PeerAccount(*this, pid);
+    LockGuard guard(mLock);
+    Entry& entry = mAccounts[pid];
+    if (entry.account == nullptr) entry.account = new PeerAccount(*this, pid);
     Admission admission;
-    if (account->mConnections < mMaxPerProcess) {
+    if (entry.connections < mMaxPerProcess) {
         if (mConnections < mMaxConnections) {
-            admission.account = account;
-        } else if (PeerAccount* largest = largestLocked();
-                   largest->mConnections > account->mConnections + 1) {
+            admission.account = entry.account;
+        } else if (const Entry* largest = largestLocked();
+                   largest->connections > entry.connections + 1) {
             // Processes that flood take turns with newcomers, never all.
-            admission.account = account;
-            admission.evictFrom = largest;
+            admission.account = entry.account;
+            admission.evictFrom = largest->account;
         }
     }
     if (admission.account == nullptr) {
-        if (account->mConnections == 0) mAccounts.erase(pid);
+        if (entry.connections == 0) mAccounts.erase(pid);
         return admission;
     }
-    ++account->mConnections;
+    ++entry.connections;
     ++mConnections;
     return admission;
 }
 
-PeerAccount* PeerAccounts::largestLocked() const {
-    PeerAccount* largest = nullptr;
-    for (const auto& [pid, account] : mAccounts) {
-        if (largest == nullptr || account->mConnections > largest->mConnections) {
-            largest = account.get();
-        }
+const PeerAccounts::Entry* PeerAccounts::largestLocked() const {
+    const Entry* largest = nullptr;
+    for (const auto& [pid, entry] : mAccounts) {
+        if (largest == nullptr || entry.connections > largest->connections) largest = &entry;
     }
     return largest;
 }
 
 void PeerAccounts::closeConnection(PeerAccount& account) {
-    std::lock_guard<std::mutex> guard(mLock);
-    --mConnections;
-    if (--account.mConnections > 0) return;
+    sp<PeerAccount> unlisted;  // let go after the lock
+    LockGuard guard(mLock);
     auto listed = mAccounts.find(account.pid());
-    if (listed != mAccounts.end() && listed->second.get() == &account) mAccounts.erase(listed);
+    // Only a listed account has connections.
+    if (listed == mAccounts.end() || listed->second.account.get() != &account) return;
+    --mConnections;
+    if (--listed->second.connections > 0) return;
+    unlisted = std::move(listed->second.account);
+    mAccounts.erase(listed);
 }
 
 }  // namespace tvbinder

@@ -6,13 +6,58 @@
 #include <utils/RefBase.h>
 
 #include <atomic>
-#include <mutex>
 #include <unordered_map>
+
+#include "base/Locks.h"
 
 namespace android {
 namespace tvbinder {
 
-class PeerAccounts;
+class PeerAccount;
+
+// The accounts of the processes connected to this one, and the caps on
+// accepted connections: derived from the descriptor limit, with a reserve
+// left to the application. Owned by the Runtime; used from every thread.
+// (Per-process shares are the wire's: bodies are charged while they are read.)
+class PeerAccounts {
+  public:
+    static constexpr uint32_t kMaxLinksPerProcess = 4;
+    static constexpr uint64_t kBodyBudgetPerProcess = 32 * 1024 * 1024;
+
+    // Derives the caps from the descriptor limit (RLIMIT_NOFILE).
+    void init();
+    // Derives the caps from a limit of `descriptors`.
+    void setDescriptorLimit(size_t descriptors);
+    struct Admission {
+        sp<PeerAccount> account;  // null: refused
+        // Set when all connections are taken: the process holding the most,
+        // more than the newcomer would, gives one up for it.
+        sp<PeerAccount> evictFrom;
+    };
+    // One more connection from `pid`: refused beyond the process's share,
+    // and, when all are taken, unless another process holds more.
+    Admission admitConnection(pid_t pid);
+    // One connection of the account's process is gone (or was never made).
+    void closeConnection(PeerAccount& account);
+    // How many processes may be watched at once (a pidfd and a link each).
+    size_t maxWatchedProcesses() const { return mMaxWatched; }
+
+  private:
+    struct Entry {
+        sp<PeerAccount> account;
+        size_t connections = 0;
+    };
+    const Entry* largestLocked() const TV_REQUIRES(mLock);
+
+    // Set once, before any connection is admitted.
+    size_t mMaxConnections = 0;
+    size_t mMaxPerProcess = 0;
+    size_t mMaxWatched = 0;
+    Mutex mLock{LockRank::kAccounts};
+    size_t mConnections TV_GUARDED_BY(mLock) = 0;
+    // The processes with connections here.
+    std::unordered_map<pid_t, Entry> mAccounts TV_GUARDED_BY(mLock);
+};
 
 // What one peer process holds in this process: the connections it opened
 // here, how many of them are one-way links, and the bytes of large frame
@@ -44,7 +89,6 @@ class PeerAccount : public RefBase {
     const pid_t mPid;
     std::atomic<uint64_t> mBodyBytes{0};
     std::atomic<uint32_t> mLinks{0};
-    size_t mConnections = 0;  // guarded by the PeerAccounts' lock
 };
 
 // The bytes of a large body charged to a peer; given back when it goes.
@@ -59,41 +103,6 @@ class BodyCharge {
   private:
     sp<PeerAccount> mAccount;
     size_t mBytes = 0;
-};
-
-// The accounts of the processes connected to this one, and the caps on
-// accepted connections: derived from the descriptor limit, with a reserve
-// left to the application. Owned by the Runtime; used from every thread.
-class PeerAccounts {
-  public:
-    static constexpr uint32_t kMaxLinksPerProcess = 4;
-    static constexpr uint64_t kBodyBudgetPerProcess = 32 * 1024 * 1024;
-
-    // Reads the descriptor limit.
-    void init();
-    struct Admission {
-        sp<PeerAccount> account;  // null: refused
-        // Set when all connections are taken: the process holding the most,
-        // more than the newcomer would, gives one up for it.
-        sp<PeerAccount> evictFrom;
-    };
-    // One more connection from `pid`: refused beyond the process's share,
-    // and, when all are taken, unless another process holds more.
-    Admission admitConnection(pid_t pid);
-    // One connection of the account's process is gone (or was never made).
-    void closeConnection(PeerAccount& account);
-    // How many processes may be watched at once (a pidfd and a link each).
-    size_t maxWatchedProcesses() const { return mMaxWatched; }
-
-  private:
-    PeerAccount* largestLocked() const;
-
-    size_t mMaxConnections = 0;
-    size_t mMaxPerProcess = 0;
-    size_t mMaxWatched = 0;
-    std::mutex mLock;  // guards everything below
-    size_t mConnections = 0;
-    std::unordered_map<pid_t, sp<PeerAccount>> mAccounts;
 };
 
 }  // namespace tvbinder

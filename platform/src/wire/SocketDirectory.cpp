@@ -5,8 +5,10 @@
 #include <dirent.h>
 #include <errno.h>
 #include <fcntl.h>
+#include <inttypes.h>
 #include <log/log.h>
 #include <stddef.h>
+#include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/file.h>
@@ -14,9 +16,10 @@
 #include <unistd.h>
 
 #include <fstream>
-#include <mutex>
 #include <set>
 #include <vector>
+
+#include "base/Locks.h"
 
 namespace android {
 namespace tvbinder {
@@ -68,9 +71,9 @@ std::string SocketDirectory::path() {
     // Chosen and checked once per user: a private directory cannot be
     // changed by anybody else since (both places are the user's own, or in
     // sticky /tmp). Looked up again after setuid(), or after a failure.
-    static std::mutex* lock = new std::mutex;
+    static auto* lock = new Mutex(LockRank::kSocketDirectory);
     static auto* known = new std::pair<uid_t, std::string>(static_cast<uid_t>(-1), "");
-    std::lock_guard<std::mutex> guard(*lock);
+    LockGuard guard(*lock);
     if (known->first != geteuid() || known->second.empty()) {
         *known = {geteuid(), choosePath()};
     }
@@ -108,6 +111,18 @@ void SocketDirectory::removeStale(size_t limit) {
     for (const std::string& socket : sockets) {
         if (bound.count(socket) == 0) unlink(socket.c_str());
     }
+}
+
+std::string endpointAddress(uint64_t endpoint) {
+    char name[32];
+    snprintf(name, sizeof(name), "/ep-%016" PRIx64, endpoint);
+    return SocketDirectory::path() + name;
+}
+
+std::string contextAddress(const std::string& context) {
+    // A context name is one file name: no way out of the directory.
+    if (context.find('/') != std::string::npos || context == "." || context == "..") return "";
+    return SocketDirectory::path() + "/ctx-" + context;
 }
 
 bool socketAddress(const std::string& path, sockaddr_un* address, socklen_t* length) {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <stdint.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 
@@ -35,6 +36,12 @@ class SocketDirectoryLock {
   private:
     int mFd;
 };
+
+// "<socket directory>/ep-<16 hex digits>": where a process listens.
+std::string endpointAddress(uint64_t endpoint);
+// "<socket directory>/ctx-<context>", or "" for a context name that is not a
+// plain file name.
+std::string contextAddress(const std::string& context);
 
 // The address of the socket file `path`; false when it does not fit.
 bool socketAddress(const std::string& path, sockaddr_un* address, socklen_t* length);
