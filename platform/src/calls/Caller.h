@@ -45,8 +45,9 @@ class Caller : public GrantRequester {
     // Waits for the reply on the session's connection, serving meanwhile the
     // calls that arrive on it and those of the thread's chain that arrive
     // elsewhere.
-    status_t awaitReply(const Session& session, Parcel* reply);
-    status_t receiveReply(const Session& session, Parcel* reply, ChainMailbox& mailbox);
+    [[nodiscard]] status_t awaitReply(const Session& session, Parcel* reply);
+    [[nodiscard]] status_t receiveReply(const Session& session, Parcel* reply,
+                                        ChainMailbox& mailbox);
     void serveHandedCalls(ChainMailbox& mailbox);
 
     ObjectCodec& mObjects;

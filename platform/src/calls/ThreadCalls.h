@@ -53,8 +53,9 @@ class ThreadCalls {
     // session's peer: for its length the thread's caller is that peer and,
     // for a synchronous one, its chain is `chain` and the session is served.
     // No transport lock may be held: application code runs.
-    static status_t execute(const Session& session, BBinder& target, uint32_t code,
-                            const Parcel& data, Parcel* reply, uint32_t flags, uint64_t chain);
+    [[nodiscard]] static status_t execute(const Session& session, BBinder& target, uint32_t code,
+                                          const Parcel& data, Parcel* reply, uint32_t flags,
+                                          uint64_t chain);
 
   private:
     // Sets the thread up to execute one transaction and restores it after.

@@ -29,7 +29,7 @@ class LinkReader : public AcceptedConnection::Handler {
   private:
     // Reads (up to a budget) what waits on the link: DEAD_OBJECT when it
     // ended, BAD_VALUE when it must be dropped.
-    status_t readWaiting(const sp<AcceptedConnection>& link);
+    [[nodiscard]] status_t readWaiting(const sp<AcceptedConnection>& link);
 
     LinkIntake& mIntake;
     LinkStallGuard& mStallGuard;

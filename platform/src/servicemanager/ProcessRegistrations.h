@@ -31,8 +31,8 @@ class ProcessRegistrations : public IBinder::DeathRecipient {
     static ProcessRegistrations& self();
 
     // Registers through `manager`; kept when accepted.
-    status_t add(const BpServiceManager& manager, const String16& name, const sp<IBinder>& binder,
-                 bool allowIsolated);
+    [[nodiscard]] status_t add(const BpServiceManager& manager, const String16& name,
+                               const sp<IBinder>& binder, bool allowIsolated);
     // Registers the kept names with a service manager just connected to,
     // before anyone else uses it.
     void restore(const BpServiceManager& manager);

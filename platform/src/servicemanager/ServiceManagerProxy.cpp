@@ -164,7 +164,8 @@ status_t BpServiceManager::registerWaiter(const String16& name,
 
 void BpServiceManager::cancelWaiters(const String16& name) const {
     Parcel request, reply;
-    call(CANCEL_WAIT_TRANSACTION, withName(request, name), &reply);
+    // Best effort: this waiter gave up either way.
+    (void)call(CANCEL_WAIT_TRANSACTION, withName(request, name), &reply);
 }
 
 status_t BpServiceManager::addService(const String16& name, const sp<IBinder>& service,

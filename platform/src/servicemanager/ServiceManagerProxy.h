@@ -38,13 +38,14 @@ class BpServiceManager : public BpInterface<IServiceManager> {
     friend class tvbinder::ProcessRegistrations;
 
     // Sends `request` and reads the status that starts every reply.
-    status_t call(uint32_t code, const Parcel& request, Parcel* reply) const;
-    status_t requestAddService(const String16& name, const sp<IBinder>& service,
-                               bool allowIsolated) const;
+    [[nodiscard]] status_t call(uint32_t code, const Parcel& request, Parcel* reply) const;
+    [[nodiscard]] status_t requestAddService(const String16& name, const sp<IBinder>& service,
+                                             bool allowIsolated) const;
     // Hands the service manager `waiter`'s socket, to be woken when `name`
     // appears; the object when it is there already.
-    status_t registerWaiter(const String16& name, tvbinder::ServiceManagerWaiter& waiter,
-                            sp<IBinder>* present) const;
+    [[nodiscard]] status_t registerWaiter(const String16& name,
+                                          tvbinder::ServiceManagerWaiter& waiter,
+                                          sp<IBinder>* present) const;
     // Drops this process's waiters for `name` whose sockets it closed.
     void cancelWaiters(const String16& name) const;
     // Waits for `name` here until `deadline`: the object, or null; *lost when

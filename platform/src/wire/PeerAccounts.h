@@ -71,12 +71,12 @@ class PeerAccount : public RefBase {
 
     // Charges a body of `bytes` before it is copied: false when the
     // process's share is spent.
-    bool takeBody(size_t bytes);
+    [[nodiscard]] bool takeBody(size_t bytes);
     void returnBody(size_t bytes);
     // Makes an accepted connection one of the process's links: false beyond
     // its share (a process has one link per endpoint it serves; an exec'd
     // one briefly two).
-    bool takeLink();
+    [[nodiscard]] bool takeLink();
     // An accepted connection of the process is gone (destroyed: one-ways
     // queued from a link keep it, and its share, until they ran).
     void connectionGone(bool wasLink);

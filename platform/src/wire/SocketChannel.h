@@ -32,8 +32,9 @@ class SocketChannel final : public FrameChannel {
 
   private:
     // Turns a received message of `n` bytes into a frame.
-    status_t parse(const msghdr& message, size_t n, const uint8_t* buffer, Frame* out);
-    status_t readMemfdBody(int memfd, Frame* out);
+    [[nodiscard]] status_t parse(const msghdr& message, size_t n, const uint8_t* buffer,
+                                 Frame* out);
+    [[nodiscard]] status_t readMemfdBody(int memfd, Frame* out);
 
     const int mFd;
     const pid_t mPeerPid;
