@@ -44,8 +44,8 @@ struct Pair {
     std::unique_ptr<ShmChannel> adopter;
 };
 
-Pair makePair(ShmChannelOptions options = {}) {
-    options.ringBytes = kRing;
+Pair makePair(ShmChannelOptions options = {}, size_t ringBytes = kRing) {
+    options.ringBytes = ringBytes;
     Pair pair;
     EXPECT_EQ(NO_ERROR, ShmChannel::create(options, &pair.creator));
     EXPECT_EQ(NO_ERROR, ShmChannel::adopt(fcntl(pair.creator->regionFd(), F_DUPFD_CLOEXEC, 0),
@@ -89,7 +89,8 @@ class Background {
 // The region as the other process sees it: free to write anything anywhere.
 class PeerView {
   public:
-    explicit PeerView(int fd) : mBytes(regionBytes(kRing)) {
+    explicit PeerView(int fd, size_t ringBytes = kRing)
+        : mRing(ringBytes), mBytes(regionBytes(ringBytes)) {
         mBase =
             static_cast<uint8_t*>(mmap(nullptr, mBytes, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0));
         EXPECT_NE(MAP_FAILED, mBase);
@@ -99,13 +100,15 @@ class PeerView {
         return *reinterpret_cast<DirectionControl*>(mBase + kControlOffset +
                                                     direction * sizeof(DirectionControl));
     }
+    uint8_t* data(int direction) { return mBase + kDataOffset + direction * mRing; }
     void putRecord(int direction, uint64_t at, uint32_t payload, uint32_t remaining) {
         const RecordHeader header{payload, remaining};
-        memcpy(mBase + kDataOffset + direction * kRing + at % kRing, &header, sizeof header);
+        memcpy(data(direction) + at % mRing, &header, sizeof header);
     }
     void publish(int direction, uint64_t tail) { control(direction).tail.store(tail); }
 
   private:
+    size_t mRing;
     size_t mBytes;
     uint8_t* mBase;
 };
@@ -129,6 +132,26 @@ TEST(ShmChannelTest, MessagesArriveWholeAndInOrderAcrossWrapsInBothDirections) {
         EXPECT_EQ(text, receiveText(pair.adopter.get())) << length;
         sender.join();  // the receive above returned: the sender is not waiting for room
     }
+}
+
+// After a large message, small ones go back to the front of the ring (past a
+// skip record), and trim() gives the pages beyond the front back.
+TEST(ShmChannelTest, SmallMessagesKeepToTheFrontOfALargeRing) {
+    constexpr size_t kLarge = 256 * 1024;
+    Pair pair = makePair({}, kLarge);
+    const std::string big = pattern(200 * 1024, 5);
+    ASSERT_EQ(NO_ERROR, sendText(pair.creator.get(), big));
+    ASSERT_EQ(big, receiveText(pair.adopter.get()));
+    for (unsigned i = 0; i < 3; ++i) {
+        ASSERT_EQ(NO_ERROR, sendText(pair.creator.get(), pattern(100, i)));
+        ASSERT_EQ(pattern(100, i), receiveText(pair.adopter.get()));
+    }
+    PeerView peer(pair.creator->regionFd(), kLarge);
+    EXPECT_EQ(kLarge + 3 * (8 + 104), peer.control(0).tail.load());
+    pair.creator->trim();
+    EXPECT_EQ(0, peer.data(0)[200 * 1024]);
+    EXPECT_EQ(NO_ERROR, sendText(pair.creator.get(), big));
+    EXPECT_EQ(big, receiveText(pair.adopter.get()));
 }
 
 TEST(ShmChannelTest, AFullRingHoldsTheSenderBackWithoutLosingAnything) {
@@ -164,6 +187,9 @@ TEST(ShmChannelTest, ALyingWriterBreaksOnlyItsChannel) {
         {"empty message", {{0, 0}}, 8},
         {"continuation of another message", {{8, 100}, {8, 50}}, 32},
         {"tail behind the head", {{8, 8}}, 16},
+        {"skip short of the wrap", {{16, kSkipToWrap}}, 24},
+        {"skip beyond what was published", {{kRing - 8, kSkipToWrap}}, 8},
+        {"skip inside a message", {{8, 100}, {kRing - 24, kSkipToWrap}}, kRing},
     };
     ShmChannelOptions options;
     options.maxMessage = 1000;

@@ -23,6 +23,10 @@ void futexWake(std::atomic<uint32_t>* word, int waiters) {
     syscall(SYS_futex, reinterpret_cast<uint32_t*>(word), FUTEX_WAKE, waiters, nullptr, nullptr, 0);
 }
 
+uint32_t currentCpu() {
+    return static_cast<uint32_t>(sched_getcpu() + 1);
+}
+
 bool threadMayRunInParallel() {
     thread_local const bool parallel = [] {
         cpu_set_t cpus;

@@ -24,6 +24,10 @@ void futexWake(std::atomic<uint32_t>* word, int waiters);
 // only makes sense when the peer can run meanwhile. Read once per thread.
 bool threadMayRunInParallel();
 
+// The CPU the calling thread runs on plus one (0 stands for unknown); it may
+// move at any time: a hint.
+uint32_t currentCpu();
+
 // One step of a busy wait: tells the CPU we are spinning.
 inline void spinPause() {
 #if defined(__x86_64__) || defined(__i386__)

@@ -62,6 +62,7 @@ struct DirectionControl {
     alignas(kCacheLine) std::atomic<uint64_t> tail;      // producer: end of published records
     alignas(kCacheLine) std::atomic<uint64_t> head;      // consumer: end of consumed records
     alignas(kCacheLine) std::atomic<uint32_t> consumer;  // WaiterState of the consumer
+    std::atomic<uint32_t> consumerCpu;  // currentCpu() where it last woke up: a hint
     alignas(kCacheLine) std::atomic<uint32_t> producer;  // WaiterState of a producer out of space
 };
 
@@ -73,6 +74,10 @@ struct RecordHeader {
     uint32_t remaining;  // bytes of the message from this record on, this one's included
 };
 constexpr size_t kRecordAlign = 8;
+// `remaining` of a record that only skips to the end of the ring (its payload
+// being the bytes up to there): the producer starts again at the front of an
+// empty ring, so that small messages keep to the first pages.
+constexpr uint32_t kSkipToWrap = UINT32_MAX;
 static_assert(sizeof(RecordHeader) == kRecordAlign, "headers never straddle the wrap");
 
 constexpr size_t regionBytes(size_t ringBytes) {

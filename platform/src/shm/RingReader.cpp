@@ -25,6 +25,10 @@ status_t RingReader::read(MessageSink* sink, size_t* length) {
         if (tail == mHead) return WOULD_BLOCK;
         RecordHeader header;
         status_t status = takeHeader(tail, &header);
+        if (status == NO_ERROR && header.remaining == kSkipToWrap) {
+            release(mHead + sizeof header + header.payload);
+            continue;
+        }
         if (status == NO_ERROR && mMessage == nullptr) status = startMessage(header, sink);
         if (status != NO_ERROR) return fail(status);
         const size_t position = static_cast<size_t>((mHead + sizeof header) % mRingBytes);
@@ -43,7 +47,16 @@ status_t RingReader::takeHeader(uint64_t tail, RecordHeader* header) {
     // Unsigned: a tail behind the head reads as a huge distance.
     const uint64_t published = tail - mHead;
     if (published > mRingBytes || published < sizeof *header) return kPeerCorrupted;
-    memcpy(header, mData + mHead % mRingBytes, sizeof *header);
+    const size_t position = static_cast<size_t>(mHead % mRingBytes);
+    memcpy(header, mData + position, sizeof *header);
+    if (header->remaining == kSkipToWrap) {
+        // Only between messages, exactly to the wrap, and only over published bytes.
+        const size_t toWrap = mRingBytes - position - sizeof *header;
+        return mMessage == nullptr && header->payload == toWrap &&
+                       mRingBytes - position <= published
+                   ? NO_ERROR
+                   : kPeerCorrupted;
+    }
     const size_t expected = mMessageLength - mFilled;  // what a continuation must announce
     const bool fits = sizeof *header + alignRecord(header->payload) <= published;
     const bool continues = mMessage == nullptr || header->remaining == expected;

@@ -34,6 +34,7 @@ class RingReader {
     bool corrupted() const { return mCorrupted; }
 
     std::atomic<uint32_t>* consumerWord() { return &mControl->consumer; }
+    std::atomic<uint32_t>* consumerCpu() { return &mControl->consumerCpu; }
 
   private:
     // The next record's header, checked against the published bytes.

@@ -46,6 +46,14 @@ void RingWriter::append(GatherCursor* source, uint32_t payload, uint32_t remaini
     mTail += sizeof header + alignRecord(payload);
 }
 
+void RingWriter::rewindIfPast(size_t threshold) {
+    const size_t at = position();
+    if (at < threshold) return;
+    const RecordHeader skip{static_cast<uint32_t>(mRingBytes - at - sizeof skip), kSkipToWrap};
+    memcpy(mData + at, &skip, sizeof skip);
+    mTail += mRingBytes - at;
+}
+
 void RingWriter::copyIn(size_t position, GatherCursor* source, size_t length) {
     const size_t first = std::min(length, mRingBytes - position);
     source->copyTo(mData + position, first);

@@ -39,6 +39,11 @@ class RingWriter {
     // Appends one record of `payload` bytes from `source`, not yet visible;
     // `remaining` as in RecordHeader. The caller made sure it fits.
     void append(GatherCursor* source, uint32_t payload, uint32_t remaining);
+    // When the ring is empty (checked by the caller) and the next record would
+    // start `threshold` bytes or more into it, appends a skip to the front.
+    void rewindIfPast(size_t threshold);
+    // Where the next record goes.
+    size_t position() const { return static_cast<size_t>(mTail % mRingBytes); }
     // Makes the appended records visible. Returns the consumer's state when it
     // waited (kSleeping or kPolling, since turned into kWoken), for the caller
     // to wake it, else kRunning.
@@ -46,6 +51,7 @@ class RingWriter {
 
     std::atomic<uint32_t>* producerWord() { return &mControl->producer; }
     std::atomic<uint32_t>* consumerWord() { return &mControl->consumer; }
+    std::atomic<uint32_t>* consumerCpu() { return &mControl->consumerCpu; }
 
   private:
     void copyIn(size_t position, GatherCursor* source, size_t length);

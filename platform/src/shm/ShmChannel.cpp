@@ -9,6 +9,17 @@
 namespace android {
 namespace tvbinder {
 namespace shm {
+namespace {
+
+// Records of a streamed message: small enough that the reader frees room
+// within the writer's spin, so that on two CPUs neither side sleeps.
+constexpr size_t kStreamChunk = 16 * 1024;
+// Small messages keep to this much of the front of a ring (a page multiple):
+// only large ones touch, and make resident, the pages beyond.
+constexpr size_t kFrontBytes = 64 * 1024;
+
+}  // namespace
+
 status_t ShmChannel::create(const ShmChannelOptions& options, std::unique_ptr<ShmChannel>* out) {
     std::unique_ptr<ShmRegion> region;
     const status_t status = ShmRegion::create(options.ringBytes, &region);
@@ -32,6 +43,7 @@ ShmChannel::ShmChannel(std::unique_ptr<ShmRegion> region, int outgoing,
       mWriter(mRegion->control(outgoing), mRegion->data(outgoing), mRegion->ringBytes()),
       mReader(mRegion->control(1 - outgoing), mRegion->data(1 - outgoing), mRegion->ringBytes(),
               options.maxMessage),
+      mOutgoing(outgoing),
       mSpin(options.spin),
       mSleepSlice(options.sleepSlice) {}
 
@@ -44,8 +56,25 @@ status_t ShmChannel::send(const iovec* parts, size_t count, Clock::time_point de
     const size_t length = source.remaining();
     if (length == 0 || length > UINT32_MAX) return BAD_VALUE;
     const size_t whole = sizeof(RecordHeader) + alignRecord(length);
-    return whole <= mWriter.ringBytes() ? sendWhole(&source, whole, deadline)
-                                        : sendStreamed(&source, deadline);
+    if (whole > mWriter.ringBytes()) return sendStreamed(&source, deadline);
+    rewindIfEmpty(whole);
+    return sendWhole(&source, whole, deadline);
+}
+
+// Back to the front of an empty ring, when the message fits before where the
+// next record would go: the skip costs nothing then.
+void ShmChannel::rewindIfEmpty(size_t bytes) {
+    size_t room = 0;
+    if (mWriter.freeBytes(&room) != NO_ERROR || room != mWriter.ringBytes()) return;
+    if (bytes <= mWriter.position()) mWriter.rewindIfPast(kFrontBytes);
+}
+
+void ShmChannel::trim() {
+    size_t room = 0;
+    if (mWriter.freeBytes(&room) != NO_ERROR || room != mWriter.ringBytes()) return;
+    if (mWriter.ringBytes() > kFrontBytes && mWriter.position() < kFrontBytes) {
+        mRegion->discard(mOutgoing, kFrontBytes);
+    }
 }
 
 status_t ShmChannel::sendWhole(GatherCursor* source, size_t bytes, Clock::time_point deadline) {
@@ -57,10 +86,10 @@ status_t ShmChannel::sendWhole(GatherCursor* source, size_t bytes, Clock::time_p
     return NO_ERROR;
 }
 
-// Records of at least a quarter ring (or the rest of the message), published
-// one by one so that the reader copies out while the next one goes in.
+// Records published one by one, so that the reader copies out while the next
+// one goes in.
 status_t ShmChannel::sendStreamed(GatherCursor* source, Clock::time_point deadline) {
-    const size_t chunk = mWriter.ringBytes() / 4;
+    const size_t chunk = std::min(mWriter.ringBytes() / 4, kStreamChunk);
     const size_t length = source->remaining();
     while (source->remaining() > 0) {
         const size_t rest = sizeof(RecordHeader) + alignRecord(source->remaining());
@@ -87,8 +116,7 @@ status_t ShmChannel::waitForRoom(size_t bytes, Clock::time_point deadline) {
         if (status != NO_ERROR) return breakWith(status);
         if (room >= bytes) return NO_ERROR;
         auto ready = [&] { return mWriter.freeBytes(&room) != NO_ERROR || room >= bytes; };
-        const status_t waited =
-            waitFor(mWriter.producerWord(), mWriter.consumerWord(), ready, deadline);
+        const status_t waited = waitFor(mWriter.producerWord(), nullptr, ready, deadline);
         if (waited != NO_ERROR) return waited;
     }
 }
@@ -112,7 +140,7 @@ status_t ShmChannel::receive(MessageSink* sink, size_t* length, Clock::time_poin
         if (status != WOULD_BLOCK) return status;
         auto ready = [this] { return mReader.hasData(); };
         const status_t waited =
-            waitFor(mReader.consumerWord(), mWriter.consumerWord(), ready, deadline);
+            waitFor(mReader.consumerWord(), mReader.consumerCpu(), ready, deadline);
         if (waited != NO_ERROR) return waited;
     }
 }
@@ -135,9 +163,9 @@ bool ShmChannel::armPolling() {
 // The sleeper's side of the protocol: announce the sleep (seq_cst store), then
 // re-check (seq_cst loads), then sleep only while the word still says so.
 template <typename Ready>
-status_t ShmChannel::waitFor(std::atomic<uint32_t>* own, const std::atomic<uint32_t>* peer,
-                             Ready ready, Clock::time_point deadline) {
-    if (spinFor(peer, ready)) return NO_ERROR;
+status_t ShmChannel::waitFor(std::atomic<uint32_t>* own, std::atomic<uint32_t>* ownCpu, Ready ready,
+                             Clock::time_point deadline) {
+    if (spinFor(ready)) return NO_ERROR;
     for (;;) {
         own->store(kSleeping, std::memory_order_seq_cst);
         const bool shut = mShutdown.load(std::memory_order_seq_cst);
@@ -152,14 +180,19 @@ status_t ShmChannel::waitFor(std::atomic<uint32_t>* own, const std::atomic<uint3
         }
         futexWait(own, kSleeping, std::min<Clock::duration>(deadline - now, mSleepSlice));
         own->store(kRunning, std::memory_order_seq_cst);
+        if (ownCpu != nullptr) ownCpu->store(currentCpu(), std::memory_order_relaxed);
     }
 }
 
-// Spins only where it can pay: on more than one CPU, while the peer runs
-// (its word says kRunning), for mSpin at most.
+// Spins only where it can pay: on more than one CPU, while the peer runs (its
+// receiving end is not asleep) on another CPU than ours, for mSpin at most.
 template <typename Ready>
-bool ShmChannel::spinFor(const std::atomic<uint32_t>* peer, Ready ready) const {
-    if (mSpin.count() <= 0 || !threadMayRunInParallel()) return false;
+bool ShmChannel::spinFor(Ready ready) {
+    const std::atomic<uint32_t>* peer = mWriter.consumerWord();
+    if (mSpin.count() <= 0 || !threadMayRunInParallel() ||
+        mWriter.consumerCpu()->load(std::memory_order_relaxed) == currentCpu()) {
+        return false;
+    }
     const Clock::time_point end = Clock::now() + mSpin;
     for (unsigned round = 1;; ++round) {
         if (ready()) return true;

@@ -20,7 +20,10 @@ namespace tvbinder {
 namespace shm {
 
 struct ShmChannelOptions {
-    size_t ringBytes = 256 * 1024;  // per direction; the adopter takes the creator's
+    // Per direction; the adopter takes the creator's. Pages become resident
+    // only when touched: small messages keep to the first 64 KiB, and only a
+    // large body makes more of the ring resident (see trim()).
+    size_t ringBytes = 2 << 20;
     // Longest message this end accepts; longer ones count as corruption.
     size_t maxMessage = (size_t{16} << 20) + 64 * 1024;
     // How long a wait may spin before sleeping, and only while the peer runs.
@@ -33,7 +36,8 @@ struct ShmChannelOptions {
 // One process's end of a connection's shared-memory data path: a ring out
 // and a ring in over one sealed region. Messages of any length up to the
 // maximum: one that fits the ring is written whole or not at all, a longer
-// one streams through it in records while the reader copies them out.
+// one streams through it in records while the reader copies them out. Each
+// byte is copied once by each side: in by the sender, out by the receiver.
 //
 // Waiting never spends CPU beyond the bounded spin: a thread that waits sleeps
 // on the direction's futex word (with a time-out), and a pool that waits in
@@ -79,6 +83,11 @@ class ShmChannel {
     // data arrived meanwhile; then read it now, since no wake-up will come.
     bool armPolling();
 
+    // Gives back the pages of the outgoing ring beyond its first 64 KiB when
+    // it is empty; the next large message makes them resident again. For an
+    // idle connection; called by its sender (not while another thread sends).
+    void trim();
+
     // Wakes every thread waiting on this end; later calls fail with DEAD_OBJECT.
     void shutdown();
     bool broken() const { return mBroken.load(std::memory_order_acquire); }
@@ -86,20 +95,24 @@ class ShmChannel {
   private:
     ShmChannel(std::unique_ptr<ShmRegion> region, int outgoing, const ShmChannelOptions& options);
 
+    void rewindIfEmpty(size_t bytes);
     status_t sendWhole(GatherCursor* source, size_t length, Clock::time_point deadline);
     status_t sendStreamed(GatherCursor* source, Clock::time_point deadline);
     status_t waitForRoom(size_t bytes, Clock::time_point deadline);
     void publishAndWake();
+    // Waits until ready() on the futex word `own`; a receiver also publishes
+    // the CPU it wakes up on in `ownCpu`, for the peer's spinning.
     template <typename Ready>
-    status_t waitFor(std::atomic<uint32_t>* own, const std::atomic<uint32_t>* peer, Ready ready,
+    status_t waitFor(std::atomic<uint32_t>* own, std::atomic<uint32_t>* ownCpu, Ready ready,
                      Clock::time_point deadline);
     template <typename Ready>
-    bool spinFor(const std::atomic<uint32_t>* peer, Ready ready) const;
+    bool spinFor(Ready ready);
     status_t breakWith(status_t status);
 
     const std::unique_ptr<ShmRegion> mRegion;
     RingWriter mWriter;
     RingReader mReader;
+    const int mOutgoing;  // the direction this end writes
     const std::chrono::nanoseconds mSpin;
     const std::chrono::nanoseconds mSleepSlice;
     PollWaker mPollWaker;

@@ -92,6 +92,12 @@ DirectionControl* ShmRegion::control(int direction) const {
     return static_cast<DirectionControl*>(at);
 }
 
+void ShmRegion::discard(int direction, size_t from) const {
+    const size_t start = kDataOffset + mRingBytes * static_cast<size_t>(direction) + from;
+    fallocate(mFd, FALLOC_FL_PUNCH_HOLE | FALLOC_FL_KEEP_SIZE, static_cast<off_t>(start),
+              static_cast<off_t>(mRingBytes - from));
+}
+
 uint8_t* ShmRegion::data(int direction) const {
     return mBase + kDataOffset + mRingBytes * static_cast<size_t>(direction);
 }

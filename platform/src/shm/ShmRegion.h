@@ -36,6 +36,9 @@ class ShmRegion {
     int fd() const { return mFd; }
     size_t ringBytes() const { return mRingBytes; }
     DirectionControl* control(int direction) const;
+    // Gives the pages of a direction's ring from `from` on back to the system;
+    // they read as zeros when touched again. The size stays: nothing faults.
+    void discard(int direction, size_t from) const;
     uint8_t* data(int direction) const;
 
   private:
