@@ -59,7 +59,8 @@ struct Scribble {
     static Scribble from(fuzz::Input* input) {
         const size_t offset = u16(input) % (kRing - sizeof(RecordHeader) + 1);
         const auto payload = static_cast<uint32_t>(u16(input));
-        return {offset, {payload, static_cast<uint32_t>(u16(input))}};
+        const size_t remaining = u16(input);
+        return {offset, {payload, remaining == 0xffff ? kSkipToWrap : uint32_t(remaining)}};
     }
     void apply() const { memcpy(region().data(0) + offset, &header, sizeof header); }
 };
@@ -128,6 +129,10 @@ class Session {
         size_t room = 0;
         if (mWriter.freeBytes(&room) != android::NO_ERROR || room < sizeof(RecordHeader)) return;
         const size_t rest = message.size() - mPartSent;
+        if (mPartSent == 0 && room == kRing && alignRecord(rest) + 8 <= mWriter.position()) {
+            mWriter.rewindIfPast(kRing / 2);  // as the channel does, at half the ring here
+            if (mWriter.freeBytes(&room) != android::NO_ERROR) return;
+        }
         const size_t payload = std::min({wanted, rest, (room - sizeof(RecordHeader)) & ~size_t{7}});
         iovec part{const_cast<uint8_t*>(message.data()) + mPartSent, payload};
         GatherCursor source(&part, 1);
