@@ -44,6 +44,7 @@ ShmChannel::ShmChannel(std::unique_ptr<ShmRegion> region, int outgoing,
       mReader(mRegion->control(1 - outgoing), mRegion->data(1 - outgoing), mRegion->ringBytes(),
               options.maxMessage),
       mOutgoing(outgoing),
+      mMaxMessage(std::min<size_t>(options.maxMessage, UINT32_MAX)),
       mSpin(options.spin),
       mSleepSlice(options.sleepSlice) {}
 
@@ -54,7 +55,8 @@ status_t ShmChannel::send(const iovec* parts, size_t count, Clock::time_point de
     if (broken()) return kPeerCorrupted;
     GatherCursor source(parts, count);
     const size_t length = source.remaining();
-    if (length == 0 || length > UINT32_MAX) return BAD_VALUE;
+    // The peer's limit is taken to be ours: beyond it, it would drop the connection.
+    if (length == 0 || length > mMaxMessage) return BAD_VALUE;
     const size_t whole = sizeof(RecordHeader) + alignRecord(length);
     if (whole > mWriter.ringBytes()) return sendStreamed(&source, deadline);
     rewindIfEmpty(whole);
@@ -101,7 +103,8 @@ status_t ShmChannel::sendStreamed(GatherCursor* source, Clock::time_point deadli
             return source->remaining() < length ? breakWith(status) : status;
         }
         const size_t payload =
-            std::min(source->remaining(), (room - sizeof(RecordHeader)) & ~(kRecordAlign - 1));
+            std::min(source->remaining(),
+                     (std::min(room, chunk) - sizeof(RecordHeader)) & ~(kRecordAlign - 1));
         const auto remaining = static_cast<uint32_t>(source->remaining());
         mWriter.append(source, static_cast<uint32_t>(payload), remaining);
         publishAndWake();

@@ -113,6 +113,7 @@ class ShmChannel {
     RingWriter mWriter;
     RingReader mReader;
     const int mOutgoing;  // the direction this end writes
+    const size_t mMaxMessage;
     const std::chrono::nanoseconds mSpin;
     const std::chrono::nanoseconds mSleepSlice;
     PollWaker mPollWaker;
