@@ -28,8 +28,8 @@ using android::status_t;
 using namespace android::tvbinder::shm;
 
 constexpr size_t kRing = 4096;
-constexpr size_t kMaxMessage = 40000;
-constexpr size_t kMaxQueued = 16;  // honest messages not yet read
+constexpr size_t kMaxMessage = 3 * kRing;  // enough to stream through the ring
+constexpr size_t kMaxQueued = 8;           // honest messages not yet read
 
 ShmRegion& region() {
     static ShmRegion* const made = [] {
@@ -134,6 +134,7 @@ class Session {
             if (mWriter.freeBytes(&room) != android::NO_ERROR) return;
         }
         const size_t payload = std::min({wanted, rest, (room - sizeof(RecordHeader)) & ~size_t{7}});
+        if (payload == 0) return;  // as the channel: every record carries bytes of its message
         iovec part{const_cast<uint8_t*>(message.data()) + mPartSent, payload};
         GatherCursor source(&part, 1);
         mWriter.append(&source, uint32_t(payload), uint32_t(rest));
