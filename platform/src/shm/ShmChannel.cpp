@@ -11,8 +11,9 @@ namespace tvbinder {
 namespace shm {
 namespace {
 
-// Records of a streamed message: small enough that the reader frees room
-// within the writer's spin, so that on two CPUs neither side sleeps.
+// The room a streamed message waits for before its next record, which then
+// takes all the room there is: on one CPU every record written while the
+// reader sleeps costs a switch to it and back.
 constexpr size_t kStreamChunk = 16 * 1024;
 // Small messages keep to this much of the front of a ring (a page multiple):
 // only large ones touch, and make resident, the pages beyond.
@@ -88,8 +89,8 @@ status_t ShmChannel::sendWhole(GatherCursor* source, size_t bytes, Clock::time_p
     return NO_ERROR;
 }
 
-// Records published one by one, so that the reader copies out while the next
-// one goes in.
+// Records published one by one, so that the reader can copy out while the
+// next one goes in.
 status_t ShmChannel::sendStreamed(GatherCursor* source, Clock::time_point deadline) {
     const size_t chunk = std::min(mWriter.ringBytes() / 4, kStreamChunk);
     const size_t length = source->remaining();
@@ -103,8 +104,7 @@ status_t ShmChannel::sendStreamed(GatherCursor* source, Clock::time_point deadli
             return source->remaining() < length ? breakWith(status) : status;
         }
         const size_t payload =
-            std::min(source->remaining(),
-                     (std::min(room, chunk) - sizeof(RecordHeader)) & ~(kRecordAlign - 1));
+            std::min(source->remaining(), (room - sizeof(RecordHeader)) & ~(kRecordAlign - 1));
         const auto remaining = static_cast<uint32_t>(source->remaining());
         mWriter.append(source, static_cast<uint32_t>(payload), remaining);
         publishAndWake();
