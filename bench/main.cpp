@@ -52,7 +52,7 @@ void measureRoundTrips(const BenchOptions& options, Report* report) {
         report->addLatency(std::string("round trip 16 B, ") + placement,
                            binder::roundTripMicros(pinned, options.roundTrips), rawMicros,
                            kMaxRoundTripRatio);
-        report->addLatency(std::string("shared memory + futex ping-pong (floor), ") + placement,
+        report->addLatency(std::string("floor (shm + futex), ") + placement,
                            shmfloor::roundTripMicros(pinned, options.roundTrips), rawMicros,
                            kMaxFloorRatio);
     }
