@@ -11,6 +11,7 @@
 #include "RawSocketBench.h"
 #include "Report.h"
 #include "ServiceManagerDaemon.h"
+#include "ShmFloorBench.h"
 #include "TavrinBench.h"
 
 namespace {
@@ -19,6 +20,9 @@ constexpr double kMaxRoundTripRatio = 1.5;
 constexpr double kMinThroughputRatio = 0.5;
 constexpr double kMinOneWayRatio = 0.8;
 constexpr double kMaxDeathNoticeMillis = 5;
+// The bare shared-memory futex ping-pong is the floor under any round trip;
+// it is only expected to beat the raw socket.
+constexpr double kMaxFloorRatio = 1.0;
 // Notifications carry more than a bare one-way (a class name, the addressed
 // client, a look-up of its handle on each side), so less is asked of them.
 constexpr double kMinNotificationRatio = 0.4;
@@ -44,9 +48,13 @@ void measureRoundTrips(const BenchOptions& options, Report* report) {
     for (bool pinned : {true, false}) {
         const char* placement = placementOf(pinned);
         fprintf(stderr, "round trips, %s...\n", placement);
+        const std::optional<double> rawMicros = raw::roundTripMicros(pinned, options.roundTrips);
         report->addLatency(std::string("round trip 16 B, ") + placement,
-                           binder::roundTripMicros(pinned, options.roundTrips),
-                           raw::roundTripMicros(pinned, options.roundTrips), kMaxRoundTripRatio);
+                           binder::roundTripMicros(pinned, options.roundTrips), rawMicros,
+                           kMaxRoundTripRatio);
+        report->addLatency(std::string("floor (shm + futex), ") + placement,
+                           shmfloor::roundTripMicros(pinned, options.roundTrips), rawMicros,
+                           kMaxFloorRatio);
     }
 }
 

@@ -9,9 +9,9 @@
 #include <vector>
 
 #include "Commands.h"
-#include "SocketDirectory.h"
 #include "Table.h"
 #include "coupler/binder/monitor/JsonText.h"
+#include "wire/SocketDirectory.h"
 
 namespace tavrin_cli {
 namespace {

@@ -1,5 +1,6 @@
 // Sends each input as one message through a real SOCK_SEQPACKET pair into
-// Connection's receive path, then validates the frame as the dispatcher does.
+// the socket path's receive (a Connection's SocketChannel), then validates
+// the frame as the transport does.
 //
 // Input: one mode byte (FuzzFormats.h), then the message. With kBodyInMemfd
 // the message is the header only and the bytes after it go into a memfd sent
@@ -8,9 +9,9 @@
 #include <sys/mman.h>
 #include <sys/socket.h>
 
-#include "Connection.h"
 #include "FuzzFormats.h"
 #include "FuzzSupport.h"
+#include "wire/Connection.h"
 
 namespace {
 
@@ -31,7 +32,7 @@ const Link& link() {
     static const Link* const made = [] {
         int fds[2];
         FUZZ_CHECK(socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, fds) == 0);
-        return new Link{fds[0], Connection::adoptAccepted(fds[1])};
+        return new Link{fds[0], Connection::adopt(fds[1])};
     }();
     return *made;
 }
@@ -74,7 +75,7 @@ void check(const Frame& frame, status_t status) {
     FUZZ_CHECK(status != android::WOULD_BLOCK);  // the message was there
     // validate() reads the records the offsets point at: ASan checks that
     // parse() left it nothing to read beyond the data.
-    if (status == android::NO_ERROR) frame.validate();
+    if (status == android::NO_ERROR) (void)frame.validate();
 }
 
 }  // namespace

@@ -48,4 +48,19 @@ enum CarrierTarget : uint8_t {
     kCarrierTargetCount
 };
 
+// ShmRingFuzzer: one step per byte, modulo the count, each followed by its
+// operands (little-endian). Steps of a lie end the check against what the
+// honest writer sent.
+enum ShmRingStep : uint8_t {
+    kShmNewMessage,     // uint16 length - 1: an honest message, sent by kShmSendPart
+    kShmSendPart,       // uint16 bytes at most: the honest writer's next record
+    kShmRead,           // the reader reads
+    kShmReadScribbled,  // then kShmScribble's operands, applied while the reader reserves
+    kShmScribble,  // uint16 offset, uint16 payload, uint16 remaining (0xffff: a skip to the wrap):
+                   // a header put there
+    kShmSetTail,   // int16 distance from the published tail, or 0x7fff then a uint32
+    kShmSetWords,  // uint32 for the consumer word, uint32 for the producer word
+    kShmStepCount,
+};
+
 }  // namespace fuzz

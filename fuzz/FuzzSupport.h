@@ -16,7 +16,7 @@
 #include <algorithm>
 #include <vector>
 
-#include "FlatObject.h"
+#include "wire/FlatObject.h"
 
 namespace fuzz {
 

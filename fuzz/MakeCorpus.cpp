@@ -7,13 +7,13 @@
 
 #include <string>
 
-#include "Frame.h"
 #include "FuzzFormats.h"
 #include "FuzzSupport.h"
 #include "FuzzValues.h"
 #include "coupler/binder/service/ServiceCarrierCode.h"
 #include "coupler/binder/sub-service/SubServiceCarrierCode.h"
 #include "protocol/UniversalSerialization.h"
+#include "wire/Frame.h"
 
 namespace {
 
@@ -291,6 +291,42 @@ void carrierSeeds() {
     receiver.save("CarrierFuzzer", "receiver");
 }
 
+// An honest exchange, a message streamed through the ring in records, and
+// one of each lie after an honest message.
+void shmRingSeeds() {
+    using namespace fuzz;
+    auto u16 = [](Seed& seed, uint16_t value) {
+        seed.byte(uint8_t(value)).byte(uint8_t(value >> 8));
+    };
+    Seed honest;
+    for (uint16_t length : {15, 99, 1000}) {
+        honest.byte(kShmNewMessage);
+        u16(honest, length);
+        honest.byte(kShmSendPart);
+        u16(honest, 0xffff);
+        honest.byte(kShmRead);
+    }
+    honest.save("ShmRingFuzzer", "honest");
+    Seed streamed;
+    streamed.byte(kShmNewMessage);
+    u16(streamed, 20000);
+    for (int i = 0; i < 12; ++i) {
+        streamed.byte(kShmSendPart);
+        u16(streamed, 3000);
+        streamed.byte(kShmRead);
+    }
+    streamed.save("ShmRingFuzzer", "streamed");
+    for (uint8_t lie : {kShmReadScribbled, kShmScribble, kShmSetTail, kShmSetWords}) {
+        Seed seed;
+        seed.byte(kShmNewMessage);
+        u16(seed, 40);
+        seed.byte(kShmSendPart);
+        u16(seed, 0xffff);
+        seed.byte(lie).u32(0x00100000).u32(0xffffffff).byte(kShmRead).byte(kShmRead);
+        seed.save("ShmRingFuzzer", "lie-" + std::to_string(lie));
+    }
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -304,5 +340,6 @@ int main(int argc, char** argv) {
     parcelSeeds();
     valueSeeds();
     carrierSeeds();
+    shmRingSeeds();
     return 0;
 }

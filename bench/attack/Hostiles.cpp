@@ -16,9 +16,9 @@
 
 #include "AttackService.h"
 #include "ChildProcess.h"
-#include "Connection.h"
 #include "RawPeer.h"
-#include "SocketDirectory.h"
+#include "wire/Connection.h"
+#include "wire/SocketDirectory.h"
 
 using android::IBinder;
 using android::sp;

@@ -29,7 +29,7 @@
 
 #include "DaemonLog.h"
 #include "ServiceManager.h"
-#include "SocketDirectory.h"
+#include "wire/SocketDirectory.h"
 
 namespace {
 

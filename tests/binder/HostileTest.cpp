@@ -1,11 +1,9 @@
 #include <binder/BpBinder.h>
 #include <binder/IPCThreadState.h>
 #include <binder/ProcessState.h>
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <stddef.h>
 #include <string.h>
-#include <sys/mman.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -14,7 +12,6 @@
 
 #include <algorithm>
 #include <chrono>
-#include <functional>
 #include <future>
 #include <random>
 #include <string>
@@ -22,14 +19,14 @@
 #include <vector>
 
 #include "ChildProcess.h"
-#include "FlatObject.h"
-#include "Frame.h"
 #include "RawPeer.h"
-#include "Runtime.h"
 #include "ServedChild.h"
-#include "SocketDirectory.h"
 #include "TestService.h"
 #include "TestSupport.h"
+#include "runtime/Runtime.h"
+#include "wire/FlatObject.h"
+#include "wire/Frame.h"
+#include "wire/SocketDirectory.h"
 
 using android::IBinder;
 using android::tvbinder::endpointAddress;
@@ -261,6 +258,8 @@ TEST_F(HostilePeers, ConnectionsThatDoNotIntroduceThemselvesProperlyAreClosed) {
     expectStillServing();
 }
 
+// Which frames are malformed is FrameLogicTest's; here, that one closes its
+// connection and nothing else.
 TEST_F(HostilePeers, MalformedFramesCloseTheConnection) {
     FrameHeader valid = transactionTo(child.binder(), IBinder::PING_TRANSACTION);
     ASSERT_EQ(0, replyStatusTo(valid));
@@ -270,41 +269,15 @@ TEST_F(HostilePeers, MalformedFramesCloseTheConnection) {
         raw->send("short", 5);
         EXPECT_TRUE(raw->closedByPeer());
     }
-    auto with = [&](const std::function<void(FrameHeader&)>& change) {
-        FrameHeader header = valid;
-        change(header);
-        return header;
-    };
-    EXPECT_TRUE(hangsUpOn(with([](FrameHeader& h) { h.magic = 0xdeadbeef; })));
-    EXPECT_TRUE(hangsUpOn(with([](FrameHeader& h) { h.kind = 99; })));
-    EXPECT_TRUE(hangsUpOn(with([](FrameHeader& h) { h.dataSize = 100; }), Bytes(50)));
-    const FrameHeader tooManyObjects = with([](FrameHeader& h) {
-        h.dataSize = 64;
-        h.objectCount = 1000;
-    });
-    EXPECT_TRUE(hangsUpOn(tooManyObjects, Bytes(64 + 4000)));
-    // Larger than a message may be.
-    EXPECT_TRUE(hangsUpOn(with([](FrameHeader& h) { h.dataSize = 68000; }), Bytes(68000)));
-
-    const FrameHeader oneObject = with([](FrameHeader& h) {
-        h.dataSize = 64;
-        h.objectCount = 1;
-    });
+    FrameHeader badMagic = valid;
+    badMagic.magic = 0xdeadbeef;
+    EXPECT_TRUE(hangsUpOn(badMagic));
+    FrameHeader oneObject = valid;
+    oneObject.dataSize = 64;
+    oneObject.objectCount = 1;
     FlatObject fd{};
     fd.type = FlatObject::kTypeFd;
-    EXPECT_TRUE(hangsUpOn(oneObject, bodyWithRecord(fd, 40, 64)));  // past the end
-    EXPECT_TRUE(hangsUpOn(oneObject, bodyWithRecord(fd, 2, 64)));   // unaligned
-    EXPECT_TRUE(hangsUpOn(oneObject, bodyWithRecord(fd, 0, 64)));   // no descriptor sent
-    FlatObject unknownType{};
-    unknownType.type = 0x12345678;
-    EXPECT_TRUE(hangsUpOn(oneObject, bodyWithRecord(unknownType, 0, 64)));
-
-    int pipeFds[2];
-    ASSERT_EQ(0, pipe2(pipeFds, O_CLOEXEC));
-    EXPECT_TRUE(hangsUpOn(valid, {}, {pipeFds[0]}));  // a descriptor with no record
-    close(pipeFds[0]);
-    close(pipeFds[1]);
-
+    EXPECT_TRUE(hangsUpOn(oneObject, bodyWithRecord(fd, 2, 64)));          // unaligned
     EXPECT_TRUE(hangsUpOn(RawConnection::makeHeader(FrameKind::kReply)));  // unsolicited
 
     expectStillServing();
@@ -336,29 +309,6 @@ TEST_F(HostilePeers, AMalformedFrameAmongOneWaysClosesTheLinkAfterThoseSentBefor
               child.binder()->transact(TestService::SEQUENCE_REPORT, data, &reply));
     EXPECT_EQ(kCalls, reply.readInt32());
     EXPECT_EQ(1, reply.readInt32()) << "one-ways ran out of order";
-    expectStillServing();
-}
-
-TEST_F(HostilePeers, LargeFrameBodiesMustComeInASealedMemfdOfTheRightSize) {
-    FrameHeader header = transactionTo(child.binder(), IBinder::PING_TRANSACTION);
-    header.layout = kLayoutBodyInMemfd;
-    header.dataSize = 100000;
-    auto memfdOf = [](size_t size, bool sealed) {
-        int fd = memfd_create("hostile", MFD_CLOEXEC | MFD_ALLOW_SEALING);
-        EXPECT_EQ(0, ftruncate(fd, static_cast<off_t>(size)));
-        if (sealed) fcntl(fd, F_ADD_SEALS, F_SEAL_SHRINK | F_SEAL_GROW | F_SEAL_WRITE);
-        return fd;
-    };
-    int wrongSize = memfdOf(1000, true);
-    EXPECT_TRUE(hangsUpOn(header, {}, {wrongSize}));
-    int unsealed = memfdOf(100000, false);
-    EXPECT_TRUE(hangsUpOn(header, {}, {unsealed}));
-    EXPECT_TRUE(hangsUpOn(header));  // no memfd at all
-    int good = memfdOf(100000, true);
-    EXPECT_EQ(0, replyStatusTo(header, {}, {good}));
-    close(wrongSize);
-    close(unsealed);
-    close(good);
     expectStillServing();
 }
 
@@ -397,16 +347,9 @@ TEST_F(HostilePeers, ObjectsThePeerWasNeverHandedAreRefused) {
     expectStillServing();
 }
 
+// The shares themselves are AccountsLogicTest's; here, what a flood does to
+// a process that admits by them.
 TEST_F(HostilePeers, FloodsOfConnectionsAreCappedAndDoNotStopTheService) {
-    expectStillServing();  // leaves this process an idle connection from before the flood
-    std::vector<std::unique_ptr<RawConnection>> idle;
-    for (int i = 0; i < 300; ++i) idle.push_back(std::make_unique<RawConnection>(endpoint));
-    expectStillServing();
-    // One process gets at most 256 of them; the rest are closed at once.
-    EXPECT_TRUE(idle.back()->closedByPeer());
-    idle.clear();
-    expectStillServing();
-
     // Several processes together take more than a process with few
     // descriptors has, once with the application holding little of them and
     // once with it holding nearly all.

@@ -10,10 +10,10 @@
 #include <chrono>
 
 #include "ChildProcess.h"
-#include "Runtime.h"
 #include "ServedChild.h"
 #include "TestService.h"
 #include "TestSupport.h"
+#include "runtime/Runtime.h"
 
 using namespace android;
 using namespace tvtest;

@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "ChildProcess.h"
-#include "Runtime.h"
+#include "runtime/Runtime.h"
 #include "ServedChild.h"
 #include "TestService.h"
 #include "TestSupport.h"

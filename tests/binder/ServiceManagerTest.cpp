@@ -26,8 +26,8 @@
 
 #include "ChildProcess.h"
 #include "ServiceManagerDaemon.h"
-#include "SocketDirectory.h"
 #include "TestSupport.h"
+#include "wire/SocketDirectory.h"
 
 using namespace android;
 using android::tvbinder::SocketDirectory;

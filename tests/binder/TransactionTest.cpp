@@ -140,25 +140,6 @@ TEST(CallerIdentity, IsTheKernelsViewOfTheCallerAndRestoredAfterNestedCalls) {
     EXPECT_EQ(getpid(), IPCThreadState::self()->getCallingPid());
 }
 
-TEST(OneWayCalls, RunOneAtATimeInTheOrderSent) {
-    ServedChild child;
-    ASSERT_TRUE(child.ready());
-    constexpr int kCalls = 300;
-    for (int i = 0; i < kCalls; ++i) {
-        Parcel data;
-        data.writeInt32(i);
-        ASSERT_EQ(NO_ERROR, child.binder()->transact(TestService::SEQUENCE, data, nullptr,
-                                                     IBinder::FLAG_ONEWAY));
-    }
-    Parcel data;
-    Parcel reply;
-    data.writeInt32(kCalls);
-    ASSERT_EQ(NO_ERROR, child.binder()->transact(TestService::SEQUENCE_REPORT, data, &reply));
-    EXPECT_EQ(kCalls, reply.readInt32());
-    EXPECT_EQ(1, reply.readInt32()) << "one-ways ran out of order";
-    EXPECT_EQ(1, reply.readInt32()) << "one-ways to one object overlapped";
-}
-
 TEST(DeadObjects, CallsToAProcessThatDiedFailWithDeadObject) {
     ServedChild child;
     ASSERT_TRUE(child.ready());

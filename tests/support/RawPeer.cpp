@@ -13,9 +13,9 @@
 #include <algorithm>
 #include <random>
 
-#include "Peer.h"
-#include "Runtime.h"
-#include "SocketDirectory.h"
+#include "peers/Peer.h"
+#include "runtime/Runtime.h"
+#include "wire/SocketDirectory.h"
 
 namespace tvraw {
 

@@ -7,8 +7,8 @@
 #include <chrono>
 #include <vector>
 
-#include "FlatObject.h"
-#include "Frame.h"
+#include "wire/FlatObject.h"
+#include "wire/Frame.h"
 
 // A peer of the binder transport that speaks the wire protocol by hand, to
 // send what a well-behaved process never would. Shared by the tests and the

@@ -5,22 +5,14 @@
 #include <utils/Errors.h>
 #include <utils/RefBase.h>
 
-#include <utility>
-#include <vector>
-
 namespace android {
 
 class BBinder;
 class ProcessState;
 
-namespace tvbinder {
-class ChainMailbox;
-class Connection;
-class Dispatcher;
-}  // namespace tvbinder
-
 // Per-thread state of the transport: who is calling the transaction that the
-// thread is executing, and the connections it is executing them for.
+// thread is executing. Kept by the transport for each thread; this class
+// answers for it.
 class IPCThreadState {
   public:
     static IPCThreadState* self();
@@ -53,25 +45,9 @@ class IPCThreadState {
     void setTheContextObject(const sp<BBinder>& object);
 
   private:
-    friend class tvbinder::Dispatcher;
-
     IPCThreadState();
     ~IPCThreadState();
     static void destroy(void* state);
-
-    // 0 outside a transaction: the caller is this process.
-    pid_t mCallingPid = 0;
-    uid_t mCallingUid = 0;
-    // Innermost last: connections whose peer waits for this thread's reply,
-    // and whether that peer was told that the chain reaches further.
-    std::vector<std::pair<tvbinder::Connection*, bool>> mServing;
-    // The chain of synchronous calls the thread works for: that of the
-    // transaction it executes, else its own (made on first use).
-    uint64_t mChain = 0;
-    uint64_t mOwnChain = 0;
-    // Where calls of its chain are handed to it while it waits for a reply;
-    // made on first use.
-    tvbinder::ChainMailbox* mMailbox = nullptr;
 };
 
 }  // namespace android

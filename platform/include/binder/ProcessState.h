@@ -41,13 +41,13 @@ class ProcessState : public virtual RefBase {
     void setProcessName(const char* name);
 
     // ---- For the transport only ----
-    tvbinder::Runtime& runtime() const { return *mRuntime; }
+    tvbinder::Runtime& runtime() const { return mRuntime; }
 
   private:
     ProcessState();
     ~ProcessState() override;
 
-    tvbinder::Runtime* const mRuntime;  // lives as long as the process (pool threads use it)
+    tvbinder::Runtime& mRuntime;  // lives as long as the process (pool threads use it)
 };
 
 }  // namespace android

@@ -1,0 +1,76 @@
+#define LOG_TAG "tvbinder"
+
+#include "calls/CallReception.h"
+
+#include <log/log.h>
+
+#include "calls/ChainRegistry.h"
+#include "calls/RequestServer.h"
+#include "peers/AcceptedConnections.h"
+
+namespace android {
+namespace tvbinder {
+
+namespace {
+
+// A synchronous call, by its header alone.
+bool isCall(const Frame& frame) {
+    return frame.header.magic == kFrameMagic && frame.kind() == FrameKind::kTransaction &&
+           !frame.isOneWay();
+}
+
+}  // namespace
+
+void CallReception::onReadable(const sp<AcceptedConnection>& connection) {
+    Connection& socket = connection->connection();
+    const Session session = connection->session();
+    for (;;) {
+        Frame frame;
+        status_t status = socket.receive(&frame, false);
+        if (status == WOULD_BLOCK) {
+            mAccepted.rearm(connection);
+            return;
+        }
+        if (status == NO_MEMORY && isCall(frame)) {
+            // Beyond the sender's share for now: that call fails, not the connection.
+            mServer.reply(session, NO_MEMORY, Parcel(), mGrants);
+            mAccepted.rearm(connection);
+            return;
+        }
+        if (status == NO_ERROR) status = frame.validate();
+        if (status != NO_ERROR) {
+            if (status == BAD_VALUE) ALOGW("malformed frame from pid %d", socket.peerPid());
+            mAccepted.drop(connection);
+            return;
+        }
+        // One-ways and releases travel on links only, in order.
+        switch (frame.kind()) {
+            case FrameKind::kTransaction:
+                if (frame.isOneWay()) {
+                    ALOGW("one-way outside a link from pid %d", socket.peerPid());
+                    socket.markBroken();
+                    break;
+                }
+                // The waiting thread answers it and hands the connection back.
+                if (mChains.handOff(frame.header.argument, connection, frame)) return;
+                mServer.serve(session, frame, mGrants);
+                break;
+            case FrameKind::kGrant:
+                mServer.serve(session, frame, mGrants);
+                break;
+            default:
+                ALOGW("unexpected frame of kind %u from pid %d", frame.header.kind,
+                      socket.peerPid());
+                socket.markBroken();
+                break;
+        }
+        // A caller that just got its reply often calls again at once.
+        if (socket.broken() || !mAccepted.lingerOn(*connection)) {
+            mAccepted.rearm(connection);
+            return;
+        }
+    }
+}
+
+}  // namespace tvbinder
+}  // namespace android

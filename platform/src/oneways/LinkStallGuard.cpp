@@ -1,0 +1,71 @@
+#include "oneways/LinkStallGuard.h"
+
+#include <sys/timerfd.h>
+#include <unistd.h>
+
+#include <vector>
+
+#include "base/Clock.h"
+#include "peers/AcceptedConnections.h"
+#include "threads/ThreadPool.h"
+
+namespace android {
+namespace tvbinder {
+
+namespace {
+
+// How long a link may stay held by one thread that runs its one-ways.
+constexpr int64_t kStallMs = 2;
+
+}  // namespace
+
+status_t LinkStallGuard::init() {
+    mTimer = ScopedFd(timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK));
+    if (!mTimer.valid()) return -errno;
+    mPool.add(this, mTimer.get());
+    return NO_ERROR;
+}
+
+void LinkStallGuard::armTimer() {
+    itimerspec period{};
+    period.it_value.tv_nsec = kStallMs * 1000000;
+    timerfd_settime(mTimer.get(), 0, &period, nullptr);
+    mTimerArmed = true;
+}
+
+void LinkStallGuard::hold(const sp<AcceptedConnection>& link) {
+    LockGuard guard(mLock);
+    mHeld[link.get()] = {link, monotonicMs()};
+    if (!mTimerArmed) armTimer();
+}
+
+bool LinkStallGuard::release(const sp<AcceptedConnection>& link) {
+    LockGuard guard(mLock);
+    return mHeld.erase(link.get()) > 0;
+}
+
+void LinkStallGuard::onEvent(uint32_t /*events*/) {
+    uint64_t expirations;
+    ssize_t drained = read(mTimer.get(), &expirations, sizeof(expirations));
+    (void)drained;
+    std::vector<sp<AcceptedConnection>> stalled;
+    {
+        LockGuard guard(mLock);
+        mTimerArmed = false;
+        const int64_t now = monotonicMs();
+        for (auto it = mHeld.begin(); it != mHeld.end();) {
+            if (now - it->second.second >= kStallMs) {
+                stalled.push_back(std::move(it->second.first));
+                it = mHeld.erase(it);
+            } else {
+                ++it;
+            }
+        }
+        if (!mHeld.empty()) armTimer();
+    }
+    mPool.rearm(this, mTimer.get());
+    for (const sp<AcceptedConnection>& link : stalled) mAccepted.rearm(link);
+}
+
+}  // namespace tvbinder
+}  // namespace android

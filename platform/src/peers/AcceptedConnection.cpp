@@ -1,0 +1,46 @@
+#include "peers/AcceptedConnection.h"
+
+namespace android {
+namespace tvbinder {
+
+AcceptedConnection::AcceptedConnection(const sp<Connection>& connection,
+                                       const sp<PeerAccount>& account, bool answersHello,
+                                       const Handlers& handlers)
+    : mConnection(connection), mAccount(account), mAnswersHello(answersHello), mHandlers(handlers) {
+    mConnection->chargeBodiesTo(account);
+}
+
+AcceptedConnection::~AcceptedConnection() {
+    // Counted until here: a dropped link lives on while its one-ways wait.
+    mAccount->connectionGone(isLink());
+}
+
+bool AcceptedConnection::introduce(const sp<Peer>& peer, bool asLink) {
+    mPeer = peer;
+    if (!asLink) {
+        mRole.store(Role::kCalls, std::memory_order_release);
+        return true;
+    }
+    if (!mAccount->takeLink()) return false;
+    mRole.store(Role::kLink, std::memory_order_release);
+    return true;
+}
+
+void AcceptedConnection::onEvent(uint32_t /*events*/) {
+    const sp<AcceptedConnection> self(this);
+    mHandoff.load(std::memory_order_acquire);
+    switch (role()) {
+        case Role::kNew:
+            mHandlers.introductions.onReadable(self);
+            break;
+        case Role::kCalls:
+            mHandlers.calls.onReadable(self);
+            break;
+        case Role::kLink:
+            mHandlers.link.onReadable(self);
+            break;
+    }
+}
+
+}  // namespace tvbinder
+}  // namespace android

@@ -1,0 +1,51 @@
+#define LOG_TAG "tvbinder"
+
+#include "peers/Introductions.h"
+
+#include <log/log.h>
+
+#include "peers/AcceptedConnections.h"
+#include "peers/PeerTable.h"
+
+namespace android {
+namespace tvbinder {
+
+void Introductions::onReadable(const sp<AcceptedConnection>& connection) {
+    Frame frame;
+    status_t status = connection->connection().receive(&frame, false);
+    if (status == WOULD_BLOCK) {
+        mAccepted.rearm(connection);
+        return;
+    }
+    if (status == NO_ERROR) status = frame.validate();
+    if (status != NO_ERROR) {
+        if (status == BAD_VALUE) ALOGW("malformed frame from pid %d", connection->peerPid());
+        mAccepted.drop(connection);
+        return;
+    }
+    if (frame.kind() != FrameKind::kHello || introduce(*connection, frame) != NO_ERROR) {
+        ALOGW("refused a connection from pid %d", connection->peerPid());
+        mAccepted.drop(connection);
+        return;
+    }
+    mAccepted.rearm(connection);
+}
+
+status_t Introductions::introduce(AcceptedConnection& connection, const Frame& hello) {
+    const uint64_t endpoint = hello.header.argument;
+    if (endpoint == 0 || endpoint == mOwnEndpoint) return BAD_VALUE;
+    sp<Peer> peer = mPeers.obtain(endpoint);
+    status_t status = peer->verifyClaim(connection.peerPid());
+    if (status != NO_ERROR) return status;
+    if (!connection.introduce(peer, (hello.header.flags & kHelloLink) != 0)) {
+        ALOGW("pid %d opened more links than it has endpoints", connection.peerPid());
+        return PERMISSION_DENIED;
+    }
+    if (!connection.answersHello()) return NO_ERROR;
+    OutgoingFrame answer = OutgoingFrame::make(FrameKind::kHelloAnswer);
+    answer.header.argument = mOwnEndpoint;
+    return connection.connection().send(answer, Connection::kAnswerWaitMs);
+}
+
+}  // namespace tvbinder
+}  // namespace android

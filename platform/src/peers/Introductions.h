@@ -1,0 +1,36 @@
+#pragma once
+
+#include <stdint.h>
+#include <utils/Errors.h>
+
+#include "peers/AcceptedConnection.h"
+
+namespace android {
+namespace tvbinder {
+
+class AcceptedConnections;
+class PeerTable;
+
+// The HELLO that opens every accepted connection: the endpoint the peer
+// claims (believed only when the process serving that endpoint is the one
+// that connected) and whether the connection is its link. Answered with this
+// process's endpoint on the context manager's address. Anything else closes
+// the connection. Handler of new connections; pool threads. Owned by the
+// Runtime.
+class Introductions : public AcceptedConnection::Handler {
+  public:
+    Introductions(PeerTable& peers, AcceptedConnections& accepted, uint64_t ownEndpoint)
+        : mPeers(peers), mAccepted(accepted), mOwnEndpoint(ownEndpoint) {}
+
+    void onReadable(const sp<AcceptedConnection>& connection) override;
+
+  private:
+    [[nodiscard]] status_t introduce(AcceptedConnection& connection, const Frame& hello);
+
+    PeerTable& mPeers;
+    AcceptedConnections& mAccepted;
+    const uint64_t mOwnEndpoint;
+};
+
+}  // namespace tvbinder
+}  // namespace android

@@ -1,0 +1,223 @@
+#include "ShmChannel.h"
+
+#include <limits.h>
+
+#include <algorithm>
+
+#include "Futex.h"
+
+namespace android {
+namespace tvbinder {
+namespace shm {
+namespace {
+
+// The room a streamed message waits for before its next record, which then
+// takes all the room there is: on one CPU every record written while the
+// reader sleeps costs a switch to it and back.
+constexpr size_t kStreamChunk = 16 * 1024;
+// Small messages keep to this much of the front of a ring (a page multiple):
+// only large ones touch, and make resident, the pages beyond.
+constexpr size_t kFrontBytes = 64 * 1024;
+
+}  // namespace
+
+status_t ShmChannel::create(const ShmChannelOptions& options, std::unique_ptr<ShmChannel>* out) {
+    std::unique_ptr<ShmRegion> region;
+    const status_t status = ShmRegion::create(options.ringBytes, &region);
+    if (status != NO_ERROR) return status;
+    out->reset(new ShmChannel(std::move(region), 0, options));
+    return NO_ERROR;
+}
+
+status_t ShmChannel::adopt(int regionFd, const ShmChannelOptions& options,
+                           std::unique_ptr<ShmChannel>* out) {
+    std::unique_ptr<ShmRegion> region;
+    const status_t status = ShmRegion::adopt(regionFd, &region);
+    if (status != NO_ERROR) return status;
+    out->reset(new ShmChannel(std::move(region), 1, options));
+    return NO_ERROR;
+}
+
+ShmChannel::ShmChannel(std::unique_ptr<ShmRegion> region, int outgoing,
+                       const ShmChannelOptions& options)
+    : mRegion(std::move(region)),
+      mWriter(mRegion->control(outgoing), mRegion->data(outgoing), mRegion->ringBytes()),
+      mReader(mRegion->control(1 - outgoing), mRegion->data(1 - outgoing), mRegion->ringBytes(),
+              options.maxMessage),
+      mOutgoing(outgoing),
+      mMaxMessage(std::min<size_t>(options.maxMessage, UINT32_MAX)),
+      mSpin(options.spin),
+      mSleepSlice(options.sleepSlice) {}
+
+ShmChannel::~ShmChannel() = default;
+
+status_t ShmChannel::send(const iovec* parts, size_t count, Clock::time_point deadline) {
+    if (mShutdown.load(std::memory_order_acquire)) return DEAD_OBJECT;
+    if (broken()) return kPeerCorrupted;
+    GatherCursor source(parts, count);
+    const size_t length = source.remaining();
+    // The peer's limit is taken to be ours: beyond it, it would drop the connection.
+    if (length == 0 || length > mMaxMessage) return BAD_VALUE;
+    const size_t whole = sizeof(RecordHeader) + alignRecord(length);
+    if (whole > mWriter.ringBytes()) return sendStreamed(&source, deadline);
+    rewindIfEmpty(whole);
+    return sendWhole(&source, whole, deadline);
+}
+
+// Back to the front of an empty ring, when the message fits before where the
+// next record would go: the skip costs nothing then.
+void ShmChannel::rewindIfEmpty(size_t bytes) {
+    size_t room = 0;
+    if (mWriter.freeBytes(&room) != NO_ERROR || room != mWriter.ringBytes()) return;
+    if (bytes <= mWriter.position()) mWriter.rewindIfPast(kFrontBytes);
+}
+
+void ShmChannel::trim() {
+    size_t room = 0;
+    if (mWriter.freeBytes(&room) != NO_ERROR || room != mWriter.ringBytes()) return;
+    if (mWriter.ringBytes() > kFrontBytes && mWriter.position() < kFrontBytes) {
+        mRegion->discard(mOutgoing, kFrontBytes);
+    }
+}
+
+status_t ShmChannel::sendWhole(GatherCursor* source, size_t bytes, Clock::time_point deadline) {
+    const status_t status = waitForRoom(bytes, deadline);
+    if (status != NO_ERROR) return status;
+    const auto length = static_cast<uint32_t>(source->remaining());
+    mWriter.append(source, length, length);
+    publishAndWake();
+    return NO_ERROR;
+}
+
+// Records published one by one, so that the reader can copy out while the
+// next one goes in.
+status_t ShmChannel::sendStreamed(GatherCursor* source, Clock::time_point deadline) {
+    const size_t chunk = std::min(mWriter.ringBytes() / 4, kStreamChunk);
+    const size_t length = source->remaining();
+    while (source->remaining() > 0) {
+        const size_t rest = sizeof(RecordHeader) + alignRecord(source->remaining());
+        status_t status = waitForRoom(std::min(rest, chunk), deadline);
+        size_t room = 0;
+        if (status == NO_ERROR) status = mWriter.freeBytes(&room);
+        if (status != NO_ERROR) {
+            // Half a message in the ring: the reader could never resynchronise.
+            return source->remaining() < length ? breakWith(status) : status;
+        }
+        const size_t payload =
+            std::min(source->remaining(), (room - sizeof(RecordHeader)) & ~(kRecordAlign - 1));
+        const auto remaining = static_cast<uint32_t>(source->remaining());
+        mWriter.append(source, static_cast<uint32_t>(payload), remaining);
+        publishAndWake();
+    }
+    return NO_ERROR;
+}
+
+status_t ShmChannel::waitForRoom(size_t bytes, Clock::time_point deadline) {
+    for (;;) {
+        size_t room = 0;
+        const status_t status = mWriter.freeBytes(&room);
+        if (status != NO_ERROR) return breakWith(status);
+        if (room >= bytes) return NO_ERROR;
+        auto ready = [&] { return mWriter.freeBytes(&room) != NO_ERROR || room >= bytes; };
+        const status_t waited = waitFor(mWriter.producerWord(), nullptr, ready, deadline);
+        if (waited != NO_ERROR) return waited;
+    }
+}
+
+void ShmChannel::publishAndWake() {
+    switch (mWriter.publish()) {
+        case kSleeping:
+            futexWake(mWriter.consumerWord(), 1);
+            break;
+        case kPolling:
+            if (mPollWaker) mPollWaker();
+            break;
+        default:
+            break;
+    }
+}
+
+status_t ShmChannel::receive(MessageSink* sink, size_t* length, Clock::time_point deadline) {
+    for (;;) {
+        const status_t status = tryReceive(sink, length);
+        if (status != WOULD_BLOCK) return status;
+        auto ready = [this] { return mReader.hasData(); };
+        const status_t waited =
+            waitFor(mReader.consumerWord(), mReader.consumerCpu(), ready, deadline);
+        if (waited != NO_ERROR) return waited;
+    }
+}
+
+status_t ShmChannel::tryReceive(MessageSink* sink, size_t* length) {
+    const status_t status = mReader.read(sink, length);
+    if (status == WOULD_BLOCK && mShutdown.load(std::memory_order_acquire)) return DEAD_OBJECT;
+    if (status != NO_ERROR && status != WOULD_BLOCK) return breakWith(status);
+    return status;
+}
+
+bool ShmChannel::armPolling() {
+    // The same order as a futex sleep: state first, then the re-check.
+    mReader.consumerWord()->store(kPolling, std::memory_order_seq_cst);
+    if (!mReader.hasData() && !mShutdown.load(std::memory_order_seq_cst)) return false;
+    mReader.consumerWord()->store(kRunning, std::memory_order_seq_cst);
+    return true;
+}
+
+// The sleeper's side of the protocol: announce the sleep (seq_cst store), then
+// re-check (seq_cst loads), then sleep only while the word still says so.
+template <typename Ready>
+status_t ShmChannel::waitFor(std::atomic<uint32_t>* own, std::atomic<uint32_t>* ownCpu, Ready ready,
+                             Clock::time_point deadline) {
+    if (spinFor(ready)) return NO_ERROR;
+    for (;;) {
+        own->store(kSleeping, std::memory_order_seq_cst);
+        const bool shut = mShutdown.load(std::memory_order_seq_cst);
+        if (shut || ready()) {
+            own->store(kRunning, std::memory_order_seq_cst);
+            return shut ? DEAD_OBJECT : NO_ERROR;
+        }
+        const Clock::time_point now = Clock::now();
+        if (now >= deadline) {
+            own->store(kRunning, std::memory_order_seq_cst);
+            return TIMED_OUT;
+        }
+        futexWait(own, kSleeping, std::min<Clock::duration>(deadline - now, mSleepSlice));
+        own->store(kRunning, std::memory_order_seq_cst);
+        if (ownCpu != nullptr) ownCpu->store(currentCpu(), std::memory_order_relaxed);
+    }
+}
+
+// Spins only where it can pay: on more than one CPU, while the peer runs (its
+// receiving end is not asleep) on another CPU than ours, for mSpin at most.
+template <typename Ready>
+bool ShmChannel::spinFor(Ready ready) {
+    const std::atomic<uint32_t>* peer = mWriter.consumerWord();
+    if (mSpin.count() <= 0 || !threadMayRunInParallel() ||
+        mWriter.consumerCpu()->load(std::memory_order_relaxed) == currentCpu()) {
+        return false;
+    }
+    const Clock::time_point end = Clock::now() + mSpin;
+    for (unsigned round = 1;; ++round) {
+        if (ready()) return true;
+        if (peer->load(std::memory_order_relaxed) != kRunning) return false;
+        if (round % 16 == 0 && Clock::now() >= end) return false;
+        spinPause();
+    }
+}
+
+void ShmChannel::shutdown() {
+    mShutdown.store(true, std::memory_order_seq_cst);
+    for (std::atomic<uint32_t>* word : {mReader.consumerWord(), mWriter.producerWord()}) {
+        word->store(kWoken, std::memory_order_seq_cst);
+        futexWake(word, INT_MAX);
+    }
+}
+
+status_t ShmChannel::breakWith(status_t status) {
+    mBroken.store(true, std::memory_order_release);
+    return status;
+}
+
+}  // namespace shm
+}  // namespace tvbinder
+}  // namespace android

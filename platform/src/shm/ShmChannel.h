@@ -1,0 +1,126 @@
+#pragma once
+
+#include <stddef.h>
+#include <stdint.h>
+#include <sys/uio.h>
+#include <utils/Errors.h>
+
+#include <atomic>
+#include <chrono>
+#include <functional>
+#include <memory>
+
+#include "MessageSink.h"
+#include "RingReader.h"
+#include "RingWriter.h"
+#include "ShmRegion.h"
+
+namespace android {
+namespace tvbinder {
+namespace shm {
+
+struct ShmChannelOptions {
+    // Per direction; the adopter takes the creator's. Pages become resident
+    // only when touched: small messages keep to the first 64 KiB, and only a
+    // large body makes more of the ring resident (see trim()).
+    size_t ringBytes = 2 << 20;
+    // Longest message this end accepts; longer ones count as corruption.
+    size_t maxMessage = (size_t{16} << 20) + 64 * 1024;
+    // How long a wait may spin before sleeping, and only while the peer runs.
+    std::chrono::nanoseconds spin = std::chrono::microseconds(5);
+    // The longest single futex sleep. Wake-ups do not depend on it; it bounds
+    // what a peer that scribbles on our futex word can delay a shutdown() by.
+    std::chrono::nanoseconds sleepSlice = std::chrono::milliseconds(250);
+};
+
+// One process's end of a connection's shared-memory data path: a ring out
+// and a ring in over one sealed region. Messages of any length up to the
+// maximum: one that fits the ring is written whole or not at all, a longer
+// one streams through it in records while the reader copies them out. Each
+// byte is copied once by each side: in by the sender, out by the receiver.
+//
+// Waiting never spends CPU beyond the bounded spin: a thread that waits sleeps
+// on the direction's futex word (with a time-out), and a pool that waits in
+// epoll gets the poll waker called instead (see armPolling). The socket layer
+// that notices hang-ups and deaths calls shutdown(), which wakes every waiter.
+//
+// Owned by the connection it belongs to, which keeps it alive while any
+// thread uses it. One thread at a time sends and one thread at a time receives
+// (the connection serialises each); shutdown() and broken() from any thread.
+class ShmChannel {
+  public:
+    using Clock = std::chrono::steady_clock;
+    // Asks the peer's pool to look at the ring: it waits in epoll, not on the futex.
+    using PollWaker = std::function<void()>;
+
+    static status_t create(const ShmChannelOptions& options, std::unique_ptr<ShmChannel>* out);
+    // Takes ownership of `regionFd`, received from the creator; see ShmRegion::adopt.
+    static status_t adopt(int regionFd, const ShmChannelOptions& options,
+                          std::unique_ptr<ShmChannel>* out);
+    ~ShmChannel();
+
+    // The region's memfd, for the creator to send to the peer at set-up.
+    int regionFd() const { return mRegion->fd(); }
+    size_t ringBytes() const { return mRegion->ringBytes(); }
+
+    // Sends one message made of `parts`. Waits for room until `deadline`; a
+    // message that fits the ring times out cleanly (nothing written), a longer
+    // one that stalls half-way breaks the channel. TIMED_OUT, DEAD_OBJECT after
+    // shutdown, kPeerCorrupted, BAD_VALUE for an empty or oversized message.
+    status_t send(const iovec* parts, size_t count, Clock::time_point deadline);
+    // Receives one message into `sink` (see RingReader::read), waiting until
+    // `deadline`. A message begun when the wait times out is kept; continue it
+    // with the same sink.
+    status_t receive(MessageSink* sink, size_t* length, Clock::time_point deadline);
+    // receive() without waiting: WOULD_BLOCK when no whole message is there.
+    status_t tryReceive(MessageSink* sink, size_t* length);
+
+    // For a pool that waits in epoll: what the sender calls when it finds the
+    // receiver polling (for example a kick on the connection's socket, sent
+    // with MSG_DONTWAIT so that a peer cannot make it block).
+    void setPollWaker(PollWaker waker) { mPollWaker = std::move(waker); }
+    // Before the pool goes back to epoll: marks this end as polling. True when
+    // data arrived meanwhile; then read it now, since no wake-up will come.
+    bool armPolling();
+
+    // Gives back the pages of the outgoing ring beyond its first 64 KiB when
+    // it is empty; the next large message makes them resident again. For an
+    // idle connection; called by its sender (not while another thread sends).
+    void trim();
+
+    // Wakes every thread waiting on this end; later calls fail with DEAD_OBJECT.
+    void shutdown();
+    bool broken() const { return mBroken.load(std::memory_order_acquire); }
+
+  private:
+    ShmChannel(std::unique_ptr<ShmRegion> region, int outgoing, const ShmChannelOptions& options);
+
+    void rewindIfEmpty(size_t bytes);
+    status_t sendWhole(GatherCursor* source, size_t length, Clock::time_point deadline);
+    status_t sendStreamed(GatherCursor* source, Clock::time_point deadline);
+    status_t waitForRoom(size_t bytes, Clock::time_point deadline);
+    void publishAndWake();
+    // Waits until ready() on the futex word `own`; a receiver also publishes
+    // the CPU it wakes up on in `ownCpu`, for the peer's spinning.
+    template <typename Ready>
+    status_t waitFor(std::atomic<uint32_t>* own, std::atomic<uint32_t>* ownCpu, Ready ready,
+                     Clock::time_point deadline);
+    template <typename Ready>
+    bool spinFor(Ready ready);
+    status_t breakWith(status_t status);
+
+    const std::unique_ptr<ShmRegion> mRegion;
+    RingWriter mWriter;
+    RingReader mReader;
+    const int mOutgoing;  // the direction this end writes
+    const size_t mMaxMessage;
+    const std::chrono::nanoseconds mSpin;
+    const std::chrono::nanoseconds mSleepSlice;
+    PollWaker mPollWaker;
+    std::atomic<bool> mShutdown{false};
+    std::atomic<bool> mBroken{false};
+};
+
+}  // namespace shm
+}  // namespace tvbinder
+}  // namespace android

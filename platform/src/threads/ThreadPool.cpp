@@ -1,0 +1,174 @@
+#define LOG_TAG "tvbinder"
+
+#include "threads/ThreadPool.h"
+
+#include <errno.h>
+#include <log/log.h>
+#include <pthread.h>
+#include <stdio.h>
+#include <string.h>
+#include <sys/epoll.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <thread>
+
+namespace android {
+namespace tvbinder {
+
+namespace {
+
+constexpr uint32_t kEvents = EPOLLIN | EPOLLRDHUP | EPOLLONESHOT;
+
+epoll_event eventFor(EventSource* source, bool writable) {
+    epoll_event event{};
+    event.events = kEvents | (writable ? uint32_t{EPOLLOUT} : 0u);
+    event.data.ptr = source;
+    return event;
+}
+
+}  // namespace
+
+status_t ThreadPool::init() {
+    mEpoll = ScopedFd(epoll_create1(EPOLL_CLOEXEC));
+    if (!mEpoll.valid()) return -errno;
+    mWakeFd = ScopedFd(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+    if (!mWakeFd.valid()) return -errno;
+    add(&mWake, mWakeFd.get());
+    return NO_ERROR;
+}
+
+void ThreadPool::add(EventSource* source, int fd) {
+    epoll_event event = eventFor(source, false);
+    if (epoll_ctl(mEpoll.get(), EPOLL_CTL_ADD, fd, &event) != 0) {
+        ALOGE("cannot watch descriptor %d: %s", fd, strerror(errno));
+    }
+}
+
+void ThreadPool::rearm(EventSource* source, int fd, bool writable) {
+    epoll_event event = eventFor(source, writable);
+    if (epoll_ctl(mEpoll.get(), EPOLL_CTL_MOD, fd, &event) != 0) {
+        ALOGE("cannot re-arm descriptor %d: %s", fd, strerror(errno));
+    }
+}
+
+void ThreadPool::post(const sp<PoolTask>& task, bool wake) {
+    {
+        LockGuard guard(mTaskLock);
+        mPosted.push_back(task);
+        mPostedCount.fetch_add(1, std::memory_order_relaxed);
+    }
+    if (wake) wakeOne();
+}
+
+void ThreadPool::postAfter(int delayMs, std::function<void()> work) {
+    post(new WorkTask([delayMs, work = std::move(work)] {
+        usleep(static_cast<useconds_t>(delayMs) * 1000);
+        work();
+    }));
+}
+
+sp<PoolTask> ThreadPool::takePosted() {
+    LockGuard guard(mTaskLock);
+    if (mPosted.empty()) return nullptr;
+    sp<PoolTask> task = std::move(mPosted.front());
+    mPosted.pop_front();
+    mPostedCount.fetch_sub(1, std::memory_order_relaxed);
+    return task;
+}
+
+void ThreadPool::runPosted() {
+    while (hasPostedTasks()) {
+        sp<PoolTask> task = takePosted();
+        if (task == nullptr) return;
+        if (hasPostedTasks() && hasIdleThreads()) wakeOne();
+        task->run();
+    }
+}
+
+void ThreadPool::Wake::onEvent(uint32_t /*events*/) {
+    uint64_t count;
+    ssize_t drained = read(mPool.mWakeFd.get(), &count, sizeof(count));
+    (void)drained;
+    mPool.rearm(this, mPool.mWakeFd.get());
+}
+
+void ThreadPool::wakeOne() {
+    const uint64_t one = 1;
+    ssize_t written = write(mWakeFd.get(), &one, sizeof(one));
+    (void)written;  // a full counter already wakes a thread
+}
+
+bool ThreadPool::started() const {
+    LockGuard guard(mLock);
+    return mStarted;
+}
+
+void ThreadPool::remove(int fd) {
+    epoll_ctl(mEpoll.get(), EPOLL_CTL_DEL, fd, nullptr);
+}
+
+void ThreadPool::start() {
+    {
+        LockGuard guard(mLock);
+        if (mStarted) return;
+        mStarted = true;
+    }
+    spawn(true);
+}
+
+void ThreadPool::setMaxThreads(size_t maxThreads) {
+    LockGuard guard(mLock);
+    mMaxThreads = maxThreads;
+}
+
+size_t ThreadPool::maxThreads() const {
+    LockGuard guard(mLock);
+    return mMaxThreads;
+}
+
+void ThreadPool::spawn(bool isMain) {
+    size_t number;
+    {
+        LockGuard guard(mLock);
+        number = ++mNamed;
+    }
+    std::thread([this, isMain, number] {
+        char name[16];
+        snprintf(name, sizeof(name), "tvbinder:%zu", number);
+        pthread_setname_np(pthread_self(), name);
+        join(isMain);
+    }).detach();
+}
+
+void ThreadPool::onEventTaken() {
+    if (mWaiting.fetch_sub(1, std::memory_order_acq_rel) != 1) return;
+    {
+        LockGuard guard(mLock);
+        if (mSpawned >= mMaxThreads) return;
+        ++mSpawned;
+    }
+    spawn(false);
+}
+
+void ThreadPool::join(bool /*isMain*/) {
+    for (;;) {
+        epoll_event event;
+        mWaiting.fetch_add(1, std::memory_order_acq_rel);
+        int count = epoll_wait(mEpoll.get(), &event, 1, -1);
+        if (count <= 0) {
+            mWaiting.fetch_sub(1, std::memory_order_acq_rel);
+            if (count < 0 && errno != EINTR) {
+                ALOGE("epoll_wait failed: %s", strerror(errno));
+                return;
+            }
+            continue;
+        }
+        onEventTaken();
+        static_cast<EventSource*>(event.data.ptr)->onEvent(event.events);
+        runPosted();
+    }
+}
+
+}  // namespace tvbinder
+}  // namespace android

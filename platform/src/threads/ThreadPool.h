@@ -1,0 +1,93 @@
+#pragma once
+
+#include <stddef.h>
+#include <stdint.h>
+#include <utils/Errors.h>
+
+#include <atomic>
+#include <deque>
+#include <functional>
+
+#include "base/EventSource.h"
+#include "base/Locks.h"
+#include "base/TransportFds.h"
+#include "threads/PoolTask.h"
+
+namespace android {
+namespace tvbinder {
+
+// The threads that receive work: each waits in epoll_wait on the process's
+// listeners, connections, links and watched peers, all registered one-shot so
+// that exactly one thread takes each event (EventSource) and re-arms the
+// source when it is done with it; only that thread may unregister it. When
+// the last waiting thread takes an event the pool spawns another, up to its
+// maximum. Work that is not an event (queued one-ways, death notices,
+// deferred releases) is posted as tasks: pool threads run them in the order
+// posted, woken through an eventfd. Owned by the Runtime; any thread.
+class ThreadPool {
+  public:
+    static constexpr size_t kDefaultMaxThreads = 15;
+
+    ThreadPool() = default;
+
+    [[nodiscard]] status_t init();
+    void add(EventSource* source, int fd);
+    // `writable`: also wake when the descriptor can be written to.
+    void rearm(EventSource* source, int fd, bool writable = false);
+    void remove(int fd);
+
+    // Queues `task`. With `wake`, an idle pool thread is woken for it; a pool
+    // thread that runs the queue itself next (runPosted) need not wake one.
+    void post(const sp<PoolTask>& task, bool wake = true);
+    // Runs `work` on a pool thread some `delayMs` from now. The thread sleeps
+    // meanwhile: for short pauses only.
+    void postAfter(int delayMs, std::function<void()> work);
+    // Runs posted tasks until none is left, waking another idle thread while
+    // more wait, so that tasks do not wait for each other.
+    void runPosted();
+    bool hasPostedTasks() const { return mPostedCount.load(std::memory_order_relaxed) > 0; }
+    bool started() const;
+
+    // Spawns the main pool thread, once.
+    void start();
+    void setMaxThreads(size_t maxThreads);
+    size_t maxThreads() const;
+    // True while some pool thread waits for work.
+    bool hasIdleThreads() const { return mWaiting.load(std::memory_order_relaxed) > 0; }
+    // Runs the calling thread as a pool thread. Never returns.
+    void join(bool isMain);
+
+  private:
+    // The eventfd that wakes a thread for posted tasks.
+    class Wake : public EventSource {
+      public:
+        explicit Wake(ThreadPool& pool) : mPool(pool) {}
+        void onEvent(uint32_t events) override;
+
+      private:
+        ThreadPool& mPool;
+    };
+
+    void spawn(bool isMain);
+    void onEventTaken();
+    void wakeOne();
+    sp<PoolTask> takePosted();
+
+    ScopedFd mEpoll;
+    ScopedFd mWakeFd;  // eventfd, registered one-shot
+    Wake mWake{*this};
+    std::atomic<int> mWaiting{0};
+    std::atomic<size_t> mPostedCount{0};
+
+    Mutex mTaskLock{LockRank::kPoolTasks};
+    std::deque<sp<PoolTask>> mPosted TV_GUARDED_BY(mTaskLock);
+
+    mutable Mutex mLock{LockRank::kPoolThreads};
+    bool mStarted TV_GUARDED_BY(mLock) = false;
+    size_t mMaxThreads TV_GUARDED_BY(mLock) = kDefaultMaxThreads;
+    size_t mSpawned TV_GUARDED_BY(mLock) = 0;
+    size_t mNamed TV_GUARDED_BY(mLock) = 0;
+};
+
+}  // namespace tvbinder
+}  // namespace android

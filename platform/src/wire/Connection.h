@@ -1,0 +1,86 @@
+#pragma once
+
+#include <stdint.h>
+#include <sys/types.h>
+#include <utils/RefBase.h>
+
+#include <atomic>
+#include <string>
+
+#include "base/TransportFds.h"
+#include "wire/FrameChannel.h"
+#include "wire/PeerAccounts.h"
+#include "wire/SocketChannel.h"
+
+namespace android {
+namespace tvbinder {
+
+// One SOCK_SEQPACKET connection between two processes: its socket, the
+// credentials the kernel gave for the process at the other end, and the path
+// its frames take (FrameChannel: the socket itself). Knows nothing of what
+// travels on it: the peer it speaks to and what it is for are its owner's
+// business. Held by whoever uses it; any thread.
+class Connection : public RefBase {
+  public:
+    static constexpr int kConnectTimeoutMs = 5000;
+    static constexpr int kSendTimeoutMs = 2000;
+    // For what answers a peer's request (replies, HELLO answers, chain
+    // notes): a caller that waits for its answer has room for it, so a full
+    // socket is a peer that does not read, and no pool thread waits on it.
+    static constexpr int kAnswerWaitMs = 5;
+
+    struct Connected {
+        sp<Connection> connection;  // null on failure
+        int error = 0;              // the errno; EAGAIN when the wait ran out
+    };
+    // Connects to the socket file `address`, waiting up to `timeoutMs` (0:
+    // not at all) while the listener's backlog is full.
+    [[nodiscard]] static Connected connectTo(const std::string& address,
+                                             int timeoutMs = kConnectTimeoutMs);
+    // Wraps a descriptor returned by accept4 (or one end of a socket pair).
+    static sp<Connection> adopt(int fd);
+    // True when nothing listens on `address` any more. Never blocks.
+    static bool refusesConnections(const std::string& address);
+
+    int fd() const { return mFd.get(); }
+    // The peer's credentials as the kernel saw them when the connection was made.
+    pid_t peerPid() const { return mPeerPid; }
+    uid_t peerUid() const { return mPeerUid; }
+    // True when the other end runs as this process's user or as root:
+    // other users' processes are neither served nor trusted.
+    bool peerIsTrustedUser() const;
+
+    // Large bodies received from now on are charged to `account` (an
+    // accepted connection's process). Set before the first frame is read.
+    void chargeBodiesTo(const sp<PeerAccount>& account) { mSocket.chargeBodiesTo(account); }
+
+    [[nodiscard]] status_t send(const OutgoingFrame& frame, int waitMs = kSendTimeoutMs) {
+        return mChannel->send(frame, waitMs);
+    }
+    [[nodiscard]] status_t receive(Frame* out, bool block) { return mChannel->receive(out, block); }
+    size_t receiveWaiting(Frame* out, status_t* statuses, size_t max) {
+        return mChannel->receiveWaiting(out, statuses, max);
+    }
+    [[nodiscard]] bool waitReadable(int timeoutMs) { return mChannel->waitReadable(timeoutMs); }
+    int readableFd() const { return mChannel->readableFd(); }
+
+    // Set once the connection must not be used again.
+    void markBroken() { mBroken.store(true, std::memory_order_release); }
+    bool broken() const { return mBroken.load(std::memory_order_acquire); }
+    // Shuts the socket down both ways: the peer, and the thread that holds
+    // the connection's event, learn at once. Never blocks.
+    void shutDown();
+
+  private:
+    Connection(ScopedFd fd, pid_t peerPid, uid_t peerUid);
+
+    ScopedFd mFd;
+    const pid_t mPeerPid;
+    const uid_t mPeerUid;
+    std::atomic<bool> mBroken{false};
+    SocketChannel mSocket;
+    FrameChannel* const mChannel = &mSocket;
+};
+
+}  // namespace tvbinder
+}  // namespace android

@@ -1,0 +1,185 @@
+// One-ways in one process: the link budget both ends keep, and the scheduler
+// that runs what a link brought, object by object.
+#include <binder/Binder.h>
+#include <binder/Parcel.h>
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <random>
+#include <string>
+#include <vector>
+
+#include "oneways/OneWayScheduler.h"
+#include "peers/AcceptedConnection.h"
+#include "peers/PeerTable.h"
+#include "threads/ThreadPool.h"
+#include "wire/Connection.h"
+#include "wire/Frame.h"
+#include "wire/LinkBacklog.h"
+#include "wire/LinkCredit.h"
+#include "wire/PeerAccounts.h"
+
+using android::BBinder;
+using android::NO_ERROR;
+using android::Parcel;
+using android::sp;
+using android::status_t;
+using namespace android::tvbinder;
+
+namespace {
+
+TEST(LinkBudget, ASenderThatKeepsItsCreditNeverMakesTheReceiverRefuse) {
+    LinkCredit credit;
+    LinkBacklog backlog;
+    std::mt19937 random(7);
+    std::vector<uint64_t> inFlight;  // sent, not yet consumed, oldest first
+    int refused = 0;
+    for (int round = 0; round < 20000; ++round) {
+        // Mostly small one-ways, now and then one larger than the budget.
+        const uint64_t cost =
+            oneWayCost(random() % 50 == 0 ? kOneWayBudget + 1000 : random() % 9000, random() % 3);
+        if (const std::optional<uint64_t> before = credit.tryTake(cost)) {
+            if (cost > kOneWayBudget) {
+                EXPECT_EQ(0u, *before) << "a large one-way went with others";
+            }
+            ASSERT_TRUE(backlog.admit(cost)) << "round " << round;
+            inFlight.push_back(cost);
+        } else {
+            ++refused;
+            EXPECT_GT(credit.outstanding() + cost, kOneWayBudget);
+        }
+        // The receiver runs something now and then; acknowledgements arrive.
+        if (!inFlight.empty() && random() % 3 == 0) {
+            if (const std::optional<uint64_t> total = backlog.consume(inFlight.front())) {
+                credit.onAck(*total);
+            }
+            inFlight.erase(inFlight.begin());
+        }
+    }
+    EXPECT_GT(refused, 0) << "the budget never ran out";
+    EXPECT_GE(credit.outstanding(), backlog.waiting()) << "the sender thinks it has more room";
+}
+
+TEST(LinkBudget, AcknowledgementsComeEveryIntervalOrAtOnceWhenAskedAndOnlyEverGrow) {
+    LinkBacklog backlog;
+    const uint64_t cost = oneWayCost(1000, 0);
+    const uint64_t perAck = (kAckInterval + cost - 1) / cost;
+    for (uint64_t i = 1; i < perAck; ++i) {
+        ASSERT_TRUE(backlog.admit(cost));
+        EXPECT_FALSE(backlog.consume(cost).has_value()) << "acknowledged after " << i;
+    }
+    ASSERT_TRUE(backlog.admit(cost));
+    EXPECT_EQ(perAck * cost, backlog.consume(cost).value_or(0));
+
+    // Asked with nothing new consumed: the next consumption answers at once.
+    EXPECT_FALSE(backlog.onAckRequest().has_value());
+    ASSERT_TRUE(backlog.admit(cost));
+    EXPECT_EQ((perAck + 1) * cost, backlog.consume(cost).value_or(0));
+    // Asked after a consumption: answered now.
+    ASSERT_TRUE(backlog.admit(cost));
+    EXPECT_FALSE(backlog.consume(cost).has_value());
+    EXPECT_EQ((perAck + 2) * cost, backlog.onAckRequest().value_or(0));
+
+    LinkCredit credit;
+    ASSERT_TRUE(credit.tryTake(kOneWayBudget).has_value());
+    EXPECT_FALSE(credit.tryTake(1).has_value());
+    credit.onAck(kOneWayBudget + 1);  // beyond what was sent: a lie
+    EXPECT_EQ(kOneWayBudget, credit.outstanding());
+    credit.onAck(1000);
+    credit.onAck(500);  // late: totals only grow
+    EXPECT_EQ(kOneWayBudget - 1000, credit.outstanding());
+    credit.giveBack(kOneWayBudget - 1000);
+    EXPECT_EQ(0u, credit.outstanding());
+}
+
+// Notes each call: its object's name and the value it carried.
+class Recorder : public BBinder {
+  public:
+    Recorder(const std::string& name, std::vector<std::string>* log) : mName(name), mLog(log) {}
+
+  protected:
+    status_t onTransact(uint32_t, const Parcel& data, Parcel*, uint32_t) override {
+        mLog->push_back(mName + std::to_string(data.readInt32()));
+        return NO_ERROR;
+    }
+
+  private:
+    const std::string mName;
+    std::vector<std::string>* const mLog;
+};
+
+// Not called: the test reads the link itself.
+class NoHandler : public AcceptedConnection::Handler {
+    void onReadable(const sp<AcceptedConnection>&) override {}
+};
+
+class NoDeaths : public PeerDeathListener {
+    void onPeerDead(const sp<Peer>&) override {}
+};
+
+// A link from a made-up peer, over a socket pair whose other end shows what
+// the receiver sends back. The pool has no threads: the test runs its tasks.
+class Receiver : public testing::Test {
+  protected:
+    void SetUp() override {
+        ASSERT_EQ(NO_ERROR, pool.init());
+        accounts.setDescriptorLimit(1024);
+        int fds[2];
+        ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, fds));
+        sender = Connection::adopt(fds[0]);
+        link = new AcceptedConnection(Connection::adopt(fds[1]),
+                                      accounts.admitConnection(getpid()).account, false, handlers);
+        ASSERT_TRUE(link->introduce(peers.obtain(2), true));
+    }
+    void queue(const sp<BBinder>& target, const Token& token, int32_t value, uint32_t size = 0) {
+        auto call = std::make_unique<PendingOneWay>();
+        call->target = target;
+        call->from = link;
+        call->flags = kFlagOneWay;
+        call->data.writeInt32(value);
+        call->cost = oneWayCost(size, 0);
+        ASSERT_TRUE(link->backlog().admit(call->cost));
+        scheduler.enqueue(token, std::move(call));
+    }
+    // The acknowledgements waiting at the sender's end, in order.
+    std::vector<uint64_t> acks() {
+        std::vector<uint64_t> totals;
+        Frame frame;
+        while (sender->receive(&frame, false) == NO_ERROR) {
+            EXPECT_EQ(FrameKind::kAck, frame.kind());
+            totals.push_back(frame.header.argument);
+        }
+        return totals;
+    }
+
+    ThreadPool pool;
+    PeerAccounts accounts;
+    NoDeaths deaths;
+    PeerTable peers{pool, deaths, 1};
+    NoHandler noHandler;
+    AcceptedConnection::Handlers handlers{noHandler, noHandler, noHandler};
+    OneWayScheduler scheduler{pool};
+    sp<Connection> sender;
+    sp<AcceptedConnection> link;
+    std::vector<std::string> log;
+};
+
+TEST_F(Receiver, ObjectsTakeTurnsEachRunningItsCallsInOrderAndWhatRanIsAcknowledged) {
+    sp<Recorder> a = new Recorder("a", &log);
+    sp<Recorder> b = new Recorder("b", &log);
+    const uint32_t size = 20000;  // four of them cross the acknowledgement interval
+    for (int32_t i = 0; i < 3; ++i) queue(a, Token{1, 1}, i, size);
+    for (int32_t i = 0; i < 2; ++i) queue(b, Token{1, 2}, i, size);
+    EXPECT_TRUE(acks().empty());
+    pool.runPosted();
+    EXPECT_EQ((std::vector<std::string>{"a0", "b0", "a1", "b1", "a2"}), log);
+    EXPECT_EQ(std::vector<uint64_t>{4 * oneWayCost(size, 0)}, acks());
+
+    // A sender that asks is told what ran since.
+    scheduler.onAckRequest(*link);
+    EXPECT_EQ(std::vector<uint64_t>{5 * oneWayCost(size, 0)}, acks());
+    EXPECT_EQ(0u, link->backlog().waiting());
+}
+
+}  // namespace

@@ -1,0 +1,390 @@
+// The shared-memory channel in one process: both ends over one region, and a
+// "peer" view of the region for the cases where the other side lies.
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <stdlib.h>
+#include <sys/eventfd.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <functional>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "ShmChannel.h"
+
+namespace android {
+namespace tvbinder {
+namespace shm {
+namespace {
+
+using namespace std::chrono_literals;
+using Clock = ShmChannel::Clock;
+
+constexpr size_t kRing = 4096;
+// Generous: only a lost wake-up or a hang comes near it.
+constexpr auto kPatience = 20s;
+
+Clock::time_point later() {
+    return Clock::now() + kPatience;
+}
+
+std::string pattern(size_t length, unsigned seed) {
+    std::string text(length, '\0');
+    for (size_t i = 0; i < length; ++i) text[i] = static_cast<char>('a' + (i * 7 + seed) % 26);
+    return text;
+}
+
+struct Pair {
+    std::unique_ptr<ShmChannel> creator;
+    std::unique_ptr<ShmChannel> adopter;
+};
+
+Pair makePair(ShmChannelOptions options = {}, size_t ringBytes = kRing) {
+    options.ringBytes = ringBytes;
+    Pair pair;
+    EXPECT_EQ(NO_ERROR, ShmChannel::create(options, &pair.creator));
+    EXPECT_EQ(NO_ERROR, ShmChannel::adopt(fcntl(pair.creator->regionFd(), F_DUPFD_CLOEXEC, 0),
+                                          options, &pair.adopter));
+    return pair;
+}
+
+status_t sendText(ShmChannel* channel, const std::string& text,
+                  Clock::time_point deadline = later()) {
+    iovec parts[2] = {
+        {const_cast<char*>(text.data()), text.size() / 3},
+        {const_cast<char*>(text.data()) + text.size() / 3, text.size() - text.size() / 3}};
+    return channel->send(parts, 2, deadline);
+}
+
+std::string receiveText(ShmChannel* channel, status_t* status = nullptr) {
+    BufferSink sink;
+    size_t length = 0;
+    const status_t result = channel->receive(&sink, &length, later());
+    if (status != nullptr) *status = result;
+    if (result != NO_ERROR) return "<" + std::to_string(result) + ">";
+    return std::string(reinterpret_cast<const char*>(sink.data()), length);
+}
+
+// A second thread that is always joined: when the test fails early, shutting
+// the pair down releases it from any wait.
+class Background {
+  public:
+    Background(Pair* pair, std::function<void()> body) : mPair(pair), mThread(std::move(body)) {}
+    ~Background() {
+        mPair->creator->shutdown();
+        mPair->adopter->shutdown();
+        mThread.join();
+    }
+
+  private:
+    Pair* mPair;
+    std::thread mThread;
+};
+
+// The region as the other process sees it: free to write anything anywhere.
+class PeerView {
+  public:
+    explicit PeerView(int fd, size_t ringBytes = kRing)
+        : mRing(ringBytes), mBytes(regionBytes(ringBytes)) {
+        mBase =
+            static_cast<uint8_t*>(mmap(nullptr, mBytes, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0));
+        EXPECT_NE(MAP_FAILED, mBase);
+    }
+    ~PeerView() { munmap(mBase, mBytes); }
+    DirectionControl& control(int direction) {
+        return *reinterpret_cast<DirectionControl*>(mBase + kControlOffset +
+                                                    direction * sizeof(DirectionControl));
+    }
+    uint8_t* data(int direction) { return mBase + kDataOffset + direction * mRing; }
+    void putRecord(int direction, uint64_t at, uint32_t payload, uint32_t remaining) {
+        const RecordHeader header{payload, remaining};
+        memcpy(data(direction) + at % mRing, &header, sizeof header);
+    }
+    void publish(int direction, uint64_t tail) { control(direction).tail.store(tail); }
+
+  private:
+    size_t mRing;
+    size_t mBytes;
+    uint8_t* mBase;
+};
+
+TEST(ShmChannelTest, MessagesArriveWholeAndInOrderAcrossWrapsInBothDirections) {
+    Pair pair = makePair();
+    // Lengths that are not multiples of the alignment walk the wrap point
+    // through every record position, the header and the payload.
+    for (unsigned i = 0; i < 600; ++i) {
+        const std::string text = pattern(1 + (i * 37) % 1500, i);
+        ShmChannel* from = i % 2 ? pair.creator.get() : pair.adopter.get();
+        ShmChannel* to = i % 2 ? pair.adopter.get() : pair.creator.get();
+        ASSERT_EQ(NO_ERROR, sendText(from, text));
+        ASSERT_EQ(text, receiveText(to)) << "message " << i;
+    }
+    // The largest message one record holds, then messages that stream
+    // through the ring in records while the reader copies them out.
+    for (size_t length : {kRing - sizeof(RecordHeader), kRing, size_t{1} << 20}) {
+        const std::string text = pattern(length, 3);
+        std::thread sender([&] { EXPECT_EQ(NO_ERROR, sendText(pair.creator.get(), text)); });
+        EXPECT_EQ(text, receiveText(pair.adopter.get())) << length;
+        sender.join();  // the receive above returned: the sender is not waiting for room
+    }
+}
+
+// After a large message, small ones go back to the front of the ring (past a
+// skip record), and trim() gives the pages beyond the front back.
+TEST(ShmChannelTest, SmallMessagesKeepToTheFrontOfALargeRing) {
+    constexpr size_t kLarge = 256 * 1024;
+    Pair pair = makePair({}, kLarge);
+    const std::string big = pattern(200 * 1024, 5);
+    ASSERT_EQ(NO_ERROR, sendText(pair.creator.get(), big));
+    ASSERT_EQ(big, receiveText(pair.adopter.get()));
+    for (unsigned i = 0; i < 3; ++i) {
+        ASSERT_EQ(NO_ERROR, sendText(pair.creator.get(), pattern(100, i)));
+        ASSERT_EQ(pattern(100, i), receiveText(pair.adopter.get()));
+    }
+    PeerView peer(pair.creator->regionFd(), kLarge);
+    EXPECT_EQ(kLarge + 3 * (8 + 104), peer.control(0).tail.load());
+    pair.creator->trim();
+    EXPECT_EQ(0, peer.data(0)[200 * 1024]);
+    EXPECT_EQ(NO_ERROR, sendText(pair.creator.get(), big));
+    EXPECT_EQ(big, receiveText(pair.adopter.get()));
+}
+
+TEST(ShmChannelTest, AFullRingHoldsTheSenderBackWithoutLosingAnything) {
+    Pair pair = makePair();
+    const std::string text = pattern(1000, 1);
+    int sent = 0;
+    while (sendText(pair.creator.get(), text, Clock::now()) == NO_ERROR) ++sent;
+    EXPECT_EQ(4, sent);  // records of 1008 bytes in 4096
+    // A refused message left nothing behind; the next one waits for room.
+    {
+        Background sender(
+            &pair, [&] { EXPECT_EQ(NO_ERROR, sendText(pair.creator.get(), pattern(900, 2))); });
+        for (int i = 0; i < sent; ++i) EXPECT_EQ(text, receiveText(pair.adopter.get()));
+        EXPECT_EQ(pattern(900, 2), receiveText(pair.adopter.get()));
+    }
+    EXPECT_FALSE(pair.creator->broken());
+}
+
+// Each lie of a producer, written straight into the region, is met with
+// kPeerCorrupted, and the channel stays broken even once the ring looks sane.
+TEST(ShmChannelTest, ALyingWriterBreaksOnlyItsChannel) {
+    struct Lie {
+        const char* what;
+        std::vector<RecordHeader> records;  // laid out one after the other
+        uint64_t tail;
+    };
+    const std::vector<Lie> lies = {
+        {"tail beyond a whole ring", {}, kRing + 8},
+        {"tail short of a header", {}, 4},
+        {"record longer than what was published", {{100, 100}}, 8 + 64},
+        {"message beyond the reader's maximum", {{8, 5000}}, 16},
+        {"record longer than its message", {{16, 8}}, 24},
+        {"empty message", {{0, 0}}, 8},
+        {"continuation of another message", {{8, 100}, {8, 50}}, 32},
+        {"tail behind the head", {{8, 8}}, 16},
+        {"skip short of the wrap", {{16, kSkipToWrap}}, 24},
+        {"skip beyond what was published", {{kRing - 8, kSkipToWrap}}, 8},
+        {"skip inside a message", {{8, 100}, {kRing - 24, kSkipToWrap}}, kRing},
+    };
+    ShmChannelOptions options;
+    options.maxMessage = 1000;
+    for (const Lie& lie : lies) {
+        SCOPED_TRACE(lie.what);
+        Pair pair = makePair(options);
+        PeerView peer(pair.creator->regionFd());
+        uint64_t at = 0;
+        for (const RecordHeader& record : lie.records) {
+            peer.putRecord(0, at, record.payload, record.remaining);
+            at += sizeof record + alignRecord(record.payload);
+        }
+        peer.publish(0, lie.tail);
+        BufferSink sink;
+        size_t length = 0;
+        status_t status = pair.adopter->tryReceive(&sink, &length);
+        if (status == NO_ERROR) {  // the valid record before the lie
+            peer.publish(0, 8);
+            status = pair.adopter->tryReceive(&sink, &length);
+        }
+        EXPECT_EQ(kPeerCorrupted, status);
+        peer.putRecord(0, 0, 8, 8);
+        peer.publish(0, 16);
+        EXPECT_EQ(kPeerCorrupted, pair.adopter->tryReceive(&sink, &length));
+        EXPECT_TRUE(pair.adopter->broken());
+    }
+}
+
+TEST(ShmChannelTest, ALyingReaderBreaksOnlyItsChannel) {
+    for (uint64_t head : {uint64_t{4096}, uint64_t{4}, ~uint64_t{0}}) {
+        SCOPED_TRACE(head);
+        Pair pair = makePair();
+        PeerView peer(pair.creator->regionFd());
+        ASSERT_EQ(NO_ERROR, sendText(pair.creator.get(), pattern(100, 0)));
+        peer.control(0).head.store(head);
+        EXPECT_EQ(kPeerCorrupted, sendText(pair.creator.get(), pattern(100, 0)));
+        EXPECT_TRUE(pair.creator->broken());
+    }
+}
+
+// The sink is asked for a buffer after the header was copied and checked and
+// before the payload is copied: it rewrites the shared header meanwhile.
+class ScribblingSink : public BufferSink {
+  public:
+    explicit ScribblingSink(PeerView* peer) : mPeer(peer) {}
+    uint8_t* reserve(size_t length) override {
+        mPeer->putRecord(0, 0, 4000, 4000);
+        return BufferSink::reserve(length);
+    }
+
+  private:
+    PeerView* mPeer;
+};
+
+TEST(ShmChannelTest, AHeaderRewrittenAfterItWasReadChangesNothing) {
+    Pair pair = makePair();
+    PeerView peer(pair.creator->regionFd());
+    ASSERT_EQ(NO_ERROR, sendText(pair.creator.get(), pattern(100, 1)));
+    ASSERT_EQ(NO_ERROR, sendText(pair.creator.get(), pattern(50, 2)));
+    ScribblingSink sink(&peer);
+    size_t length = 0;
+    ASSERT_EQ(NO_ERROR, pair.adopter->tryReceive(&sink, &length));
+    EXPECT_EQ(pattern(100, 1), std::string(reinterpret_cast<const char*>(sink.data()), length));
+    EXPECT_EQ(pattern(50, 2), receiveText(pair.adopter.get()));
+}
+
+int regionFile(size_t size, RegionHeader header, int seals) {
+    const int fd = memfd_create("test-region", MFD_CLOEXEC | MFD_ALLOW_SEALING);
+    EXPECT_EQ(0, ftruncate(fd, static_cast<off_t>(size)));
+    EXPECT_EQ(ssize_t(sizeof header), pwrite(fd, &header, sizeof header, 0));
+    if (seals != 0) {
+        EXPECT_EQ(0, fcntl(fd, F_ADD_SEALS, seals));
+    }
+    return fd;
+}
+
+TEST(ShmChannelTest, OnlyASealedRegionOfTheSizeItsHeaderImpliesIsMapped) {
+    const int kSeals = F_SEAL_SHRINK | F_SEAL_GROW | F_SEAL_SEAL;
+    const RegionHeader good{kRegionMagic, kRegionVersion, kRing, 0};
+    const size_t size = regionBytes(kRing);
+    struct Case {
+        const char* what;
+        int fd;
+    };
+    const Case refused[] = {
+        {"not sealed", regionFile(size, good, 0)},
+        {"may still shrink", regionFile(size, good, F_SEAL_GROW | F_SEAL_SEAL)},
+        {"larger than its header says", regionFile(size + 4096, good, kSeals)},
+        {"smaller than its header says", regionFile(size - 4096, good, kSeals)},
+        {"foreign header", regionFile(size, {1, kRegionVersion, kRing, 0}, kSeals)},
+        {"ring not a power of two",
+         regionFile(regionBytes(6144), {kRegionMagic, 1, 6144, 0}, kSeals)},
+        {"not a memfd", open("/dev/zero", O_RDWR | O_CLOEXEC)},
+    };
+    for (const Case& one : refused) {
+        std::unique_ptr<ShmChannel> channel;
+        EXPECT_EQ(BAD_VALUE, ShmChannel::adopt(one.fd, {}, &channel)) << one.what;
+    }
+    // What a well-behaved creator sends is accepted, and stays its size.
+    Pair pair = makePair();
+    ASSERT_NE(nullptr, pair.adopter);
+    EXPECT_NE(0, ftruncate(pair.adopter->regionFd(), 0));
+    EXPECT_NE(0, ftruncate(pair.creator->regionFd(), static_cast<off_t>(size) * 2));
+}
+
+// Two threads hammer the futex paths: ping-pong, then a stream of one-ways
+// through a small ring (the sender waits for room as often as the reader
+// waits for data), then the same with the reader in poll() on an eventfd.
+// The sleep slice is an hour: a lost wake-up would show as TIMED_OUT.
+TEST(ShmChannelTest, WakeUpsAreNeverLost) {
+    for (auto spin : {std::chrono::nanoseconds(0), std::chrono::nanoseconds(5000)}) {
+        SCOPED_TRACE(spin.count());
+        ShmChannelOptions options;
+        options.spin = spin;
+        options.sleepSlice = std::chrono::hours(1);
+        Pair pair = makePair(options);
+        constexpr int kRoundTrips = 5000;
+        {
+            Background echo(&pair, [&] {
+                for (int i = 0; i < kRoundTrips; ++i) {
+                    status_t status = NO_ERROR;
+                    const std::string text = receiveText(pair.adopter.get(), &status);
+                    if (status != NO_ERROR || sendText(pair.adopter.get(), text) != NO_ERROR)
+                        return;
+                }
+            });
+            for (int i = 0; i < kRoundTrips; ++i) {
+                ASSERT_EQ(NO_ERROR, sendText(pair.creator.get(), pattern(16, i)));
+                ASSERT_EQ(pattern(16, i), receiveText(pair.creator.get()));
+            }
+        }
+        pair = makePair(options);
+        constexpr int kOneWays = 20000;
+        Background sender(&pair, [&] {
+            for (int i = 0; i < kOneWays; ++i) {
+                if (sendText(pair.creator.get(), pattern(1 + i % 700, i)) != NO_ERROR) return;
+            }
+        });
+        for (int i = 0; i < kOneWays; ++i) {
+            ASSERT_EQ(pattern(1 + i % 700, i), receiveText(pair.adopter.get())) << i;
+        }
+    }
+}
+
+TEST(ShmChannelTest, APollingReaderIsWokenThroughItsPollWaker) {
+    Pair pair = makePair();
+    const int event = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    pair.creator->setPollWaker([event] { eventfd_write(event, 1); });
+    {
+        constexpr int kMessages = 20000;
+        Background sender(&pair, [&] {
+            for (int i = 0; i < kMessages; ++i) {
+                if (sendText(pair.creator.get(), pattern(1 + i % 300, i)) != NO_ERROR) return;
+            }
+        });
+        BufferSink sink;
+        for (int received = 0; received < kMessages;) {
+            size_t length = 0;
+            const status_t status = pair.adopter->tryReceive(&sink, &length);
+            if (status == NO_ERROR) {
+                ASSERT_EQ(pattern(1 + received % 300, received),
+                          std::string(reinterpret_cast<const char*>(sink.data()), length));
+                ++received;
+                continue;
+            }
+            ASSERT_EQ(WOULD_BLOCK, status);
+            if (pair.adopter->armPolling()) continue;
+            pollfd ready{event, POLLIN, 0};
+            ASSERT_EQ(1, poll(&ready, 1, std::chrono::milliseconds(kPatience).count()));
+            eventfd_t ignored;
+            eventfd_read(event, &ignored);
+        }
+    }
+    close(event);
+}
+
+TEST(ShmChannelTest, ShutdownWakesASleepingReceiverAndABlockedSender) {
+    Pair pair = makePair();
+    while (sendText(pair.creator.get(), pattern(1000, 0), Clock::now()) == NO_ERROR) {
+    }
+    status_t received = NO_ERROR;
+    status_t sent = NO_ERROR;
+    std::thread receiver([&] { receiveText(pair.creator.get(), &received); });
+    std::thread sender([&] { sent = sendText(pair.creator.get(), pattern(1000, 0)); });
+    std::this_thread::sleep_for(50ms);  // let both fall asleep; the outcome is the same if not
+    const auto start = Clock::now();
+    pair.creator->shutdown();
+    receiver.join();
+    sender.join();
+    EXPECT_LT(Clock::now() - start, 5s);
+    EXPECT_EQ(DEAD_OBJECT, received);
+    EXPECT_EQ(DEAD_OBJECT, sent);
+}
+
+}  // namespace
+}  // namespace shm
+}  // namespace tvbinder
+}  // namespace android
