@@ -159,7 +159,7 @@ void ThreadPool::join(bool /*isMain*/) {
         mWaiting.fetch_add(1);
         // A stand-in may have taken the wake-up for a task posted meanwhile.
         if (hasPostedTasks()) {
-            mWaiting.fetch_sub(1);
+            onEventTaken();
             runPosted();
             continue;
         }

@@ -97,6 +97,8 @@ class ThreadPool {
     };
 
     void spawn(bool isMain);
+    // A waiting pool thread took work. The last one tells the stand-ins and
+    // spawns another, up to the maximum.
     void onEventTaken();
     void wakeOne();
     sp<PoolTask> takePosted();
