@@ -241,6 +241,20 @@ TEST(NestedCalls, ACallBackFromTwoHopsAwayRunsOnTheWaitingThread) {
     EXPECT_EQ(waitingTid, reply.readInt32()) << "the call back ran on another thread";
     EXPECT_EQ(middle.pid(), reply.readInt32());  // far's caller again after its nested call
     EXPECT_EQ(far.pid(), reporter->callingPid.load());
+
+    // The same from a process with no pool, and from one whose only pool
+    // thread is blocked: nothing but the waiting thread can take far's call.
+    for (const char* option : {"--no-pool", "--max-threads=0"}) {
+        const bool blocked = option == std::string("--max-threads=0");
+        ServedChild caller({option});
+        ASSERT_TRUE(caller.ready());
+        if (blocked) {
+            ASSERT_EQ(NO_ERROR, sendOneWay(caller.binder(), TestService::BLOCK));
+        }
+        caller.process().writeLine("relay " + middle.name() + " " + far.name() +
+                                   (blocked ? " blocked" : ""));
+        EXPECT_EQ("0 1", caller.process().readLine(kWhileBlocked)) << option;
+    }
 }
 
 TEST(DeathNotices, APeerThatExecsIsDeadToItsRecipientsCallersAndObjects) {

@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <sstream>
 #include <string>
 
 #include "ChildProcess.h"
@@ -49,7 +50,31 @@ void holdDescriptorsLeaving(size_t spare) {
     }
 }
 
+// Runs a "relay" command from this thread (see serveTestService).
+std::string relayCallBackFromHere(const std::string& command, TestService& service) {
+    std::istringstream words(command);
+    std::string verb, middleName, farName, blocked;
+    words >> verb >> middleName >> farName >> blocked;
+    if (blocked == "blocked" && !service.waitUntilBlocked()) return "not blocked";
+    const sp<IBinder> middle = lookup(middleName);
+    const sp<IBinder> far = lookup(farName);
+    if (middle == nullptr || far == nullptr) return "not found";
+    const sp<Recorder> recorder = new Recorder();
+    Parcel data;
+    Parcel reply;
+    data.writeStrongBinder(far);
+    data.writeStrongBinder(recorder);
+    data.writeInt32(0);
+    const status_t status = middle->transact(TestService::RELAY_CALL_BACK, data, &reply);
+    return std::to_string(status) + (recorder->lastTid == currentTid() ? " 1" : " 0");
+}
+
 }  // namespace
+
+bool TestService::waitUntilBlocked() {
+    std::unique_lock<std::mutex> guard(mLock);
+    return mChanged.wait_for(guard, kWaitLimit, [this] { return mBlocked; });
+}
 
 const android::String16& TestService::getInterfaceDescriptor() const {
     static const android::String16* const kDescriptor =
@@ -240,6 +265,7 @@ int serveTestService(const std::vector<std::string>& args) {
     }
     sp<android::ProcessState> process = android::ProcessState::self();
     size_t leaveFds = 0;
+    bool pool = true;
     for (const std::string& option : args) {
         if (option.rfind("--max-threads=", 0) == 0) {
             process->setThreadPoolMaxThreadCount(std::stoul(option.substr(14)));
@@ -247,9 +273,11 @@ int serveTestService(const std::vector<std::string>& args) {
             process->setProcessName(option.substr(7).c_str());
         } else if (option.rfind("--leave-fds=", 0) == 0) {
             leaveFds = std::stoul(option.substr(12));
+        } else if (option == "--no-pool") {
+            pool = false;
         }
     }
-    process->startThreadPool();
+    if (pool) process->startThreadPool();
     sp<TestService> service = new TestService();
     publish(args[0], service);
     if (leaveFds > 0) holdDescriptorsLeaving(leaveFds);
@@ -258,6 +286,9 @@ int serveTestService(const std::vector<std::string>& args) {
     for (;;) {
         std::string command = ParentChannel::receive(std::chrono::hours(1));
         if (command == "quit" || command.empty()) return 0;
+        if (command.rfind("relay ", 0) == 0) {
+            ParentChannel::send(relayCallBackFromHere(command, *service));
+        }
     }
 }
 

@@ -44,6 +44,8 @@ class TestService : public android::BBinder {
     };
 
     const android::String16& getInterfaceDescriptor() const override;
+    // True once a BLOCK runs, waiting for it up to 20 s.
+    bool waitUntilBlocked();
 
   protected:
     ~TestService() override;
@@ -71,7 +73,10 @@ class TestService : public android::BBinder {
 };
 
 // Serves a TestService under the name given as first argument, tells the
-// test "ready", then waits for "quit". Options: --max-threads=N, --name=NAME
+// test "ready", then waits for "quit". On "relay MIDDLE FAR [blocked]" (after
+// its BLOCK runs) its main thread has MIDDLE relay a call back from FAR to an
+// object of this process, and answers "<status> <1 if the call back ran on
+// that thread>". Options: --no-pool, --max-threads=N, --name=NAME
 // (process name), --nofile=N (soft RLIMIT_NOFILE), --leave-fds=N (holds
 // descriptors until only N are left below that limit).
 int serveTestService(const std::vector<std::string>& args);

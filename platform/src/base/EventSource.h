@@ -13,6 +13,11 @@ namespace tvbinder {
 class EventSource {
   public:
     virtual void onEvent(uint32_t events) = 0;
+    // A thread waiting for a reply took the event because no pool thread was
+    // free (ThreadPool::standIn): handles what it can without running
+    // application code or waiting, and says true; false leaves the whole
+    // event to a pool thread, the source staying out of epoll until then.
+    virtual bool onEventStandingIn(uint32_t /*events*/) { return false; }
 
   protected:
     virtual ~EventSource() = default;

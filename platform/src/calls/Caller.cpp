@@ -10,10 +10,40 @@
 #include "calls/ThreadCalls.h"
 #include "peers/AcceptedConnections.h"
 #include "peers/Peer.h"
+#include "threads/ThreadPool.h"
 #include "wire/Connection.h"
 
 namespace android {
 namespace tvbinder {
+
+namespace {
+
+// Lists a waiting thread as the pool's stand-in from activate() until it
+// stops waiting.
+class StandInScope {
+  public:
+    StandInScope(ThreadPool& pool, ChainMailbox& mailbox) : mPool(pool), mMailbox(mailbox) {}
+    ~StandInScope() {
+        if (mActive) mPool.removeStandIn(&mMailbox);
+    }
+    StandInScope(const StandInScope&) = delete;
+    StandInScope& operator=(const StandInScope&) = delete;
+
+    bool active() const { return mActive; }
+    void activate() {
+        if (mActive) return;
+        mMailbox.fd();  // made before the pool may signal it
+        mPool.addStandIn(&mMailbox);
+        mActive = true;
+    }
+
+  private:
+    ThreadPool& mPool;
+    ChainMailbox& mMailbox;
+    bool mActive = false;
+};
+
+}  // namespace
 
 status_t Caller::requestGrant(BpBinder& proxy, uint64_t holder) {
     if (proxy.owner()->isDead()) return DEAD_OBJECT;
@@ -104,17 +134,23 @@ status_t Caller::receiveReply(const Session& session, Parcel* reply, ChainMailbo
     Connection& connection = session.connection;
     // Calls of the chain reach this thread elsewhere than on its connection
     // only once the peer said the chain goes further: until then one
-    // blocking receive is all a call costs.
-    bool watchMailbox = false;
+    // blocking receive is all a call costs. From then on, while no pool
+    // thread is free, the thread takes the pool's events itself: such a call
+    // may come on a connection that nobody else would read.
+    StandInScope standIn(mPool, mailbox);
     for (;;) {
-        if (watchMailbox) {
-            pollfd waiters[2] = {{connection.readableFd(), POLLIN, 0}, {mailbox.fd(), POLLIN, 0}};
-            if (poll(waiters, 2, -1) < 0) continue;  // EINTR
+        if (standIn.active()) {
+            const int events = mPool.hasIdleThreads() ? -1 : mPool.readableFd();
+            pollfd waiters[3] = {{connection.readableFd(), POLLIN, 0},
+                                 {mailbox.fd(), POLLIN, 0},
+                                 {events, POLLIN, 0}};
+            if (poll(waiters, 3, -1) < 0) continue;  // EINTR
             if ((waiters[1].revents & POLLIN) != 0) serveHandedCalls(mailbox);
+            if ((waiters[2].revents & POLLIN) != 0) mPool.standIn();
             if (waiters[0].revents == 0) continue;
         }
         Frame frame;
-        status_t status = connection.receive(&frame, !watchMailbox);
+        status_t status = connection.receive(&frame, !standIn.active());
         if (status == WOULD_BLOCK) continue;
         if (status == NO_ERROR) status = frame.validate();
         if (status != NO_ERROR) {
@@ -145,7 +181,7 @@ status_t Caller::receiveReply(const Session& session, Parcel* reply, ChainMailbo
                 if (connection.broken()) return DEAD_OBJECT;
                 continue;
             case FrameKind::kChainExtended:
-                watchMailbox = true;
+                standIn.activate();
                 continue;
             default:
                 break;

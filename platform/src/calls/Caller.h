@@ -16,18 +16,20 @@ class ChainMailbox;
 class ChainRegistry;
 class Peer;
 class RequestServer;
+class ThreadPool;
 
 // Sends this process's transactions to other processes' objects: a one-way
 // over the owner's link; a synchronous call over a call connection to the
 // owner (or, while the thread serves a call of the owner, over the connection
 // that call came on), reading the reply itself. While it waits it serves the
 // calls that come back to it on that connection or are handed to it through
-// its chain. Owned by the Runtime; application and pool threads.
+// its chain, taking the pool's events itself while no pool thread is free.
+// Owned by the Runtime; application and pool threads.
 class Caller : public GrantRequester {
   public:
     Caller(ObjectCodec& objects, RequestServer& server, ChainRegistry& chains,
-           AcceptedConnections& accepted)
-        : mObjects(objects), mServer(server), mChains(chains), mAccepted(accepted) {}
+           AcceptedConnections& accepted, ThreadPool& pool)
+        : mObjects(objects), mServer(server), mChains(chains), mAccepted(accepted), mPool(pool) {}
 
     // A transaction to a remote object: synchronous, or one-way over the
     // owner's link.
@@ -54,6 +56,7 @@ class Caller : public GrantRequester {
     RequestServer& mServer;
     ChainRegistry& mChains;
     AcceptedConnections& mAccepted;
+    ThreadPool& mPool;
 };
 
 }  // namespace tvbinder

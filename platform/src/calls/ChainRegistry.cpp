@@ -21,6 +21,15 @@ int ChainMailbox::eventLocked() {
 void ChainMailbox::put(HandedCall call) {
     LockGuard guard(mLock);
     mCalls.push_back(std::move(call));
+    signalLocked();
+}
+
+void ChainMailbox::onPoolBusy() {
+    LockGuard guard(mLock);
+    signalLocked();
+}
+
+void ChainMailbox::signalLocked() {
     if (mSignalled) return;
     mSignalled = true;
     const uint64_t one = 1;

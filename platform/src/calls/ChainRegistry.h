@@ -12,6 +12,7 @@
 #include "base/Locks.h"
 #include "base/TransportFds.h"
 #include "peers/AcceptedConnection.h"
+#include "threads/ThreadPool.h"
 #include "wire/Frame.h"
 
 namespace android {
@@ -62,9 +63,10 @@ class ChainRegistry {
     std::vector<Waiter> mWaiters TV_GUARDED_BY(mLock);
 };
 
-// Where one thread receives the calls handed to it. Owned by its
-// ThreadCalls; filled by pool threads, emptied by its owner.
-class ChainMailbox {
+// Where one thread receives the calls handed to it, and the pool's word that
+// it has no free thread left. Owned by its ThreadCalls; filled by pool
+// threads, emptied by its owner.
+class ChainMailbox : public ThreadPool::StandIn {
   public:
     ChainMailbox();
     // Readable while calls wait. Made on first use: most threads never need it.
@@ -74,9 +76,12 @@ class ChainMailbox {
     void put(HandedCall call);
     // The next handed call, or nothing when none waits.
     std::optional<HandedCall> take();
+    // Makes fd() readable until the next take().
+    void onPoolBusy() override;
 
   private:
     int eventLocked() TV_REQUIRES(mLock);
+    void signalLocked() TV_REQUIRES(mLock);
 
     const unsigned mGeneration;
     // Makes its eventfd under it: taken before the descriptor registry's.

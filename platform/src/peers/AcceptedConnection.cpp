@@ -26,20 +26,28 @@ bool AcceptedConnection::introduce(const sp<Peer>& peer, bool asLink) {
     return true;
 }
 
+AcceptedConnection::Handler& AcceptedConnection::handler() const {
+    switch (role()) {
+        case Role::kNew:
+            return mHandlers.introductions;
+        case Role::kCalls:
+            return mHandlers.calls;
+        case Role::kLink:
+            break;
+    }
+    return mHandlers.link;
+}
+
 void AcceptedConnection::onEvent(uint32_t /*events*/) {
     const sp<AcceptedConnection> self(this);
     mHandoff.load(std::memory_order_acquire);
-    switch (role()) {
-        case Role::kNew:
-            mHandlers.introductions.onReadable(self);
-            break;
-        case Role::kCalls:
-            mHandlers.calls.onReadable(self);
-            break;
-        case Role::kLink:
-            mHandlers.link.onReadable(self);
-            break;
-    }
+    handler().onReadable(self);
+}
+
+bool AcceptedConnection::onEventStandingIn(uint32_t /*events*/) {
+    const sp<AcceptedConnection> self(this);
+    mHandoff.load(std::memory_order_acquire);
+    return handler().onReadableStandingIn(self);
 }
 
 }  // namespace tvbinder

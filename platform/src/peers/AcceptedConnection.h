@@ -32,6 +32,11 @@ class AcceptedConnection : public RefBase, public EventSource {
     class Handler {
       public:
         virtual void onReadable(const sp<AcceptedConnection>& connection) = 0;
+        // The same for a thread that waits for a reply (see
+        // EventSource::onEventStandingIn); false leaves it to the pool.
+        virtual bool onReadableStandingIn(const sp<AcceptedConnection>& /*connection*/) {
+            return false;
+        }
 
       protected:
         virtual ~Handler() = default;
@@ -69,9 +74,11 @@ class AcceptedConnection : public RefBase, public EventSource {
     // memory model and race checkers as well.
     void handOff() { mHandoff.fetch_add(1, std::memory_order_release); }
     void onEvent(uint32_t events) override;
+    bool onEventStandingIn(uint32_t events) override;
 
   private:
     ~AcceptedConnection() override;
+    Handler& handler() const;
 
     const sp<Connection> mConnection;
     const sp<PeerAccount> mAccount;

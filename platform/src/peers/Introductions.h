@@ -15,14 +15,19 @@ class PeerTable;
 // claims (believed only when the process serving that endpoint is the one
 // that connected) and whether the connection is its link. Answered with this
 // process's endpoint on the context manager's address. Anything else closes
-// the connection. Handler of new connections; pool threads. Owned by the
-// Runtime.
+// the connection. Handler of new connections; pool threads, and threads
+// waiting for a reply that stand in for them. Owned by the Runtime.
 class Introductions : public AcceptedConnection::Handler {
   public:
     Introductions(PeerTable& peers, AcceptedConnections& accepted, uint64_t ownEndpoint)
         : mPeers(peers), mAccepted(accepted), mOwnEndpoint(ownEndpoint) {}
 
     void onReadable(const sp<AcceptedConnection>& connection) override;
+    // A HELLO runs no application code and waits for nothing.
+    bool onReadableStandingIn(const sp<AcceptedConnection>& connection) override {
+        onReadable(connection);
+        return true;
+    }
 
   private:
     [[nodiscard]] status_t introduce(AcceptedConnection& connection, const Frame& hello);

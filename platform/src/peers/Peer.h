@@ -75,6 +75,11 @@ class Peer : public RefBase, public EventSource {
 
     // Pool thread: the pidfd fired, the process exited.
     void onEvent(uint32_t events) override;
+    // What follows a death is posted: a thread waiting for a reply may note it.
+    bool onEventStandingIn(uint32_t events) override {
+        onEvent(events);
+        return true;
+    }
 
   private:
     friend class PeerTable;  // its lock is declared to come after the peer's

@@ -24,7 +24,8 @@ class ThreadPool;
 // descriptor is left, a spare one is given up to accept the waiting
 // connection and close it, so that the listener never spins. What is
 // admitted is listed in AcceptedConnections, whose HELLO comes next. Owned by
-// the Runtime; pool threads.
+// the Runtime; pool threads, and threads waiting for a reply that stand in
+// for them.
 class Acceptor {
   public:
     Acceptor(ThreadPool& pool, PeerAccounts& accounts, AcceptedConnections& accepted,
@@ -43,6 +44,11 @@ class Acceptor {
       public:
         Watch(Acceptor& acceptor, Listener& listener) : mAcceptor(acceptor), mListener(listener) {}
         void onEvent(uint32_t events) override;
+        // Accepting runs no application code and waits for nothing.
+        bool onEventStandingIn(uint32_t events) override {
+            onEvent(events);
+            return true;
+        }
         Listener& listener() const { return mListener; }
 
       private:

@@ -74,8 +74,8 @@ class Runtime {
     ObjectCodec mObjects{mExports, mProxies, mPeers, mEndpoint};
     ChainRegistry mChains;
     RequestServer mServer{mObjects, mExports, mPeers, mEndpoint};
-    Caller mCaller{mObjects, mServer, mChains, mAccepted};
-    CallReception mCallReception{mServer, mCaller, mChains, mAccepted};
+    Caller mCaller{mObjects, mServer, mChains, mAccepted, mPool};
+    CallReception mCallReception{mServer, mCaller, mChains, mAccepted, mPool};
     OneWayScheduler mOneWays{mPool};
     LinkIntake mLinkIntake{mObjects, mExports, mOneWays};
     LinkStallGuard mStallGuard{mPool, mAccepted};

@@ -11,6 +11,7 @@
 #include <sys/eventfd.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <thread>
 
 namespace android {
@@ -56,7 +57,7 @@ void ThreadPool::post(const sp<PoolTask>& task, bool wake) {
     {
         LockGuard guard(mTaskLock);
         mPosted.push_back(task);
-        mPostedCount.fetch_add(1, std::memory_order_relaxed);
+        mPostedCount.fetch_add(1);
     }
     if (wake) wakeOne();
 }
@@ -73,7 +74,7 @@ sp<PoolTask> ThreadPool::takePosted() {
     if (mPosted.empty()) return nullptr;
     sp<PoolTask> task = std::move(mPosted.front());
     mPosted.pop_front();
-    mPostedCount.fetch_sub(1, std::memory_order_relaxed);
+    mPostedCount.fetch_sub(1);
     return task;
 }
 
@@ -142,9 +143,10 @@ void ThreadPool::spawn(bool isMain) {
 }
 
 void ThreadPool::onEventTaken() {
-    if (mWaiting.fetch_sub(1, std::memory_order_acq_rel) != 1) return;
+    if (mWaiting.fetch_sub(1) != 1) return;
     {
         LockGuard guard(mLock);
+        for (StandIn* standIn : mStandIns) standIn->onPoolBusy();
         if (mSpawned >= mMaxThreads) return;
         ++mSpawned;
     }
@@ -154,10 +156,16 @@ void ThreadPool::onEventTaken() {
 void ThreadPool::join(bool /*isMain*/) {
     for (;;) {
         epoll_event event;
-        mWaiting.fetch_add(1, std::memory_order_acq_rel);
+        mWaiting.fetch_add(1);
+        // A stand-in may have taken the wake-up for a task posted meanwhile.
+        if (hasPostedTasks()) {
+            onEventTaken();
+            runPosted();
+            continue;
+        }
         int count = epoll_wait(mEpoll.get(), &event, 1, -1);
         if (count <= 0) {
-            mWaiting.fetch_sub(1, std::memory_order_acq_rel);
+            mWaiting.fetch_sub(1);
             if (count < 0 && errno != EINTR) {
                 ALOGE("epoll_wait failed: %s", strerror(errno));
                 return;
@@ -168,6 +176,30 @@ void ThreadPool::join(bool /*isMain*/) {
         static_cast<EventSource*>(event.data.ptr)->onEvent(event.events);
         runPosted();
     }
+}
+
+void ThreadPool::addStandIn(StandIn* standIn) {
+    LockGuard guard(mLock);
+    mStandIns.push_back(standIn);
+}
+
+void ThreadPool::removeStandIn(StandIn* standIn) {
+    LockGuard guard(mLock);
+    mStandIns.erase(std::find(mStandIns.begin(), mStandIns.end(), standIn));
+}
+
+void ThreadPool::standIn() {
+    epoll_event event;
+    if (epoll_wait(mEpoll.get(), &event, 1, 0) != 1) return;
+    auto* source = static_cast<EventSource*>(event.data.ptr);
+    if (source == &mWake) {
+        // Posted tasks are for pool threads: a free one gets the wake-up.
+        mWake.onEvent(event.events);
+        if (hasPostedTasks() && hasIdleThreads()) wakeOne();
+        return;
+    }
+    if (source->onEventStandingIn(event.events)) return;
+    post(new WorkTask([source, events = event.events] { source->onEvent(events); }));
 }
 
 }  // namespace tvbinder

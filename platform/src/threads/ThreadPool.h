@@ -7,6 +7,7 @@
 #include <atomic>
 #include <deque>
 #include <functional>
+#include <vector>
 
 #include "base/EventSource.h"
 #include "base/Locks.h"
@@ -23,10 +24,24 @@ namespace tvbinder {
 // the last waiting thread takes an event the pool spawns another, up to its
 // maximum. Work that is not an event (queued one-ways, death notices,
 // deferred releases) is posted as tasks: pool threads run them in the order
-// posted, woken through an eventfd. Owned by the Runtime; any thread.
+// posted, woken through an eventfd. A thread waiting for a reply stands in
+// for the pool while no pool thread is free (standIn). Owned by the Runtime;
+// any thread.
 class ThreadPool {
   public:
     static constexpr size_t kDefaultMaxThreads = 15;
+
+    // A thread waiting for a reply that takes events itself while no pool
+    // thread is free. Listed while it waits; its owner keeps it alive.
+    class StandIn {
+      public:
+        // The last free pool thread took work: watch epoll from now on.
+        // Called under the pool's lock: must not wait.
+        virtual void onPoolBusy() = 0;
+
+      protected:
+        virtual ~StandIn() = default;
+    };
 
     ThreadPool() = default;
 
@@ -45,7 +60,9 @@ class ThreadPool {
     // Runs posted tasks until none is left, waking another idle thread while
     // more wait, so that tasks do not wait for each other.
     void runPosted();
-    bool hasPostedTasks() const { return mPostedCount.load(std::memory_order_relaxed) > 0; }
+    // Sequentially consistent, as are the counts of idle threads: a pool
+    // thread going idle and a stand-in that took its wake-up see each other.
+    bool hasPostedTasks() const { return mPostedCount.load() > 0; }
     bool started() const;
 
     // Spawns the main pool thread, once.
@@ -53,9 +70,20 @@ class ThreadPool {
     void setMaxThreads(size_t maxThreads);
     size_t maxThreads() const;
     // True while some pool thread waits for work.
-    bool hasIdleThreads() const { return mWaiting.load(std::memory_order_relaxed) > 0; }
+    bool hasIdleThreads() const { return mWaiting.load() > 0; }
     // Runs the calling thread as a pool thread. Never returns.
     void join(bool isMain);
+
+    // Readable while an event waits: what a stand-in watches.
+    int readableFd() const { return mEpoll.get(); }
+    void addStandIn(StandIn* standIn);
+    void removeStandIn(StandIn* standIn);
+    // Takes one waiting event, if any, for the calling thread, which waits
+    // for a reply: it handles what runs no application code
+    // (EventSource::onEventStandingIn) and posts the rest for pool threads,
+    // the source staying out of epoll until then, so that nothing is lost or
+    // reordered.
+    void standIn();
 
   private:
     // The eventfd that wakes a thread for posted tasks.
@@ -69,6 +97,8 @@ class ThreadPool {
     };
 
     void spawn(bool isMain);
+    // A waiting pool thread took work. The last one tells the stand-ins and
+    // spawns another, up to the maximum.
     void onEventTaken();
     void wakeOne();
     sp<PoolTask> takePosted();
@@ -87,6 +117,7 @@ class ThreadPool {
     size_t mMaxThreads TV_GUARDED_BY(mLock) = kDefaultMaxThreads;
     size_t mSpawned TV_GUARDED_BY(mLock) = 0;
     size_t mNamed TV_GUARDED_BY(mLock) = 0;
+    std::vector<StandIn*> mStandIns TV_GUARDED_BY(mLock);
 };
 
 }  // namespace tvbinder
