@@ -27,62 +27,50 @@ class SelfUnlinkingRecipient : public IBinder::DeathRecipient {
     std::atomic<status_t> unlinkStatus{NO_ERROR};
 };
 
-TEST(DeathNotices, ArriveOnceOnAPoolThreadWhenTheOwnerIsKilled) {
-    const size_t descriptors = tvtest::countOpenFds(getpid());
+TEST(DeathNotices, ArriveOnceOnAPoolThreadAndNeverToUnlinkedOrReleasedRecipients) {
+    sp<BBinder> local = new BBinder();
+    EXPECT_EQ(INVALID_OPERATION, local->linkToDeath(new CountingRecipient()));
+    EXPECT_EQ(INVALID_OPERATION, local->unlinkToDeath(nullptr));
+
+    const size_t descriptors = countOpenFds(getpid());
     ServedChild child;
     ASSERT_TRUE(child.ready());
+    const sp<IBinder>& binder = child.binder();
     sp<CountingRecipient> first = new CountingRecipient();
     sp<CountingRecipient> second = new CountingRecipient();
     sp<SelfUnlinkingRecipient> selfUnlinking = new SelfUnlinkingRecipient();
+    sp<CountingRecipient> unlinked = new CountingRecipient();
+    std::atomic<bool> releasedDestroyed{false};
+    sp<CountingRecipient> released = new CountingRecipient(&releasedDestroyed);
     int cookie = 0;
-    ASSERT_EQ(NO_ERROR, child.binder()->linkToDeath(first));
-    ASSERT_EQ(NO_ERROR, child.binder()->linkToDeath(second, &cookie, 3));
-    ASSERT_EQ(NO_ERROR, child.binder()->linkToDeath(selfUnlinking));
+    ASSERT_EQ(NO_ERROR, binder->linkToDeath(first));
+    ASSERT_EQ(NO_ERROR, binder->linkToDeath(second, &cookie, 3));
+    ASSERT_EQ(NO_ERROR, binder->linkToDeath(selfUnlinking));
+    ASSERT_EQ(NO_ERROR, binder->linkToDeath(unlinked, &cookie));
+    ASSERT_EQ(NO_ERROR, binder->linkToDeath(released));
+    EXPECT_EQ(NAME_NOT_FOUND, binder->unlinkToDeath(unlinked));  // wrong cookie
+    wp<IBinder::DeathRecipient> removed;
+    EXPECT_EQ(NO_ERROR, binder->unlinkToDeath(unlinked, &cookie, 0, &removed));
+    EXPECT_EQ(unlinked.get(), removed.promote().get());
+    EXPECT_EQ(NAME_NOT_FOUND, binder->unlinkToDeath(unlinked, &cookie));
+    released = nullptr;
+    EXPECT_TRUE(releasedDestroyed.load());
 
     child.process().kill(SIGKILL);
     ASSERT_TRUE(waitUntil(
         [&] { return first->calls == 1 && second->calls == 1 && selfUnlinking->calls == 1; }));
     EXPECT_EQ(DEAD_OBJECT, selfUnlinking->unlinkStatus.load());
-    EXPECT_EQ(child.binder().get(), first->died.load());
+    EXPECT_EQ(binder.get(), first->died.load());
     EXPECT_NE(currentTid(), first->tid.load());
     // Each way of learning of a death (its pidfd, a connection's hang-up)
     // has posted its notices before closing its descriptor.
     child.process().finish();
-    EXPECT_TRUE(waitUntil([&] { return tvtest::countOpenFds(getpid()) <= descriptors; }));
+    EXPECT_TRUE(waitUntil([&] { return countOpenFds(getpid()) <= descriptors; }));
     EXPECT_EQ(1, first->calls.load());
     EXPECT_EQ(1, second->calls.load());
-
-    EXPECT_EQ(DEAD_OBJECT, child.binder()->linkToDeath(new CountingRecipient()));
-    EXPECT_EQ(DEAD_OBJECT, child.binder()->unlinkToDeath(second, &cookie, 3));
-}
-
-TEST(DeathNotices, UnlinkedAndReleasedRecipientsAreNotCalledAndOnlyProxiesCanBeLinkedTo) {
-    sp<BBinder> local = new BBinder();
-    EXPECT_EQ(INVALID_OPERATION, local->linkToDeath(new CountingRecipient()));
-    EXPECT_EQ(INVALID_OPERATION, local->unlinkToDeath(nullptr));
-
-    ServedChild child;
-    ASSERT_TRUE(child.ready());
-    sp<CountingRecipient> unlinked = new CountingRecipient();
-    std::atomic<bool> releasedDestroyed{false};
-    sp<CountingRecipient> released = new CountingRecipient(&releasedDestroyed);
-    sp<CountingRecipient> kept = new CountingRecipient();
-    int cookie = 0;
-    ASSERT_EQ(NO_ERROR, child.binder()->linkToDeath(unlinked, &cookie));
-    ASSERT_EQ(NO_ERROR, child.binder()->linkToDeath(released));
-    ASSERT_EQ(NO_ERROR, child.binder()->linkToDeath(kept));
-
-    EXPECT_EQ(NAME_NOT_FOUND, child.binder()->unlinkToDeath(unlinked));  // wrong cookie
-    wp<IBinder::DeathRecipient> removed;
-    EXPECT_EQ(NO_ERROR, child.binder()->unlinkToDeath(unlinked, &cookie, 0, &removed));
-    EXPECT_EQ(unlinked.get(), removed.promote().get());
-    EXPECT_EQ(NAME_NOT_FOUND, child.binder()->unlinkToDeath(unlinked, &cookie));
-    released = nullptr;
-    EXPECT_TRUE(releasedDestroyed.load());
-
-    child.process().kill(SIGKILL);
-    ASSERT_TRUE(waitUntil([&] { return kept->calls == 1; }));
     EXPECT_EQ(0, unlinked->calls.load());
+    EXPECT_EQ(DEAD_OBJECT, binder->linkToDeath(new CountingRecipient()));
+    EXPECT_EQ(DEAD_OBJECT, binder->unlinkToDeath(second, &cookie, 3));
 }
 
 }  // namespace

@@ -33,12 +33,18 @@ wp<IBinder> handOver(const sp<IBinder>& service, uint32_t flags = 0) {
     return watch;
 }
 
-TEST(Lifetimes, AnObjectLivesWhileAnotherProcessHoldsItAndGoesWhenItDropsItOrDies) {
+TEST(Lifetimes, AnObjectLivesWhileAnotherProcessHoldsItOrAOneWayCarriesItAndNoLonger) {
     ServedChild child;
     ASSERT_TRUE(child.ready());
-    wp<IBinder> watch = handOver(child.binder());
-    EXPECT_NE(nullptr, watch.promote());
-    EXPECT_EQ(11, heldCall(child.binder(), TestService::ECHO, 11));
+    // Queued behind a blocked one-way while the test lets go of the object.
+    ASSERT_EQ(NO_ERROR,
+              sendObject(child.binder(), TestService::BLOCK, nullptr, IBinder::FLAG_ONEWAY));
+    wp<IBinder> watch = handOver(child.binder(), IBinder::FLAG_ONEWAY);
+    ASSERT_EQ(NO_ERROR, sendObject(child.binder(), TestService::UNBLOCK));
+    EXPECT_TRUE(waitUntil([&] {
+        status_t status;
+        return heldCall(child.binder(), TestService::ECHO, 12, &status) == 12 && status == NO_ERROR;
+    }));
     ASSERT_EQ(NO_ERROR, sendObject(child.binder(), TestService::DROP));
     EXPECT_TRUE(waitUntil([&] { return watch.promote() == nullptr; }));
 
@@ -74,25 +80,11 @@ TEST(Lifetimes, AnObjectPassedOnByAThirdProcessLivesWhileTheLastHolderKeepsIt) {
     EXPECT_TRUE(waitUntil([&] { return watch.promote() == nullptr; }));
 }
 
-TEST(Lifetimes, AnObjectInsideAOneWayInFlightStaysAlive) {
-    ServedChild child;
-    ASSERT_TRUE(child.ready());
-    ASSERT_EQ(NO_ERROR,
-              sendObject(child.binder(), TestService::BLOCK, nullptr, IBinder::FLAG_ONEWAY));
-    // Queued behind the blocked one-way while the test lets go of the object.
-    handOver(child.binder(), IBinder::FLAG_ONEWAY);
-    ASSERT_EQ(NO_ERROR, sendObject(child.binder(), TestService::UNBLOCK));
-    EXPECT_TRUE(waitUntil([&] {
-        status_t status;
-        return heldCall(child.binder(), TestService::ECHO, 12, &status) == 12 && status == NO_ERROR;
-    }));
-}
-
 // The pool may grow up to its maximum at any time; beyond that nothing may.
 constexpr size_t kSoakPoolMax = 2;
 constexpr size_t kSoakThreadLimit = 1 + kSoakPoolMax;  // the main pool thread + spawned ones
 
-TEST(Soak, BindingCallingAndDroppingKeepsTheOwnersResourcesFlat) {
+TEST(Soak, ObjectsAndClientsThatComeAndGoLeaveTheOwnersResourcesFlat) {
     ServedChild child({"--max-threads=" + std::to_string(kSoakPoolMax)});
     ASSERT_TRUE(child.ready());
     auto round = [&](int i) {
@@ -103,16 +95,12 @@ TEST(Soak, BindingCallingAndDroppingKeepsTheOwnersResourcesFlat) {
     };
     for (int i = 0; i < 50; ++i) round(i);
     ASSERT_TRUE(waitUntil([] { return objectsHeldByOthers() == 0; }));
-    const size_t fds = tvtest::countOpenFds(child.pid());
+    size_t fds = tvtest::countOpenFds(child.pid());
     for (int i = 0; i < 400; ++i) round(i);
     EXPECT_TRUE(waitUntil([] { return objectsHeldByOthers() == 0; }));
     EXPECT_LE(tvtest::countOpenFds(child.pid()), fds);
     EXPECT_LE(tvtest::countPoolThreads(child.pid()), kSoakThreadLimit);
-}
 
-TEST(Soak, ClientsThatComeAndGoLeaveNothingBehindInTheService) {
-    ServedChild child({"--max-threads=" + std::to_string(kSoakPoolMax)});
-    ASSERT_TRUE(child.ready());
     auto runClient = [&] {
         ChildProcess client("client", {child.name()});
         ASSERT_EQ("done", client.readLine());
@@ -121,7 +109,7 @@ TEST(Soak, ClientsThatComeAndGoLeaveNothingBehindInTheService) {
     };
     for (int i = 0; i < 3; ++i) runClient();
     // Each departed client's connections and watch go once its death is seen.
-    const size_t fds = tvtest::countOpenFds(child.pid());
+    fds = tvtest::countOpenFds(child.pid());
     for (int i = 0; i < 12; ++i) runClient();
     EXPECT_TRUE(waitUntil([&] { return tvtest::countOpenFds(child.pid()) <= fds; }));
     EXPECT_LE(tvtest::countPoolThreads(child.pid()), kSoakThreadLimit);
