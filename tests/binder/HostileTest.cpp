@@ -29,22 +29,8 @@
 #include "wire/SocketDirectory.h"
 
 using android::IBinder;
-using android::tvbinder::endpointAddress;
-using android::tvbinder::FlatObject;
-using android::tvbinder::FrameHeader;
-using android::tvbinder::FrameKind;
-using android::tvbinder::kHelloLink;
-using android::tvbinder::kLayoutBodyInMemfd;
-using android::tvbinder::kMaxTransactionSize;
-using android::tvbinder::Runtime;
-using tvraw::Bytes;
-using tvraw::carrying;
-using tvraw::endpointOf;
-using tvraw::FullBacklog;
-using tvraw::ownEndpoint;
-using tvraw::RawConnection;
-using tvraw::sealedMemfd;
-using tvraw::transactionTo;
+using namespace android::tvbinder;
+using namespace tvraw;
 using tvtest::ServedChild;
 using tvtest::TestService;
 using namespace std::chrono_literals;
@@ -120,7 +106,7 @@ TVTEST_CHILD_ROLE(connection_flood) {
     if (args.size() < 2) return 2;
     sockaddr_un address;
     socklen_t length;
-    if (!android::tvbinder::socketAddress(args[0], &address, &length)) return 3;
+    if (!socketAddress(args[0], &address, &length)) return 3;
     std::vector<int> connections;
     for (int i = 0; i < std::stoi(args[1]); ++i) {
         int fd = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
@@ -230,40 +216,26 @@ class HostilePeers : public testing::Test {
     uint64_t endpoint = 0;
 };
 
-TEST_F(HostilePeers, ConnectionsThatDoNotIntroduceThemselvesProperlyAreClosed) {
-    {
-        RawConnection raw(endpoint);
-        ASSERT_TRUE(raw.connected);
-        raw.send("garbage!", 8);
-        EXPECT_TRUE(raw.closedByPeer());
-    }
-    {
-        RawConnection raw(endpoint);
-        raw.hello(0x1234567890abcdefULL);  // nobody listens there
-        EXPECT_TRUE(raw.closedByPeer());
-    }
-    {
-        ServedChild other;
-        ASSERT_TRUE(other.ready());
-        RawConnection raw(endpoint);
-        raw.hello(endpointOf(other.binder()));  // a live process that is not us
-        EXPECT_TRUE(raw.closedByPeer());
-    }
-    {
-        RawConnection raw(endpoint);
-        FrameHeader header = transactionTo(child.binder(), TestService::ECHO);
-        raw.sendFrame(header);  // a transaction before the hello
-        EXPECT_TRUE(raw.closedByPeer());
-    }
-    expectStillServing();
-}
-
 // Which frames are malformed is FrameLogicTest's; here, that one closes its
-// connection and nothing else.
-TEST_F(HostilePeers, MalformedFramesCloseTheConnection) {
+// connection and nothing else, as does a connection that does not introduce
+// itself properly.
+TEST_F(HostilePeers, BadIntroductionsAndMalformedFramesCloseTheirConnectionOnly) {
     FrameHeader valid = transactionTo(child.binder(), IBinder::PING_TRANSACTION);
     ASSERT_EQ(0, replyStatusTo(valid));
-
+    ServedChild other;
+    ASSERT_TRUE(other.ready());
+    // Garbage, a transaction before the hello, a hello from nobody or from a
+    // live process that is not us.
+    enum : uint64_t { kGarbage, kCallBeforeHello };
+    for (const uint64_t claimed : {uint64_t{kGarbage}, uint64_t{kCallBeforeHello},
+                                   uint64_t{0x1234567890abcdefULL}, endpointOf(other.binder())}) {
+        RawConnection raw(endpoint);
+        ASSERT_TRUE(raw.connected);
+        if (claimed == kGarbage) raw.send("garbage!", 8);
+        if (claimed == kCallBeforeHello) raw.sendFrame(valid);
+        if (claimed > kCallBeforeHello) raw.hello(claimed);
+        EXPECT_TRUE(raw.closedByPeer()) << claimed;
+    }
     {
         auto raw = introduced();
         raw->send("short", 5);
@@ -279,7 +251,6 @@ TEST_F(HostilePeers, MalformedFramesCloseTheConnection) {
     fd.type = FlatObject::kTypeFd;
     EXPECT_TRUE(hangsUpOn(oneObject, bodyWithRecord(fd, 2, 64)));          // unaligned
     EXPECT_TRUE(hangsUpOn(RawConnection::makeHeader(FrameKind::kReply)));  // unsolicited
-
     expectStillServing();
 }
 
@@ -486,10 +457,8 @@ TEST_F(HostilePeers, LargeBodiesAndQueuedDescriptorsStayWithinTheSendersShare) {
         peak.stop();
         // What the budgets of the process's links let wait, plus one read of
         // the sender's frames, closed as soon as it is found over budget.
-        const size_t bound = android::tvbinder::PeerAccounts::kMaxLinksPerProcess *
-                                 android::tvbinder::kOneWayBudget /
-                                 android::tvbinder::kOneWayFdCost +
-                             android::tvbinder::kReceiveBatch * kFdsPerOneWay + 64;
+        const size_t bound = PeerAccounts::kMaxLinksPerProcess * kOneWayBudget / kOneWayFdCost +
+                             kReceiveBatch * kFdsPerOneWay + 64;
         EXPECT_LT(peak.descriptors(), descriptorsBefore + bound) << "descriptors at the peak";
     }
     ASSERT_EQ(android::NO_ERROR, tvtest::sendObject(child.binder(), TestService::UNBLOCK));
@@ -533,10 +502,12 @@ bool becomeAnotherUser() {
     return setresgid(65534, 65534, 65534) == 0 && setresuid(65534, 65534, 65534) == 0;
 }
 
-// Another user's process looks for the test's registry: 0 when refused.
-TVTEST_CHILD_ROLE(other_user_client) {
-    (void)args;
-    if (!becomeAnotherUser()) return 2;
+// A process in context args[0] ("" for the test's), as another user when
+// args[1] is "other": 0 when it did not reach that context's registry.
+TVTEST_CHILD_ROLE(context_client) {
+    if (args.size() < 2) return 2;
+    if (!args[0].empty()) setenv("TAVRIN_BINDER_CONTEXT", args[0].c_str(), 1);
+    if (args[1] == "other" && !becomeAnotherUser()) return 2;
     return android::ProcessState::self()->getContextObject(nullptr) == nullptr ? 0 : 1;
 }
 
@@ -553,34 +524,20 @@ TVTEST_CHILD_ROLE(other_user_registry) {
     return 0;
 }
 
-// A process of the test's user in context args[0]: 0 when it did not trust
-// that context's registry.
-TVTEST_CHILD_ROLE(context_client) {
-    if (args.empty()) return 2;
-    setenv("TAVRIN_BINDER_CONTEXT", args[0].c_str(), 1);
-    return android::ProcessState::self()->getContextObject(nullptr) == nullptr ? 0 : 1;
-}
-
-int exitCodeOf(tvtest::ChildProcess& child) {
-    const int status = child.wait();
-    return status != -1 && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-}
-
 TEST(OtherUsers, AreNeitherServedNorTrusted) {
     if (geteuid() != 0) GTEST_SKIP() << "needs root to run a process as another user";
-    tvtest::ChildProcess client("other_user_client");
-    EXPECT_EQ(0, exitCodeOf(client)) << "another user reached the test's registry";
+    tvtest::ChildProcess client("context_client", {"", "other"});
+    EXPECT_EQ(0, client.finish()) << "another user reached the test's registry";
 
     const std::string context = "tvtest-other-" + std::to_string(getpid());
     tvtest::ChildProcess registry("other_user_registry", {context});
     ASSERT_EQ("ready", registry.readLine());
-    tvtest::ChildProcess user("context_client", {context});
-    EXPECT_EQ(0, exitCodeOf(user)) << "a registry run by another user was trusted";
-    registry.writeLine("quit");
-    EXPECT_EQ(0, exitCodeOf(registry));
+    tvtest::ChildProcess user("context_client", {context, "same"});
+    EXPECT_EQ(0, user.finish()) << "a registry run by another user was trusted";
+    EXPECT_EQ(0, registry.finish());
 }
 
-// Reports where this process listens, then waits for "quit".
+// Reports where this process listens, then waits for the test to let it go.
 TVTEST_CHILD_ROLE(report_socket) {
     (void)args;
     android::ProcessState::self();
@@ -618,8 +575,7 @@ TEST(SocketFiles, ArePrivateAndNotLeftBehind) {
         cleanPath = child.readLine();
         EXPECT_EQ(own.substr(0, own.rfind('/')), cleanPath.substr(0, cleanPath.rfind('/')));
         EXPECT_TRUE(exists(cleanPath));
-        child.writeLine("quit");
-        EXPECT_EQ(0, exitCodeOf(child));
+        EXPECT_EQ(0, child.finish());
     }
     unsetenv("XDG_RUNTIME_DIR");
     EXPECT_FALSE(exists(cleanPath)) << "a clean exit left its socket behind";
