@@ -220,7 +220,7 @@ void beginWaiting(tvtest::ChildProcess& agent, const std::string& name, pid_t da
     ASSERT_TRUE(tvtest::waitUntil([&] { return tvproc::countOpenFds(daemon) > descriptors; }));
 }
 
-TEST_F(ServiceManagerTest, GetServiceIsWokenByALaterRegistration) {
+TEST_F(ServiceManagerTest, GetServiceIsWokenByALaterRegistrationOrGivesUpWithoutAPool) {
     constexpr int kWaiters = 3;
     std::vector<std::unique_ptr<tvtest::ChildProcess>> waiters;
     for (int i = 0; i < kWaiters; ++i) {
@@ -228,29 +228,25 @@ TEST_F(ServiceManagerTest, GetServiceIsWokenByALaterRegistration) {
             "sm_agent", std::vector<std::string>{}, mEnvironment));
         beginWaiting(*waiters.back(), "sm.late", mDaemon.pid());
     }
-    tvtest::ChildProcess owner = child();
-    ASSERT_EQ(statusLine(NO_ERROR), ask(owner, "add sm.late one"));
-    for (auto& waiter : waiters) {
-        EXPECT_EQ("tag one", waiter->readLine(30s));
-        // Waiting took no thread pool.
-        EXPECT_EQ("0", ask(*waiter, "threads"));
-    }
-}
-
-TEST_F(ServiceManagerTest, GetServiceGivesUpOnAMissingName) {
     // Both ways of shortening the wait; the default of 5 s would outlast
     // the 4 s that the test waits for an answer.
     tvtest::ChildProcess byCall = child();
     ASSERT_EQ("ok", ask(byCall, "timeout 100"));
     mEnvironment.push_back("TAVRIN_GETSERVICE_TIMEOUT_MS=100");
     tvtest::ChildProcess byEnvironment = child();
-
     EXPECT_EQ("null", ask(byCall, "get sm.never", 4s));
     EXPECT_EQ("null", ask(byEnvironment, "get sm.never", 4s));
     EXPECT_EQ("0", ask(byCall, "threads"));
+
+    ASSERT_EQ(statusLine(NO_ERROR), ask(byEnvironment, "add sm.late one"));
+    for (auto& waiter : waiters) {
+        EXPECT_EQ("tag one", waiter->readLine(30s));
+        // Waiting took no thread pool.
+        EXPECT_EQ("0", ask(*waiter, "threads"));
+    }
     // Having given up leaves nothing behind that gets in the way of the name.
-    ASSERT_EQ(statusLine(NO_ERROR), ask(byEnvironment, "add sm.never one"));
-    EXPECT_EQ("tag one", ask(byCall, "get sm.never"));
+    ASSERT_EQ(statusLine(NO_ERROR), ask(byEnvironment, "add sm.never two"));
+    EXPECT_EQ("tag two", ask(byCall, "get sm.never"));
 }
 
 // One item of a request.
@@ -517,7 +513,10 @@ pid_t managerPidIn(const std::string& registrations) {
     return static_cast<pid_t>(atoi(registrations.c_str() + entry + strlen("manager:")));
 }
 
-TEST(ServiceManagerAutostartTest, StartsOneDaemonForRacingNewcomers) {
+TEST(ServiceManagerDaemonTest, HelpGoesToStdoutListStartsNothingAndRacingNewcomersStartOne) {
+    tvtest::ChildProcess help(tvtest::Program{{ServiceManagerDaemon::path(), "--help"}});
+    EXPECT_NE(std::string::npos, help.channel().receiveAll().find("usage: tavrin-servicemanager"));
+    EXPECT_EQ(0, help.finish());
     const std::string context = tvtest::uniqueName("smauto");
     ASSERT_EQ(1, ServiceManagerDaemon::list(context)) << "--list must not start a daemon";
 
@@ -547,13 +546,6 @@ TEST(ServiceManagerAutostartTest, StartsOneDaemonForRacingNewcomers) {
             [&] { return fileContains(log, "serving context " + context); }, 10s));
     }
     unlink(log.c_str());
-}
-
-TEST(ServiceManagerUsageTest, HelpGoesToStdoutWithSuccess) {
-    tvtest::ChildProcess help(tvtest::Program{{ServiceManagerDaemon::path(), "--help"}});
-    const std::string usage = help.channel().receiveAll();
-    EXPECT_EQ(0, help.finish());
-    EXPECT_NE(std::string::npos, usage.find("usage: tavrin-servicemanager")) << usage;
 }
 
 // TAVRIN_LOG, read when the binder library is loaded: the child's least priority.
