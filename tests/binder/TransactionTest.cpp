@@ -108,8 +108,8 @@ TEST(BinderCalls, RunInTheOwnerAndCarryLargeBodiesDescriptorsAndTheCallerUntilIt
     EXPECT_EQ(0u, reply.dataSize());
     EXPECT_FALSE(service->isBinderAlive());
     EXPECT_EQ(DEAD_OBJECT, service->pingBinder());
-    EXPECT_EQ(DEAD_OBJECT, service->transact(TestService::SEQUENCE, echo, nullptr,
-                                             IBinder::FLAG_ONEWAY));
+    EXPECT_EQ(DEAD_OBJECT,
+              service->transact(TestService::SEQUENCE, echo, nullptr, IBinder::FLAG_ONEWAY));
 }
 
 TEST(BinderObjects, OneProxyPerObjectTheOwnerGetsItsOwnBackAndAPassedProxyGoesToItsOwner) {

@@ -12,26 +12,22 @@ using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::MatchesRegex;
 
-TEST(AutoTrace, UntimedTraceWritesEntryAndExitLinesAtVerbose) {
+TEST(AutoTrace, WritesEntryAndExitLinesAtVerboseTheTimedOnesWithClockTimesAndDuration) {
     LogCapture log;
     { AutoTrace trace("[Tavrin]", "Discoverer", "bindTo", false); }
-    EXPECT_THAT(
-        log.lines(),
-        ElementsAre(LogLine{ANDROID_LOG_VERBOSE, "[Tavrin]", "[Discoverer][bindTo] [-IN-]\n"},
-                    LogLine{ANDROID_LOG_VERBOSE, "[Tavrin]", "[Discoverer][bindTo] [-OUT-]\n"}));
-}
-
-TEST(AutoTrace, TimedTraceCarriesWallClockTimesAndDuration) {
-    LogCapture log;
     { AutoTrace trace("[App]", "Worker", "step", true); }
     const std::vector<LogLine> lines = log.lines();
-    ASSERT_EQ(lines.size(), 2u);
-    EXPECT_EQ(lines[0].priority, ANDROID_LOG_VERBOSE);
-    EXPECT_EQ(lines[0].tag, "[App]");
-    EXPECT_THAT(lines[0].message, MatchesRegex("\\[Worker\\]\\[step\\] \\[-IN-\\] "
+    ASSERT_EQ(lines.size(), 4u);
+    EXPECT_EQ(lines[0],
+              (LogLine{ANDROID_LOG_VERBOSE, "[Tavrin]", "[Discoverer][bindTo] [-IN-]\n"}));
+    EXPECT_EQ(lines[1],
+              (LogLine{ANDROID_LOG_VERBOSE, "[Tavrin]", "[Discoverer][bindTo] [-OUT-]\n"}));
+    EXPECT_EQ(lines[2].priority, ANDROID_LOG_VERBOSE);
+    EXPECT_EQ(lines[2].tag, "[App]");
+    EXPECT_THAT(lines[2].message, MatchesRegex("\\[Worker\\]\\[step\\] \\[-IN-\\] "
                                                "time\\[[0-9]+s\\]\\[[0-9]+us\\]\n"));
-    EXPECT_EQ(lines[1].priority, ANDROID_LOG_VERBOSE);
-    EXPECT_THAT(lines[1].message,
+    EXPECT_EQ(lines[3].priority, ANDROID_LOG_VERBOSE);
+    EXPECT_THAT(lines[3].message,
                 MatchesRegex("\\[Worker\\]\\[step\\] \\[-OUT-\\] time\\[[0-9]+s\\]\\[[0-9]+us\\] "
                              "duration\\[[0-9]+s\\]\\[-?[0-9]+us\\]\n"));
 }

@@ -10,15 +10,7 @@
 
 namespace {
 
-using tavrin::Announcer;
-using tavrin::Discoverer;
-using tavrin::IClient;
-using tavrin::IService;
-using tavrin::ISubService;
-using tavrin::Protocol;
-using tavrin::ServiceInfo;
-using tavrin::SubServiceInfo;
-using tavrin::tv_sp;
+using namespace tavrin;
 using tavrin_test::LogCapture;
 using tavrin_test::LogLine;
 
@@ -26,15 +18,13 @@ constexpr const char* kTestCoupler = "TestCoupler";
 
 class FakeClient : public IClient {
   public:
-    tv_sp<tavrin::IPCClass> ipcCall(tavrin::IPCClass&) override {
-        return tv_sp<tavrin::IPCClass>(nullptr);
-    }
-    int setNotifier(tv_sp<tavrin::IClientNotifier>&) override { return 0; }
+    tv_sp<IPCClass> ipcCall(IPCClass&) override { return tv_sp<IPCClass>(nullptr); }
+    int setNotifier(tv_sp<IClientNotifier>&) override { return 0; }
 };
 
 // Notes the last call the facades forwarded to it: the info, the protocol,
 // the numbers, the service and the master's protocol it was given.
-class FakeCoupler : public tavrin::IDiscoverer, public tavrin::IAnnouncer {
+class FakeCoupler : public IDiscoverer, public IAnnouncer {
   public:
     using Call = std::tuple<const void*, const Protocol*, int, const void*, const Protocol*>;
 
@@ -61,34 +51,25 @@ class FakeCoupler : public tavrin::IDiscoverer, public tavrin::IAnnouncer {
 };
 
 // Like a real coupler: one object per interface and process, held by a static.
-tv_sp<tavrin::IDiscoverer> createDiscoverer() {
-    static tv_sp<tavrin::IDiscoverer> discoverer(new FakeCoupler());
+tv_sp<IDiscoverer> createDiscoverer() {
+    static tv_sp<IDiscoverer> discoverer(new FakeCoupler());
     return discoverer;
 }
-tv_sp<tavrin::IAnnouncer> createAnnouncer() {
-    static tv_sp<tavrin::IAnnouncer> announcer(new FakeCoupler());
+tv_sp<IAnnouncer> createAnnouncer() {
+    static tv_sp<IAnnouncer> announcer(new FakeCoupler());
     return announcer;
 }
-tv_sp<tavrin::IDiscoverer> otherDiscoverer() {
-    return tv_sp<tavrin::IDiscoverer>(nullptr);
+tv_sp<IDiscoverer> otherDiscoverer() {
+    return tv_sp<IDiscoverer>(nullptr);
 }
-tv_sp<tavrin::IAnnouncer> otherAnnouncer() {
-    return tv_sp<tavrin::IAnnouncer>(nullptr);
-}
-
-TEST(CouplerRegistry, FirstRegistrationWinsAndNamesMatchExactly) {
-    tavrin::registerCoupler(kTestCoupler, {createAnnouncer, createDiscoverer});
-    EXPECT_FALSE(tavrin::registerCoupler(kTestCoupler, {otherAnnouncer, otherDiscoverer}));
-    EXPECT_EQ(tavrin::findDiscovererFactory(kTestCoupler), &createDiscoverer);
-    EXPECT_EQ(tavrin::findAnnouncerFactory(kTestCoupler), &createAnnouncer);
-    EXPECT_EQ(tavrin::findDiscovererFactory("testcoupler"), nullptr);
-    EXPECT_EQ(tavrin::findAnnouncerFactory(""), nullptr);
+tv_sp<IAnnouncer> otherAnnouncer() {
+    return tv_sp<IAnnouncer>(nullptr);
 }
 
 class Facades : public testing::Test {
   protected:
     void SetUp() override {
-        tavrin::registerCoupler(kTestCoupler, {createAnnouncer, createDiscoverer});
+        registerCoupler(kTestCoupler, {createAnnouncer, createDiscoverer});
         // Built before capturing, so that only the calls under test write lines.
         Discoverer::self();
         Announcer::self();
@@ -138,7 +119,12 @@ TEST_F(Facades, CallsForAnUnknownIpcFailWithAnErrorBetweenTheirTraces) {
                                       "publish fail,cann't find coupler,ipc[] service[tuner]"));
 }
 
-TEST_F(Facades, ForwardTheCallersArgumentsAndDropTheirCouplerReference) {
+TEST_F(Facades, ForwardToTheCouplerFirstRegisteredUnderTheExactNameAndDropTheirReference) {
+    EXPECT_FALSE(registerCoupler(kTestCoupler, {otherAnnouncer, otherDiscoverer}));
+    EXPECT_EQ(findDiscovererFactory(kTestCoupler), &createDiscoverer);
+    EXPECT_EQ(findAnnouncerFactory(kTestCoupler), &createAnnouncer);
+    EXPECT_EQ(findDiscovererFactory("testcoupler"), nullptr);
+    EXPECT_EQ(findAnnouncerFactory(""), nullptr);
     auto* discoverer = static_cast<FakeCoupler*>(createDiscoverer().get());
     ServiceInfo info("media.player", kTestCoupler);
     EXPECT_EQ(Discoverer::self().bindTo(info, protocol, 42).get(), discoverer->client.get());

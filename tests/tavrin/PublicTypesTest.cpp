@@ -22,7 +22,7 @@ class Counted {
     std::atomic<int>* mDeletions;
 };
 
-TEST(TvSp, EmptyAndFailureValuesDifferOnlyInTheirCount) {
+TEST(TvSp, EmptyAndFailureDifferInCountAndTheLastReleaseDeletesOnce) {
     tv_sp<Counted> empty;
     tv_sp<Counted> emptyCopy(empty);
     EXPECT_EQ(emptyCopy.useCount(), 0);
@@ -30,9 +30,7 @@ TEST(TvSp, EmptyAndFailureValuesDifferOnlyInTheirCount) {
     tv_sp<Counted> failureCopy(failure);
     EXPECT_TRUE(failureCopy.isNull());
     EXPECT_EQ(failure.useCount(), 2);
-}
 
-TEST(TvSp, LastReleaseDeletesOnceAndSelfAssignmentKeepsTheObject) {
     std::atomic<int> deletions{0};
     tv_sp<Counted> held(new Counted(&deletions));
     auto* copy = new tv_sp<Counted>(held);

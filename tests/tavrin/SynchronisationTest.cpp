@@ -34,14 +34,12 @@ void expectDeadline(timespec now, int timeoutMs, time_t seconds, long nanos) {
     EXPECT_EQ(deadline.tv_nsec, nanos) << timeoutMs;
 }
 
-TEST(SemaphoreDeadline, IsComputedInSixtyFourBitsTruncatingTowardZero) {
+TEST(SemaphoreDeadline, IsComputedInSixtyFourBitsAndTheClockChosenByLibcVersion) {
     expectDeadline({5, 999999999}, 1, 6, 999999);
     expectDeadline({100, 500000000}, INT32_MAX, 100 + 2147484, 147000000);
     expectDeadline({5, 100}, -1, 5, -999900);
     expectDeadline({5, 0}, -2500, 3, -500000000);
-}
-
-TEST(SemaphoreDeadline, MonotonicClockNeedsAVersionComparingAtLeast230ByteWise) {
+    // The monotonic clock needs a version comparing at least "2.30" byte-wise.
     EXPECT_TRUE(Semaphore::hasClockWait("2.30"));
     EXPECT_TRUE(Semaphore::hasClockWait("2.39"));
     EXPECT_FALSE(Semaphore::hasClockWait("2.29"));
