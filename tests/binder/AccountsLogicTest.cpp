@@ -8,9 +8,7 @@
 #include "wire/PeerAccounts.h"
 
 using android::sp;
-using android::tvbinder::BodyCharge;
-using android::tvbinder::PeerAccount;
-using android::tvbinder::PeerAccounts;
+using namespace android::tvbinder;
 
 namespace {
 
@@ -36,7 +34,7 @@ struct Held {
     }
 };
 
-TEST(PeerAccounts, EachProcessHasItsShareAndFloodsTakeTurnsWithNewcomers) {
+TEST(PeerAccounts, EachProcessHasItsShareOfConnectionsLinksAndBodiesAndNewcomersGetIn) {
     PeerAccounts accounts;
     accounts.setDescriptorLimit(1024);
     Held held{accounts, {}};
@@ -52,13 +50,8 @@ TEST(PeerAccounts, EachProcessHasItsShareAndFloodsTakeTurnsWithNewcomers) {
     held.connections.push_back(newcomer.account);
     // ...and more, as long as it holds fewer than that process minus one.
     EXPECT_EQ(kPerProcess - 2, held.admit(103, kPerProcess));
-}
 
-TEST(PeerAccounts, LinksAndLargeBodiesAreCountedPerProcess) {
-    PeerAccounts accounts;
-    accounts.setDescriptorLimit(1024);
-    Held held{accounts, {}};
-    ASSERT_EQ(1u, held.admit(200, 1));
+    // Links and large bodies are counted per process.
     const sp<PeerAccount>& account = held.connections.front();
     for (uint32_t i = 0; i < PeerAccounts::kMaxLinksPerProcess; ++i)
         EXPECT_TRUE(account->takeLink());

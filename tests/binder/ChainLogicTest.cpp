@@ -6,12 +6,7 @@
 #include "calls/ChainRegistry.h"
 #include "wire/Frame.h"
 
-using android::tvbinder::ChainMailbox;
-using android::tvbinder::ChainRegistry;
-using android::tvbinder::Frame;
-using android::tvbinder::FrameKind;
-using android::tvbinder::HandedCall;
-using android::tvbinder::OutgoingFrame;
+using namespace android::tvbinder;
 
 namespace {
 

@@ -16,20 +16,8 @@
 #include "wire/Frame.h"
 #include "wire/PeerAccounts.h"
 
-using android::BAD_VALUE;
-using android::NO_ERROR;
-using android::NO_MEMORY;
-using android::sp;
-using android::status_t;
-using android::tvbinder::Connection;
-using android::tvbinder::FlatObject;
-using android::tvbinder::Frame;
-using android::tvbinder::FrameHeader;
-using android::tvbinder::FrameKind;
-using android::tvbinder::kLayoutBodyInMemfd;
-using android::tvbinder::kMaxInlineFrame;
-using android::tvbinder::OutgoingFrame;
-using android::tvbinder::PeerAccounts;
+using namespace android;
+using namespace android::tvbinder;
 
 namespace {
 
@@ -74,26 +62,17 @@ TEST(FrameValidation, RecordsMustBeAlignedInBoundsApartTypedAndMatchTheDescripto
     valid.frame.addFd(devNull());
     EXPECT_EQ(NO_ERROR, valid.frame.validate());
 
+    const auto offsets = [](std::vector<uint32_t> wrong) {
+        return [wrong](Received& r) { r.frame.offsets = wrong; };
+    };
     const std::vector<std::pair<const char*, std::function<void(Received&)>>> faults = {
         {"bad magic", [](Received& r) { r.frame.header.magic = 0xdeadbeef; }},
         {"unknown kind", [](Received& r) { r.frame.header.kind = 99; }},
         {"offsets not counted", [](Received& r) { r.frame.header.objectCount = 1; }},
-        {"unaligned",
-         [](Received& r) {
-             r.frame.offsets = {2, 34};
-         }},
-        {"past the end",
-         [](Received& r) {
-             r.frame.offsets = {0, 80};
-         }},
-        {"overlapping",
-         [](Received& r) {
-             r.frame.offsets = {0, 16};
-         }},
-        {"descending",
-         [](Received& r) {
-             r.frame.offsets = {32, 0};
-         }},
+        {"unaligned", offsets({2, 34})},
+        {"past the end", offsets({0, 80})},
+        {"overlapping", offsets({0, 16})},
+        {"descending", offsets({32, 0})},
         {"descriptor without record", [](Received& r) { r.frame.addFd(devNull()); }},
     };
     for (const auto& [what, fault] : faults) {
@@ -191,7 +170,7 @@ class SocketPath : public testing::Test {
     int mSender = -1;
 };
 
-TEST_F(SocketPath, MessagesMustHoldTheWholeFrameTheyAnnounce) {
+TEST_F(SocketPath, MessagesHoldTheWholeFrameLargeBodiesASealedMemfdWithinTheSendersShare) {
     send(Bytes(5));
     EXPECT_EQ(BAD_VALUE, receive()) << "shorter than a header";
 
@@ -214,13 +193,11 @@ TEST_F(SocketPath, MessagesMustHoldTheWholeFrameTheyAnnounce) {
 
     header = OutgoingFrame::make(FrameKind::kTransaction).header;
     header.dataSize = 4;
-    Bytes good = headerOnly(header);
-    good.resize(good.size() + 4);
-    send(good);
+    Bytes whole = headerOnly(header);
+    whole.resize(whole.size() + 4);
+    send(whole);
     EXPECT_EQ(NO_ERROR, receive());
-}
 
-TEST_F(SocketPath, LargeBodiesComeInASealedMemfdOfTheirSizeWithinTheSendersShare) {
     const int wrongSize = memfdOf(1000, true);
     const int unsealed = memfdOf(100000, false);
     const int good = memfdOf(100000, true);

@@ -6,10 +6,7 @@
 
 #if TVBINDER_CHECK_LOCKS
 
-using android::tvbinder::HeldLocks;
-using android::tvbinder::LockGuard;
-using android::tvbinder::LockRank;
-using android::tvbinder::Mutex;
+using namespace android::tvbinder;
 
 namespace {
 

@@ -11,14 +11,7 @@
 
 #include "TestService.h"
 
-using android::IBinder;
-using android::NO_ERROR;
-using android::Parcel;
-using android::ProcessState;
-using android::sp;
-using android::status_t;
-using android::String16;
-using android::String8;
+using namespace android;
 
 namespace tvtest {
 
