@@ -9,10 +9,10 @@
 #include <vector>
 
 #include "ChildProcess.h"
-#include "runtime/Runtime.h"
 #include "ServedChild.h"
 #include "TestService.h"
 #include "TestSupport.h"
+#include "runtime/Runtime.h"
 
 using namespace android;
 using namespace tvtest;
@@ -20,10 +20,14 @@ using android::tvbinder::Runtime;
 
 namespace {
 
-TEST(ThreadPool, GrowsWhenAllThreadsAreBusyUpToItsMaximum) {
+TEST(ThreadPool, GrowsWhenAllThreadsAreBusyUpToItsMaximumAndTheNameIsWhatPsShows) {
     constexpr int kMaxSpawned = 3;
-    ServedChild child({"--max-threads=" + std::to_string(kMaxSpawned)});
+    ServedChild child({"--max-threads=" + std::to_string(kMaxSpawned), "--name=tvbnamed"});
     ASSERT_TRUE(child.ready());
+    EXPECT_EQ("tvbnamed", tvproc::processNameOf(child.pid()));
+    std::string commandLine;
+    std::getline(std::ifstream("/proc/" + std::to_string(child.pid()) + "/cmdline"), commandLine);
+    EXPECT_EQ(0u, commandLine.rfind("tvbnamed", 0));
     // The main pool thread plus the spawned ones: all of them are needed at once.
     constexpr int kCallers = kMaxSpawned + 1;
     std::vector<std::future<std::pair<int32_t, int32_t>>> calls;
@@ -48,15 +52,6 @@ TEST(ThreadPool, GrowsWhenAllThreadsAreBusyUpToItsMaximum) {
     EXPECT_EQ(kCallers, mostThreads);
     // The main pool thread and the spawned ones.
     EXPECT_EQ(size_t{1 + kMaxSpawned}, countPoolThreads(child.pid()));
-}
-
-TEST(ThreadPool, TheProcessNameIsWhatPsShows) {
-    ServedChild child({"--name=tvbnamed"});
-    ASSERT_TRUE(child.ready());
-    EXPECT_EQ("tvbnamed", tvproc::processNameOf(child.pid()));
-    std::string commandLine;
-    std::getline(std::ifstream("/proc/" + std::to_string(child.pid()) + "/cmdline"), commandLine);
-    EXPECT_EQ(0u, commandLine.rfind("tvbnamed", 0));
 }
 
 // What the forked child found; 0 when all is well.
