@@ -90,7 +90,7 @@ TEST_F(SubServices, RegisterWithTheMasterAndTalkToClientsAndMasterBothWays) {
     EXPECT_EQ(call(subClient, "whoami"), "sub " + clientInfoText(2, 2));
 }
 
-TEST_F(SubServices, DeathsReachEverySideAndARestartedSubServiceServesNewBinds) {
+TEST_F(SubServices, DeathsReachEverySideARestartedSubServiceServesNewBindsAndNoneWithoutMaster) {
     std::unique_ptr<tvtest::ChildProcess> sub = startSub(mSubName);
     LogCapture log;
     tv_sp<IClient> before = bindSubService(mSubName, mMasterName, 0, 1);
@@ -124,9 +124,15 @@ TEST_F(SubServices, DeathsReachEverySideAndARestartedSubServiceServesNewBinds) {
     EXPECT_TRUE(awaitLine(*sub, "log controoler died!!!,sub service[" + mSubName + "]"));
     const int status = sub->wait(20s);
     EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == EXIT_FAILURE) << status;
+    // Without a running master a publish fails and starts nothing.
+    tvtest::ChildProcess orphan("subservice", {mSubName, "absent"},
+                                {"TAVRIN_GETSERVICE_TIMEOUT_MS=200"});
+    EXPECT_TRUE(awaitLine(orphan, "log ServiceManager have no service named [absent]"));
+    EXPECT_TRUE(awaitLine(orphan, "published -1"));
+    EXPECT_NE(processNameOf(orphan.pid()), "AnnBdPb");
 }
 
-TEST_F(SubServices, ASubServiceThatDiesWhileItRegistersIsAnnouncedInOrderOrNotAtAll) {
+TEST_F(SubServices, DeathsWhileTheMasterRegistersOrRemovesAreAnnouncedInOrderOrNotAtAll) {
     tv_sp<IClient> serviceClient = bindService(mMasterName, 1);
     ASSERT_TRUE(serviceClient);
     // Killed while the master makes its configuration: never announced.
@@ -146,9 +152,8 @@ TEST_F(SubServices, ASubServiceThatDiesWhileItRegistersIsAnnouncedInOrderOrNotAt
               std::vector<std::string>{"registered " + announced});
     EXPECT_EQ(call(serviceClient, "sub " + announced + " hi"), "unregistered");
     EXPECT_EQ(call(serviceClient, "sub " + unconfigured + " hi"), "unregistered");
-}
 
-TEST_F(SubServices, AHeldRemovalHoldsUpNothingButItself) {
+    // A held removal holds up nothing but itself.
     const std::string held = uniqueName("holdbye");
     std::unique_ptr<tvtest::ChildProcess> heldSub = startSub(held);
     std::unique_ptr<tvtest::ChildProcess> other = startSub(mSubName);
@@ -163,14 +168,6 @@ TEST_F(SubServices, AHeldRemovalHoldsUpNothingButItself) {
     mMaster->writeLine("go");
     EXPECT_EQ(linesUntil(*mMaster, "registered " + held),
               std::vector<std::string>{"removed " + held + " null"});
-}
-
-TEST_F(SubServices, PublishWithoutARunningMasterFailsAndStartsNothing) {
-    tvtest::ChildProcess orphan("subservice", {mSubName, "absent"},
-                                {"TAVRIN_GETSERVICE_TIMEOUT_MS=200"});
-    EXPECT_TRUE(awaitLine(orphan, "log ServiceManager have no service named [absent]"));
-    EXPECT_TRUE(awaitLine(orphan, "published -1"));
-    EXPECT_NE(processNameOf(orphan.pid()), "AnnBdPb");
 }
 
 }  // namespace

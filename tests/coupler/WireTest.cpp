@@ -82,6 +82,19 @@ Answer ask(const sp<IBinder>& binder, uint32_t code, const Message& request) {
     return {status, bytesOf(reply)};
 }
 
+// A GET_SUB_SERVICE for `name` that waits up to `timeoutMs`, on a thread of
+// its own: the reply's bytes and how long it took.
+std::future<std::pair<Bytes, std::chrono::milliseconds>> waitFor(const sp<IBinder>& carrier,
+                                                                 const char* name,
+                                                                 int32_t timeoutMs) {
+    return std::async(std::launch::async, [=] {
+        const auto start = std::chrono::steady_clock::now();
+        Bytes bytes = ask(carrier, GET_SUB_SERVICE, {name, timeoutMs}).bytes;
+        return std::make_pair(bytes, std::chrono::duration_cast<std::chrono::milliseconds>(
+                                         std::chrono::steady_clock::now() - start));
+    });
+}
+
 void expectAnswer(const sp<IBinder>& binder, uint32_t code, const Message& request,
                   const Message& expected) {
     const Answer answer = ask(binder, code, request);
@@ -145,7 +158,7 @@ class Wire : public testing::Test {
     sp<IBinder> mCarrier;
 };
 
-TEST_F(Wire, ServiceCodesAnswerExactlyAndNotificationsHaveTheirLayout) {
+TEST_F(Wire, ServiceAndSubServiceCodesAnswerExactlyAndNotificationsHaveTheirLayout) {
     sp<RawObject> notifier = new RawObject();
     expectAnswer(mCarrier, ADD_NOTIFIER, {notifier}, {0});
     expectAnswer(mCarrier, ADD_NOTIFIER, {}, {-1});
@@ -167,6 +180,26 @@ TEST_F(Wire, ServiceCodesAnswerExactlyAndNotificationsHaveTheirLayout) {
     // Unknown codes get the platform's default handling.
     EXPECT_EQ(ask(mCarrier, 6, {}).status, android::UNKNOWN_TRANSACTION);
     EXPECT_EQ(ask(mCarrier, IBinder::INTERFACE_TRANSACTION, {}).status, android::NO_ERROR);
+
+    // A sub-service's carrier answers its own codes and no others.
+    const std::string subName = uniqueName("sub");
+    tvtest::ChildProcess subService("subservice", {subName, mName});
+    ASSERT_TRUE(awaitLine(subService, "published 0"));
+    sp<IBinder> carrier = tavrin_cli::ContextInspector::subService(mCarrier, subName);
+    ASSERT_NE(carrier, nullptr);
+
+    expectAnswer(carrier, ADD_NOTIFIER, {notifier}, {0});
+    expectAnswer(carrier, ADD_NOTIFIER, {}, {-1});
+    expectAnswer(carrier, IPC_CALL, callWith("whoami"),
+                 result("sub " + std::to_string(getpid()) + " 5 3"));
+    expectAnswer(carrier, IPC_CALL, callWith("notify"), result("answer raw answer"));
+    expectAnswer(carrier, IPC_CALL, callWith("x", "Stranger"), {});
+    expectAnswer(carrier, MASTER_IPC_CALL, {"Msg", "m"}, result("sub got m"));
+    expectAnswer(carrier, MASTER_IPC_CALL, {}, {});
+    for (uint32_t code :
+         {REMOVE_NOTIFIER, GET_SUB_SERVICE, SUB_SERVICE_IPC_CALL, REGISTER_SUB_SERVICE}) {
+        EXPECT_EQ(ask(carrier, code, {}).status, android::UNKNOWN_TRANSACTION);
+    }
 }
 
 TEST_F(Wire, SubServiceRegistryAnswersExactlyAndWakesItsWaiters) {
@@ -192,15 +225,8 @@ TEST_F(Wire, SubServiceRegistryAnswersExactlyAndWakesItsWaiters) {
 
     // Two waiters for one name are both answered by its registration, long
     // before their time-out; a registration of another name wakes them too.
-    auto waiter = [&] {
-        return std::async(std::launch::async, [&] {
-            const auto start = std::chrono::steady_clock::now();
-            Answer answer = ask(mCarrier, GET_SUB_SERVICE, {"late", 20000});
-            return std::make_pair(answer.bytes, std::chrono::steady_clock::now() - start);
-        });
-    };
-    auto first = waiter();
-    auto second = waiter();
+    auto first = waitFor(mCarrier, "late", 20000);
+    auto second = waitFor(mCarrier, "late", 20000);
     ASSERT_TRUE(tvproc::waitUntil([&] { return waitingIn(mName) == 2; }, 20s));
     expectAnswer(mCarrier, REGISTER_SUB_SERVICE, {"noconf-early", sub}, {0, 0});
     expectAnswer(mCarrier, REGISTER_SUB_SERVICE, {"late", sub}, {0, 1, "Msg", "config for late"});
@@ -223,14 +249,8 @@ TEST_F(Wire, WaitersForSubServicesLeaveEveryServiceOfTheProcessServing) {
     constexpr std::chrono::milliseconds kTimeout = 2s;
     std::vector<std::future<std::pair<Bytes, std::chrono::milliseconds>>> waiters;
     for (int i = 0; i < 21; ++i) {
-        waiters.push_back(std::async(std::launch::async, [&, i] {
-            const auto start = std::chrono::steady_clock::now();
-            Answer answer = ask(carriers[i % 3], GET_SUB_SERVICE,
-                                {"never", static_cast<int32_t>(kTimeout.count())});
-            return std::make_pair(answer.bytes,
-                                  std::chrono::duration_cast<std::chrono::milliseconds>(
-                                      std::chrono::steady_clock::now() - start));
-        }));
+        waiters.push_back(
+            waitFor(carriers[i % 3], "never", static_cast<int32_t>(kTimeout.count())));
     }
     // Each waits, or was refused.
     ASSERT_TRUE(tvproc::waitUntil(
@@ -263,28 +283,6 @@ TEST_F(Wire, WaitersForSubServicesLeaveEveryServiceOfTheProcessServing) {
     EXPECT_GT(refused, 0);
     EXPECT_TRUE(
         awaitLine(services, "log get sub service failed!:too many waiters,sub service[never]"));
-}
-
-TEST_F(Wire, SubServiceCodesAnswerExactly) {
-    const std::string subName = uniqueName("sub");
-    tvtest::ChildProcess subService("subservice", {subName, mName});
-    ASSERT_TRUE(awaitLine(subService, "published 0"));
-    sp<IBinder> carrier = tavrin_cli::ContextInspector::subService(mCarrier, subName);
-    ASSERT_NE(carrier, nullptr);
-
-    sp<RawObject> notifier = new RawObject();
-    expectAnswer(carrier, ADD_NOTIFIER, {notifier}, {0});
-    expectAnswer(carrier, ADD_NOTIFIER, {}, {-1});
-    expectAnswer(carrier, IPC_CALL, callWith("whoami"),
-                 result("sub " + std::to_string(getpid()) + " 5 3"));
-    expectAnswer(carrier, IPC_CALL, callWith("notify"), result("answer raw answer"));
-    expectAnswer(carrier, IPC_CALL, callWith("x", "Stranger"), {});
-    expectAnswer(carrier, MASTER_IPC_CALL, {"Msg", "m"}, result("sub got m"));
-    expectAnswer(carrier, MASTER_IPC_CALL, {}, {});
-    for (uint32_t code :
-         {REMOVE_NOTIFIER, GET_SUB_SERVICE, SUB_SERVICE_IPC_CALL, REGISTER_SUB_SERVICE}) {
-        EXPECT_EQ(ask(carrier, code, {}).status, android::UNKNOWN_TRANSACTION);
-    }
 }
 
 }  // namespace
