@@ -151,7 +151,7 @@ class ServiceManagerTest : public testing::Test {
         environmentFor(mContext, "/nonexistent/tavrin-servicemanager");
 };
 
-TEST_F(ServiceManagerTest, RegistersFindsAndListsServices) {
+TEST_F(ServiceManagerTest, RegistersFindsListsAndKeepsANameForItsRegistrantAsLongAsItLives) {
     tvtest::ChildProcess owner = child();
     tvtest::ChildProcess client = child();
     ASSERT_EQ(statusLine(NO_ERROR), ask(owner, "add sm.alpha one"));
@@ -171,43 +171,35 @@ TEST_F(ServiceManagerTest, RegistersFindsAndListsServices) {
     ASSERT_EQ(0, ServiceManagerDaemon::list(mContext, &listing));
     EXPECT_NE(std::string::npos, listing.find("sm.alpha")) << listing;
     EXPECT_NE(std::string::npos, listing.find(std::to_string(owner.pid()))) << listing;
-}
 
-TEST_F(ServiceManagerTest, ANameBelongsToItsRegistrantAndEndsWithItOrWithItsObject) {
-    tvtest::ChildProcess successor = child();
-    {
-        tvtest::ChildProcess owner = child();
-        ASSERT_EQ(statusLine(NO_ERROR), ask(owner, "add sm.held one"));
-        EXPECT_EQ(statusLine(android::ALREADY_EXISTS), ask(successor, "add sm.held two"));
-        EXPECT_EQ(statusLine(android::ALREADY_EXISTS), ask(successor, "add manager two"));
-        // The holder itself may replace its registration.
-        EXPECT_EQ(statusLine(NO_ERROR), ask(owner, "add sm.held three"));
-        ASSERT_EQ("tag three", ask(successor, "check sm.held"));
-        {
-            // Another process registers the owner's object under names of its
-            // own, up to its own limit, which leaves the owner's untouched...
-            tvtest::ChildProcess relay = child();
-            EXPECT_EQ("512 " + statusLine(android::NO_MEMORY),
-                      ask(relay, "fill sm.relay. sm.held"));
-            EXPECT_EQ(statusLine(NO_ERROR), ask(owner, "add sm.more five"));
-            EXPECT_EQ("tag three", ask(successor, "check sm.relay.511"));
-            relay.kill(SIGKILL);
-            ASSERT_NE(-1, relay.wait());
-        }
-        // ...and holds them no longer than it lives, though the object does.
-        EXPECT_TRUE(tvtest::waitUntil(
-            [&] {
-                return ask(successor, "check sm.relay.0") == "null" &&
-                       ask(successor, "check sm.relay.511") == "null";
-            },
-            10s));
-        EXPECT_EQ("tag three", ask(successor, "check sm.held"));
-        owner.kill(SIGKILL);
-        ASSERT_NE(-1, owner.wait());
-    }
-    EXPECT_TRUE(tvtest::waitUntil([&] { return ask(successor, "check sm.held") == "null"; }, 10s));
-    EXPECT_EQ(statusLine(NO_ERROR), ask(successor, "add sm.held four"));
-    EXPECT_EQ("tag four", ask(successor, "check sm.held"));
+    // A name belongs to its registrant and ends with it or with its object.
+    ASSERT_EQ(statusLine(NO_ERROR), ask(owner, "add sm.held one"));
+    EXPECT_EQ(statusLine(android::ALREADY_EXISTS), ask(client, "add sm.held two"));
+    EXPECT_EQ(statusLine(android::ALREADY_EXISTS), ask(client, "add manager two"));
+    // The holder itself may replace its registration.
+    EXPECT_EQ(statusLine(NO_ERROR), ask(owner, "add sm.held three"));
+    ASSERT_EQ("tag three", ask(client, "check sm.held"));
+    // Another process registers the owner's object under names of its
+    // own, up to its own limit, which leaves the owner's untouched...
+    tvtest::ChildProcess relay = child();
+    EXPECT_EQ("512 " + statusLine(android::NO_MEMORY), ask(relay, "fill sm.relay. sm.held"));
+    EXPECT_EQ(statusLine(NO_ERROR), ask(owner, "add sm.more five"));
+    EXPECT_EQ("tag three", ask(client, "check sm.relay.511"));
+    relay.kill(SIGKILL);
+    ASSERT_NE(-1, relay.wait());
+    // ...and holds them no longer than it lives, though the object does.
+    EXPECT_TRUE(tvtest::waitUntil(
+        [&] {
+            return ask(client, "check sm.relay.0") == "null" &&
+                   ask(client, "check sm.relay.511") == "null";
+        },
+        10s));
+    EXPECT_EQ("tag three", ask(client, "check sm.held"));
+    owner.kill(SIGKILL);
+    ASSERT_NE(-1, owner.wait());
+    EXPECT_TRUE(tvtest::waitUntil([&] { return ask(client, "check sm.held") == "null"; }, 10s));
+    EXPECT_EQ(statusLine(NO_ERROR), ask(client, "add sm.held four"));
+    EXPECT_EQ("tag four", ask(client, "check sm.held"));
 }
 
 // Has `agent` wait for `name` far beyond the test's own patience; returns
@@ -289,6 +281,9 @@ void sendMalformedRequests() {
     const uint32_t add = IServiceManager::ADD_SERVICE_TRANSACTION;
     const std::string longest(IServiceManager::kMaxNameLength, 'n');
     const sp<IBinder> service = new TaggedService("hostile");
+    const sp<IBinder> manager = ProcessState::self()->getContextObject(nullptr);
+    const uint32_t waitFor = IServiceManager::WAIT_FOR_SERVICE_TRANSACTION;
+    const Item x = name("sm.x");
     int pipeEnds[2];
     if (pipe2(pipeEnds, O_CLOEXEC) != 0) return;
     const struct {
@@ -304,26 +299,19 @@ void sendMalformedRequests() {
         {"control-character", check, BAD_VALUE, {token(), name("bad\nname")}},
         {"non-ascii", check, BAD_VALUE, {token(), name("caf\u00e9")}},
         {"null-string", check, BAD_VALUE, {token(), number(-1)}},
-        {"no-token", check, BAD_VALUE, {name("sm.x")}},
-        {"wrong-token", check, BAD_VALUE, {token(String16("evil.IThing")), name("sm.x")}},
-        {"trailing-bytes", check, BAD_VALUE, {token(), name("sm.x"), number(0)}},
-        {"null-binder", add, BAD_VALUE, {token(), name("sm.x"), object(nullptr), number(0)}},
+        {"no-token", check, BAD_VALUE, {x}},
+        {"wrong-token", check, BAD_VALUE, {token(String16("evil.IThing")), x}},
+        {"trailing-bytes", check, BAD_VALUE, {token(), x, number(0)}},
+        {"null-binder", add, BAD_VALUE, {token(), x, object(nullptr), number(0)}},
         {"descriptor-for-binder",
          add,
          BAD_VALUE,
-         {token(), name("sm.x"), descriptor(STDIN_FILENO), number(0)}},
-        {"missing-flag", add, BAD_VALUE, {token(), name("sm.x"), object(service)}},
-        {"bad-flag", add, BAD_VALUE, {token(), name("sm.x"), object(service), number(7)}},
-        {"manager-itself",
-         add,
-         BAD_VALUE,
-         {token(), name("sm.x"), object(ProcessState::self()->getContextObject(nullptr)),
-          number(0)}},
-        {"pipe-for-socket",
-         IServiceManager::WAIT_FOR_SERVICE_TRANSACTION,
-         BAD_VALUE,
-         {token(), name("sm.x"), descriptor(pipeEnds[1])}},
-        {"unknown-code", 0x00abcdef, UNKNOWN_TRANSACTION, {token(), name("sm.x")}},
+         {token(), x, descriptor(STDIN_FILENO), number(0)}},
+        {"missing-flag", add, BAD_VALUE, {token(), x, object(service)}},
+        {"bad-flag", add, BAD_VALUE, {token(), x, object(service), number(7)}},
+        {"manager-itself", add, BAD_VALUE, {token(), x, object(manager), number(0)}},
+        {"pipe-for-socket", waitFor, BAD_VALUE, {token(), x, descriptor(pipeEnds[1])}},
+        {"unknown-code", 0x00abcdef, UNKNOWN_TRANSACTION, {token(), x}},
         {"one-way-add",
          add,
          NO_ERROR,
