@@ -11,6 +11,7 @@
 #include <functional>
 #include <vector>
 
+#include "RawPeer.h"
 #include "wire/Connection.h"
 #include "wire/FlatObject.h"
 #include "wire/Frame.h"
@@ -112,49 +113,16 @@ class SocketPath : public testing::Test {
     void SetUp() override {
         int fds[2];
         ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, fds));
-        mSender = fds[0];
+        sender = std::make_unique<tvraw::RawConnection>(tvraw::RawConnection::Adopt{fds[0]});
         receiver = Connection::adopt(fds[1]);
         accounts.setDescriptorLimit(1024);
     }
-    void TearDown() override { close(mSender); }
-
-    // Sends `message` with at most one descriptor.
-    void send(const Bytes& message, int fd = -1) {
-        iovec part{const_cast<uint8_t*>(message.data()), message.size()};
-        msghdr header{};
-        header.msg_iov = &part;
-        header.msg_iovlen = 1;
-        alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))];
-        if (fd >= 0) {
-            header.msg_control = control;
-            header.msg_controllen = sizeof(control);
-            cmsghdr* cmsg = CMSG_FIRSTHDR(&header);
-            cmsg->cmsg_level = SOL_SOCKET;
-            cmsg->cmsg_type = SCM_RIGHTS;
-            cmsg->cmsg_len = CMSG_LEN(sizeof(int));
-            memcpy(CMSG_DATA(cmsg), &fd, sizeof(fd));
-        }
-        ASSERT_EQ(ssize_t(message.size()), sendmsg(mSender, &header, 0));
-    }
-    static Bytes headerOnly(const FrameHeader& header) {
-        Bytes bytes(sizeof(header));
-        memcpy(bytes.data(), &header, sizeof(header));
-        return bytes;
-    }
-    // A header announcing a body of `dataSize` bytes in a memfd.
-    static FrameHeader largeBody(uint32_t dataSize) {
+    // Sends a header announcing a body of 100000 bytes in a memfd, and `fds`.
+    void sendLargeBody(const std::vector<int>& fds) {
         FrameHeader header = OutgoingFrame::make(FrameKind::kTransaction).header;
         header.layout = kLayoutBodyInMemfd;
-        header.dataSize = dataSize;
-        return header;
-    }
-    static int memfdOf(size_t size, bool sealed) {
-        int fd = memfd_create("frame-test", MFD_CLOEXEC | MFD_ALLOW_SEALING);
-        EXPECT_EQ(0, ftruncate(fd, static_cast<off_t>(size)));
-        if (sealed) {
-            EXPECT_EQ(0, fcntl(fd, F_ADD_SEALS, F_SEAL_SHRINK | F_SEAL_GROW | F_SEAL_WRITE));
-        }
-        return fd;
+        header.dataSize = 100000;
+        sender->sendFrame(header, {}, fds);
     }
     status_t receive() {
         Frame frame;
@@ -163,63 +131,52 @@ class SocketPath : public testing::Test {
         return status;
     }
 
+    std::unique_ptr<tvraw::RawConnection> sender;
     sp<Connection> receiver;
     PeerAccounts accounts;
-
-  private:
-    int mSender = -1;
 };
 
 TEST_F(SocketPath, MessagesHoldTheWholeFrameLargeBodiesASealedMemfdWithinTheSendersShare) {
-    send(Bytes(5));
+    sender->send("short", 5);
     EXPECT_EQ(BAD_VALUE, receive()) << "shorter than a header";
-
     FrameHeader header = OutgoingFrame::make(FrameKind::kTransaction).header;
     header.dataSize = 100;
-    Bytes truncated = headerOnly(header);
-    truncated.resize(truncated.size() + 50);
-    send(truncated);
+    sender->sendFrame(header, Bytes(50));
     EXPECT_EQ(BAD_VALUE, receive()) << "body shorter than announced";
-
     header.dataSize = 64;
     header.objectCount = 1000;
-    Bytes tooManyObjects = headerOnly(header);
-    tooManyObjects.resize(tooManyObjects.size() + 64 + 4000);
-    send(tooManyObjects);
+    sender->sendFrame(header, Bytes(64 + 4000));
     EXPECT_EQ(BAD_VALUE, receive()) << "more objects than the data can hold";
-
-    send(Bytes(kMaxInlineFrame + 1));
+    sender->send(Bytes(kMaxInlineFrame + 1).data(), kMaxInlineFrame + 1);
     EXPECT_EQ(BAD_VALUE, receive()) << "larger than a message may be";
-
     header = OutgoingFrame::make(FrameKind::kTransaction).header;
     header.dataSize = 4;
-    Bytes whole = headerOnly(header);
-    whole.resize(whole.size() + 4);
-    send(whole);
+    sender->sendFrame(header, Bytes(4));
     EXPECT_EQ(NO_ERROR, receive());
 
-    const int wrongSize = memfdOf(1000, true);
-    const int unsealed = memfdOf(100000, false);
-    const int good = memfdOf(100000, true);
-    send(headerOnly(largeBody(100000)), wrongSize);
+    const int wrongSize = tvraw::sealedMemfd({}, 1000);
+    const int unsealed = memfd_create("frame-test", MFD_CLOEXEC);
+    ASSERT_EQ(0, ftruncate(unsealed, 100000));
+    const int good = tvraw::sealedMemfd({}, 100000);
+    sendLargeBody({wrongSize});
     EXPECT_EQ(BAD_VALUE, receive()) << "memfd of another size";
-    send(headerOnly(largeBody(100000)), unsealed);
+    sendLargeBody({unsealed});
     EXPECT_EQ(BAD_VALUE, receive()) << "memfd without seals";
-    send(headerOnly(largeBody(100000)));
+    sendLargeBody({});
     EXPECT_EQ(BAD_VALUE, receive()) << "no memfd";
-    send(headerOnly(largeBody(100000)), good);
+    sendLargeBody({good});
     EXPECT_EQ(NO_ERROR, receive());
 
     // Charged to the sender's account while it is read: beyond the share,
     // the body is dropped and the connection lives on.
-    sp<android::tvbinder::PeerAccount> account = accounts.admitConnection(getpid()).account;
+    sp<PeerAccount> account = accounts.admitConnection(getpid()).account;
     ASSERT_NE(nullptr, account);
     receiver->chargeBodiesTo(account);
     ASSERT_TRUE(account->takeBody(PeerAccounts::kBodyBudgetPerProcess - 50000));
-    send(headerOnly(largeBody(100000)), good);
+    sendLargeBody({good});
     EXPECT_EQ(NO_MEMORY, receive());
     account->returnBody(PeerAccounts::kBodyBudgetPerProcess - 50000);
-    send(headerOnly(largeBody(100000)), good);
+    sendLargeBody({good});
     EXPECT_EQ(NO_ERROR, receive());
     account->connectionGone(false);
     for (int fd : {wrongSize, unsealed, good}) close(fd);

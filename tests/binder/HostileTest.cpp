@@ -67,10 +67,6 @@ Calls callsDuring(const android::sp<IBinder>& binder, Clock::duration period) {
     return calls;
 }
 
-long long millis(Clock::duration duration) {
-    return std::chrono::duration_cast<std::chrono::milliseconds>(duration).count();
-}
-
 // Waits up to `limit` for `pending`; past it, kills `child` so that the calls
 // end, and says false.
 template <typename Result>
@@ -79,6 +75,15 @@ bool finishedWithin(std::future<Result>& pending, ServedChild& child, Clock::dur
     child.process().kill(SIGKILL);
     pending.wait();
     return false;
+}
+
+// Checks that every call made meanwhile by `legitimate` was served in time.
+void expectServedThroughout(std::future<Calls>& legitimate, ServedChild& child) {
+    EXPECT_TRUE(finishedWithin(legitimate, child, 30s)) << "a call did not end";
+    const Calls calls = legitimate.get();
+    EXPECT_EQ(0, calls.failed) << "of " << calls.made << " calls";
+    EXPECT_LT(std::chrono::duration_cast<std::chrono::milliseconds>(calls.slowest).count(), 1000)
+        << "ms for the slowest of " << calls.made << " calls";
 }
 
 // The test's objects as any process of its user gets them: from the registry.
@@ -423,10 +428,7 @@ TEST_F(HostilePeers, NamingAnUnreachableEndpointDoesNotStallTheService) {
     }
     for (auto& claimer : claimers) EXPECT_EQ("sent", claimer->readLine());
 
-    EXPECT_TRUE(finishedWithin(legitimate, child, 30s)) << "a call did not end";
-    const Calls calls = legitimate.get();
-    EXPECT_EQ(0, calls.failed) << "of " << calls.made << " calls";
-    EXPECT_LT(millis(calls.slowest), 1000) << "ms for the slowest of " << calls.made << " calls";
+    expectServedThroughout(legitimate, child);
     expectStillServing();
 }
 
@@ -485,10 +487,7 @@ TEST_F(HostilePeers, LargeBodiesAndQueuedDescriptorsStayWithinTheSendersShare) {
     EXPECT_EQ("sent", hostile.readLine());
     auto legitimate =
         std::async(std::launch::async, [&] { return callsDuring(child.binder(), 3s); });
-    EXPECT_TRUE(finishedWithin(legitimate, child, 30s)) << "a call did not end";
-    const Calls calls = legitimate.get();
-    EXPECT_EQ(0, calls.failed) << "of " << calls.made << " calls";
-    EXPECT_LT(millis(calls.slowest), 1000) << "ms for the slowest of " << calls.made << " calls";
+    expectServedThroughout(legitimate, child);
     peak.stop();
     // The budget admits two at once; the rest is room for the allocator
     // (a sanitizer keeps freed bodies a while).

@@ -33,11 +33,7 @@ void publish(const std::string& name, const android::sp<android::IBinder>& objec
 android::sp<android::IBinder> lookup(const std::string& name,
                                      std::chrono::milliseconds timeout = std::chrono::seconds(20));
 
-// Polls `condition` until it holds or `timeout` passes.
-inline bool waitUntil(const std::function<bool()>& condition,
-                      std::chrono::milliseconds timeout = std::chrono::seconds(20)) {
-    return tvproc::waitUntil(condition, timeout);
-}
+using tvproc::waitUntil;
 
 int currentTid();
 using tvproc::countOpenFds;

@@ -31,7 +31,7 @@ int objIDOf(const std::string& clientInfo) {
     return objID;
 }
 
-TEST(ServiceCalls, ConcurrentBindsShareOneProxyAndCallsCarryTheirClientInfo) {
+TEST(ServiceCalls, ConcurrentBindsShareOneProxyCallsCarryTheirClientInfoNotificationsTheirHandle) {
     LogCapture log;
     const std::string name = uniqueName("svc");
     tvtest::ChildProcess service("service", {name, name + ".second"});
@@ -71,46 +71,39 @@ TEST(ServiceCalls, ConcurrentBindsShareOneProxyAndCallsCarryTheirClientInfo) {
     EXPECT_EQ(call(clients[0], "nothing"), "null");
     EXPECT_EQ(call(clients[0], "say hi"), "echo hi");
 
-    tv_sp<IClient> second = bindService(name + ".second", 5);
-    ASSERT_TRUE(second);
-    EXPECT_EQ(call(second, "whoami"), clientInfoText(5, 1));
-}
+    tv_sp<IClient> other = bindService(name + ".second", 5);
+    ASSERT_TRUE(other);
+    EXPECT_EQ(call(other, "whoami"), clientInfoText(5, 1));
 
-TEST(ServiceNotifications, ReachExactlyTheAddressedHandleAlsoInsideItsCall) {
-    const std::string name = uniqueName("svc");
-    tvtest::ChildProcess service("service", {name});
-    tv_sp<IClient> first = bindService(name, 1);
-    tv_sp<IClient> second = bindService(name, 2);
-    tv_sp<IClient> silent = bindService(name, 3);
-    ASSERT_TRUE(first && second && silent);
+    // Notifications reach exactly the addressed handle. The service asks
+    // while this thread waits in the call: the question is answered on this
+    // very thread, no pool thread needed.
+    tv_sp<IClient>&first = clients[0], &second = clients[1], &silent = clients[2];
     auto* firstSink = new RecordingNotifier("first");
     auto* secondSink = new RecordingNotifier("second");
     tv_sp<tavrin::IClientNotifier> firstNotifier(firstSink), secondNotifier(secondSink);
     first->setNotifier(firstNotifier);
     second->setNotifier(secondNotifier);
-
-    // The service asks while this thread waits in the call: the question is
-    // answered on this very thread, no pool thread needed.
     EXPECT_EQ(call(first, "notify"), "answer from first");
     EXPECT_EQ(firstSink->answeringThread(), std::this_thread::get_id());
     ASSERT_TRUE(tvproc::waitUntil([&] { return firstSink->received().size() == 2; }, 20s));
     EXPECT_EQ(firstSink->received(), (std::multiset<std::string>{"note note", "question ask"}));
     EXPECT_TRUE(secondSink->received().empty());
-
-    LogCapture log;
     EXPECT_EQ(call(silent, "notify"), "answer null");
     EXPECT_THAT(log.lines(), Contains(LogLine{ANDROID_LOG_WARN, "[Tavrin][ClientShadow]",
                                               "notify was not processed!!!:notifier not "
                                               "set,notify[Msg]"}));
     // A dropped handle is no longer addressable.
     second = tv_sp<IClient>();
-    EXPECT_EQ(call(first, "notifyex 2 2"), "answer null");
+    EXPECT_EQ(call(first, "notifyex 101 " + std::to_string(objIDOf(seen[1]))), "answer null");
     EXPECT_THAT(log.lines(), Contains(LogLine{ANDROID_LOG_WARN, "[Tavrin][ClientsManager]",
-                                              "send notify fail,notifier invaild,objID[2]"}));
+                                              "send notify fail,notifier invaild,objID[" +
+                                                  std::to_string(objIDOf(seen[1])) + "]"}));
     // A replaced notifier is the one asked from then on.
     tv_sp<tavrin::IClientNotifier> replacement(new RecordingNotifier("replacement"));
     first->setNotifier(replacement);
-    EXPECT_EQ(call(first, "notifyex 1 1"), "answer from replacement");
+    EXPECT_EQ(call(first, "notifyex 100 " + std::to_string(objIDOf(seen[0]))),
+              "answer from replacement");
 }
 
 bool isFree(const std::string& name) {

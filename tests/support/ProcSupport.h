@@ -14,7 +14,8 @@
 namespace tvproc {
 
 // Polls `condition` until it holds or `timeout` passes.
-bool waitUntil(const std::function<bool()>& condition, std::chrono::milliseconds timeout);
+bool waitUntil(const std::function<bool()>& condition,
+               std::chrono::milliseconds timeout = std::chrono::seconds(20));
 
 // The exit status of `pid` (as from waitpid), or -1 if it is still running
 // after `timeout`.

@@ -24,6 +24,11 @@ using android::tvbinder::FrameKind;
 class RawConnection {
   public:
     explicit RawConnection(uint64_t endpoint);
+    // Speaks on `fd`, one end of a socket pair, which it then owns.
+    struct Adopt {
+        int fd;
+    };
+    explicit RawConnection(Adopt socket) : connected(true), mFd(socket.fd) {}
     ~RawConnection();
     RawConnection(const RawConnection&) = delete;
     RawConnection& operator=(const RawConnection&) = delete;
