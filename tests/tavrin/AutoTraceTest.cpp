@@ -30,10 +30,8 @@ TEST(AutoTrace, WritesEntryAndExitLinesAtVerboseTheTimedOnesWithClockTimesAndDur
     EXPECT_THAT(lines[3].message,
                 MatchesRegex("\\[Worker\\]\\[step\\] \\[-OUT-\\] time\\[[0-9]+s\\]\\[[0-9]+us\\] "
                              "duration\\[[0-9]+s\\]\\[-?[0-9]+us\\]\n"));
-}
-
-TEST(AutoTrace, TimedDurationSubtractsFieldByFieldWithoutBorrow) {
-    LogCapture log;
+    // The duration is subtracted field by field, without a borrow.
+    log.clear();
     const timeval end = {11, 100000};
     AutoTrace::logTimedExit("[App]", "Worker", "step", 10, 900000, end);
     EXPECT_THAT(log.lines(), ElementsAre(LogLine{ANDROID_LOG_VERBOSE, "[App]",

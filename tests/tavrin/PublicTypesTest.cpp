@@ -22,7 +22,7 @@ class Counted {
     std::atomic<int>* mDeletions;
 };
 
-TEST(TvSp, EmptyAndFailureDifferInCountAndTheLastReleaseDeletesOnce) {
+TEST(TvSp, EmptyAndFailureDifferInCountAndTheLastReleaseDeletesOnceEvenConcurrently) {
     tv_sp<Counted> empty;
     tv_sp<Counted> emptyCopy(empty);
     EXPECT_EQ(emptyCopy.useCount(), 0);
@@ -43,11 +43,10 @@ TEST(TvSp, EmptyAndFailureDifferInCountAndTheLastReleaseDeletesOnce) {
     EXPECT_EQ(deletions.load(), 1);
     held = tv_sp<Counted>();
     EXPECT_EQ(deletions.load(), 2);
-}
 
-TEST(TvSp, ConcurrentCopiesAndReleasesDeleteExactlyOnce) {
+    // Concurrent copies and releases delete exactly once.
     for (int trial = 0; trial < 20; ++trial) {
-        std::atomic<int> deletions{0};
+        deletions = 0;
         std::atomic<bool> go{false};
         tv_sp<Counted> original(new Counted(&deletions));
         std::vector<std::thread> threads;

@@ -80,7 +80,19 @@ void expectWire(tavrin::IPCBasicClass& source, const Bytes& wire, tavrin::IPCBas
     EXPECT_EQ(readFrom(wire, target), wire.size());
 }
 
-TEST(ScalarValues, HaveTheirWireLayoutsAndRoundTrip) {
+// A writer whose strings never fit.
+class FullWriter : public tavrin::Serialization {
+  public:
+    int write(const void*, size_t) override { return 0; }
+    int writeInt32(int32_t) override { return 0; }
+    int writeInt64(int64_t) override { return 0; }
+    int writeFloat(float) override { return 0; }
+    int writeDouble(double) override { return 0; }
+    int writeCString(const char*) override { return -12; }
+    int writeDupFileDescriptor(int) override { return 0; }
+};
+
+TEST(ScalarValues, HaveTheirWireLayoutsRoundTripAndKeepWhatAFailedReadOrWriteLeft) {
     tavrin::IPCInt32 int32(-7), int32Back;
     expectWire(int32, words({-7}), int32Back);
     EXPECT_EQ(int32Back.get(), -7);
@@ -97,21 +109,9 @@ TEST(ScalarValues, HaveTheirWireLayoutsAndRoundTrip) {
     EXPECT_FALSE(boolBack.get());
     readFrom(words({2}), boolBack);
     EXPECT_EQ(serialised(boolBack), words({1}));
-}
 
-// A writer whose strings never fit.
-class FullWriter : public tavrin::Serialization {
-  public:
-    int write(const void*, size_t) override { return 0; }
-    int writeInt32(int32_t) override { return 0; }
-    int writeInt64(int64_t) override { return 0; }
-    int writeFloat(float) override { return 0; }
-    int writeDouble(double) override { return 0; }
-    int writeCString(const char*) override { return -12; }
-    int writeDupFileDescriptor(int) override { return 0; }
-};
-
-TEST(StringValue, IsACStringPaddedToAWordAndNeitherAMissingOneNorAFailedWriteChangesAnything) {
+    // A C string padded to a word; neither a missing one nor a failed write
+    // changes anything.
     tavrin::IPCString four("abcd"), back("previous, longer content");
     expectWire(four, {'a', 'b', 'c', 'd', 0, 0, 0, 0}, back);
     EXPECT_EQ(back.get(), "abcd");
@@ -127,9 +127,8 @@ TEST(StringValue, IsACStringPaddedToAWordAndNeitherAMissingOneNorAFailedWriteCha
     EXPECT_EQ(lines[0].priority, ANDROID_LOG_WARN);
     EXPECT_EQ(lines[0].message, "writeCString fail.");
     EXPECT_EQ(lines[0].tag.find("[Tavrin]"), std::string::npos);  // no tag of the library's
-}
 
-TEST(FileDescriptorValue, ReceivedDescriptorOutlivesTheMessageAndTheValue) {
+    // A received descriptor outlives the message and the value.
     int ends[2];
     ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
     int received = -1;
