@@ -86,6 +86,13 @@ void expectServedThroughout(std::future<Calls>& legitimate, ServedChild& child) 
         << "ms for the slowest of " << calls.made << " calls";
 }
 
+// Tells the test `line`, then keeps what the role made until the test lets it go.
+int reportAndHold(const std::string& line) {
+    tvtest::ParentChannel::send(line);
+    tvtest::ParentChannel::receive();
+    return 0;
+}
+
 // The test's objects as any process of its user gets them: from the registry.
 android::sp<IBinder> lookUpAsAClient(const std::string& name) {
     android::ProcessState::self()->startThreadPool();
@@ -100,9 +107,7 @@ TVTEST_CHILD_ROLE(claim_endpoint) {
         claims.push_back(std::make_unique<RawConnection>(std::stoull(args[0])));
         claims.back()->hello(std::stoull(args[1]));
     }
-    tvtest::ParentChannel::send("sent");
-    tvtest::ParentChannel::receive();
-    return 0;
+    return reportAndHold("sent");
 }
 
 // Connects to the socket at args[0] up to args[1] times, or until the backlog
@@ -121,9 +126,7 @@ TVTEST_CHILD_ROLE(connection_flood) {
         }
         connections.push_back(fd);
     }
-    tvtest::ParentChannel::send(std::to_string(connections.size()));
-    tvtest::ParentChannel::receive();
-    return 0;
+    return reportAndHold(std::to_string(connections.size()));
 }
 
 // On args[1] connections, calls BARRIER on the object named args[0] with a
@@ -145,9 +148,7 @@ TVTEST_CHILD_ROLE(large_bodies) {
         calls.back()->hello(ownEndpoint());
         calls.back()->sendFrame(header, {}, {body});
     }
-    tvtest::ParentChannel::send("sent");
-    tvtest::ParentChannel::receive();
-    return 0;
+    return reportAndHold("sent");
 }
 
 // Over a link to the object named args[0], blocks it, then sends args[1]
@@ -176,9 +177,7 @@ TVTEST_CHILD_ROLE(descriptor_oneways) {
         }
         allDropped = link.endsWithin(10s) && allDropped;
     }
-    tvtest::ParentChannel::send(allDropped ? "dropped" : "open");
-    tvtest::ParentChannel::receive();
-    return 0;
+    return reportAndHold(allDropped ? "dropped" : "open");
 }
 
 class HostilePeers : public testing::Test {
@@ -518,9 +517,7 @@ TVTEST_CHILD_ROLE(other_user_registry) {
     if (!process->becomeContextManager()) return 3;
     android::IPCThreadState::self()->setTheContextObject(new android::BBinder());
     process->startThreadPool();
-    tvtest::ParentChannel::send("ready");
-    tvtest::ParentChannel::receive();
-    return 0;
+    return reportAndHold("ready");
 }
 
 TEST(OtherUsers, AreNeitherServedNorTrusted) {
@@ -540,9 +537,7 @@ TEST(OtherUsers, AreNeitherServedNorTrusted) {
 TVTEST_CHILD_ROLE(report_socket) {
     (void)args;
     android::ProcessState::self();
-    tvtest::ParentChannel::send(endpointAddress(Runtime::current()->endpoint()));
-    tvtest::ParentChannel::receive();
-    return 0;
+    return reportAndHold(endpointAddress(Runtime::current()->endpoint()));
 }
 
 bool exists(const std::string& path) {

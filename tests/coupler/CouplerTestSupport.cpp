@@ -39,6 +39,12 @@ std::string textOfValue(IPCClass* value) {
     return value != nullptr ? static_cast<Msg*>(value)->text() : "null";
 }
 
+// "<pid> <tag> <objID>"
+std::string describe(const ClientInfo& client) {
+    return std::to_string(client.pid) + " " + std::to_string(client.tag) + " " +
+           std::to_string(client.objID);
+}
+
 // Tells the test `line`, then waits for its next line.
 void pause(const std::string& line) {
     ParentChannel::send(line);
@@ -83,10 +89,7 @@ class TestService : public tavrin::IService {
         std::string verb, rest;
         words >> verb;
         std::getline(words >> std::ws, rest);
-        if (verb == "whoami") {
-            return reply(std::to_string(client.pid) + " " + std::to_string(client.tag) + " " +
-                         std::to_string(client.objID));
-        }
+        if (verb == "whoami") return reply(describe(client));
         if (verb == "notify") return reply(notifyCaller(mNotifier, client));
         if (verb == "notifyex") {
             ClientInfo other = client;
@@ -168,10 +171,7 @@ class TestSubService : public tavrin::ISubService {
     }
     tv_sp<IPCClass> onAction(IPCClass* action, ClientInfo& client) override {
         const std::string text = textOfValue(action);
-        if (text == "whoami") {
-            return reply("sub " + std::to_string(client.pid) + " " + std::to_string(client.tag) +
-                         " " + std::to_string(client.objID));
-        }
+        if (text == "whoami") return reply("sub " + describe(client));
         if (text == "notify") return reply(notifyCaller(mNotifier, client));
         if (text.rfind("master ", 0) == 0) {
             Msg toMaster(text.substr(7));

@@ -83,17 +83,13 @@ int waitingIn(const std::string& name);
 // Kills `child` and returns once the process `watcher` has seen it die.
 void killSeenBy(tvtest::ChildProcess& child, pid_t watcher);
 
-// Children (tvtest::ChildProcess roles): a master service "service NAME
-// [MORE_NAMES...]", a sub-service "subservice NAME MASTER [SECOND_NAME]"
-// (published again from its configuration), a client "client SERVICE
-// [SUB_SERVICE TIMEOUT_MS]". Each reports on its channel: "died PID",
-// "registered NAME", "removed NAME RESULT" (of a call through the handle it
-// had), "released" (the service object), "config TEXT", "published RC",
-// "second RC", "bound"/"unbound", and "log TEXT" for the library's warnings
-// and errors. Sub-services named "holdconf-", "holdreg-" and "holdbye-" hold
-// the master's callbacks: it says "configuring NAME", "registering NAME" or
-// "removing NAME" and goes on at the test's next line. With TVTEST_STALL_ON
-// set, a child stops at the first log line (of any priority) that contains
-// it, says "stalled", and goes on at the test's next line.
+// Children (the roles "service", "subservice" and "client", whose arguments
+// are told where they are defined) report on their channel: "died PID",
+// "registered NAME", "removed NAME RESULT", "released", "config TEXT",
+// "published RC", "second RC", "bound"/"unbound", and "log TEXT" for the
+// library's warnings and errors. Sub-services named "holdconf-", "holdreg-"
+// and "holdbye-" hold the master's callbacks ("configuring NAME",
+// "registering NAME", "removing NAME") until the test's next line; so does
+// a child at its first log line containing $TVTEST_STALL_ON ("stalled").
 
 }  // namespace coupler_test
