@@ -4,9 +4,7 @@
 #include <binder/ProcessState.h>
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <unistd.h>
 
-#include <atomic>
 #include <chrono>
 
 #include "ChildProcess.h"

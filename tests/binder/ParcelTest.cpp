@@ -1,7 +1,6 @@
 #include <binder/Parcel.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <string.h>
 #include <unistd.h>
 
 #include <cstdint>
