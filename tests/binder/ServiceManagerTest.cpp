@@ -78,54 +78,6 @@ std::string joinRegistrations() {
     return text;
 }
 
-// Runs one command of the agent role; the answer line.
-std::string runAgentCommand(const std::string& verb, const std::string& name,
-                            const std::string& argument) {
-    sp<IServiceManager> manager = defaultServiceManager();
-    if (verb == "add" || verb == "add-without-pool") {
-        if (verb == "add") android::ProcessState::self()->startThreadPool();
-        return "status " + std::to_string(manager->addService(String16(name.c_str()),
-                                                              new TaggedService(argument)));
-    }
-    if (verb == "fill") {
-        // Registers the object found under `argument` as NAME0, NAME1, ... until refused.
-        sp<IBinder> object = manager->checkService(String16(argument.c_str()));
-        status_t status = android::NAME_NOT_FOUND;
-        int count = 0;
-        while (object != nullptr && count <= 10000) {
-            status = manager->addService(String16((name + std::to_string(count)).c_str()), object);
-            if (status != NO_ERROR) break;
-            ++count;
-        }
-        return std::to_string(count) + " status " + std::to_string(status);
-    }
-    if (verb == "check") return describe(manager->checkService(String16(name.c_str())));
-    if (verb == "get") return describe(manager->getService(String16(name.c_str())));
-    if (verb == "timeout") {
-        manager->setGetServiceTimeout(std::chrono::milliseconds(std::stoll(name)));
-        return "ok";
-    }
-    if (verb == "registrations") return joinRegistrations();
-    if (verb == "threads") return std::to_string(tvtest::countPoolThreads(getpid()));
-    return "unknown command";
-}
-
-// A process that uses the service manager as the test tells it, one line per
-// command: "add NAME TAG", "add-without-pool NAME TAG", "fill PREFIX NAME",
-// "check NAME", "get NAME", "timeout MS", "registrations", "threads" (its
-// pool threads).
-TVTEST_CHILD_ROLE(sm_agent) {
-    (void)args;
-    for (;;) {
-        const std::string line = tvtest::ParentChannel::receive(120s);
-        if (line.empty()) return 0;
-        std::istringstream words(line);
-        std::string verb, name, argument;
-        words >> verb >> name >> argument;
-        tvtest::ParentChannel::send(runAgentCommand(verb, name, argument));
-    }
-}
-
 std::string ask(tvtest::ChildProcess& agent, const std::string& command,
                 std::chrono::milliseconds timeout = 20s) {
     agent.writeLine(command);
@@ -140,9 +92,7 @@ class ServiceManagerTest : public testing::Test {
   protected:
     void SetUp() override { ASSERT_TRUE(mDaemon.serving()); }
     // A child in the test's context.
-    tvtest::ChildProcess child(const std::string& role = "sm_agent") {
-        return tvtest::ChildProcess(role, {}, mEnvironment);
-    }
+    tvtest::ChildProcess child() { return tvtest::ChildProcess("sm_agent", {}, mEnvironment); }
 
     const std::string mContext = tvtest::uniqueName("smtest");
     ServiceManagerDaemon mDaemon{mContext};
@@ -363,18 +313,17 @@ void exhaustWaiters() {
 }
 
 // Sends the service manager requests that no well-behaved client sends and
-// reports every answer that was not the expected one.
-TVTEST_CHILD_ROLE(sm_hostile) {
-    (void)args;
+// reports every answer that was not the expected one, then "done".
+std::string sendHostileRequests() {
     android::ProcessState::self()->startThreadPool();
     sendMalformedRequests();
     exhaustWaiters();
-    tvtest::ParentChannel::send("done");
-    return tvtest::ParentChannel::receive(60s).empty() ? 0 : 1;
+    return "done";
 }
 
 TEST_F(ServiceManagerTest, RejectsMalformedAndExcessiveRequests) {
-    tvtest::ChildProcess hostile = child("sm_hostile");
+    tvtest::ChildProcess hostile = child();
+    hostile.writeLine("hostile");
     std::string line;
     while (!(line = hostile.readLine(60s)).empty() && line != "done") ADD_FAILURE() << line;
     EXPECT_EQ("done", line);
@@ -399,13 +348,11 @@ int useServiceManagerAfterFork() {
 
 // Uses the service manager, then forks (with no pool thread running, so that
 // the child may start threads under every sanitizer). The child lives until
-// the parent has looked for its registration. Tells the test "<the child's
-// exit code> <what the parent found>".
-TVTEST_CHILD_ROLE(sm_forker) {
-    (void)args;
+// the parent has looked for its registration. "<the child's exit code> <what
+// the parent found>".
+std::string forkAndUse() {
     if (describe(defaultServiceManager()->checkService(String16("sm.base"))) != "tag base") {
-        tvtest::ParentChannel::send("the parent did not find sm.base");
-        return 1;
+        return "the parent did not find sm.base";
     }
     tvtest::ChildProcess child([](tvtest::Channel& parent) {
         const int result = useServiceManagerAfterFork();
@@ -422,15 +369,64 @@ TVTEST_CHILD_ROLE(sm_forker) {
             },
             10s);
     }
-    tvtest::ParentChannel::send(std::to_string(child.finish()) + " " + found);
-    return 0;
+    return std::to_string(child.finish()) + " " + found;
+}
+
+// Runs one command of the agent role; the answer line.
+std::string runAgentCommand(const std::string& verb, const std::string& name,
+                            const std::string& argument) {
+    sp<IServiceManager> manager = defaultServiceManager();
+    if (verb == "add" || verb == "add-without-pool") {
+        if (verb == "add") android::ProcessState::self()->startThreadPool();
+        return "status " + std::to_string(manager->addService(String16(name.c_str()),
+                                                              new TaggedService(argument)));
+    }
+    if (verb == "fill") {
+        // Registers the object found under `argument` as NAME0, NAME1, ... until refused.
+        sp<IBinder> object = manager->checkService(String16(argument.c_str()));
+        status_t status = android::NAME_NOT_FOUND;
+        int count = 0;
+        while (object != nullptr && count <= 10000) {
+            status = manager->addService(String16((name + std::to_string(count)).c_str()), object);
+            if (status != NO_ERROR) break;
+            ++count;
+        }
+        return std::to_string(count) + " status " + std::to_string(status);
+    }
+    if (verb == "check") return describe(manager->checkService(String16(name.c_str())));
+    if (verb == "get") return describe(manager->getService(String16(name.c_str())));
+    if (verb == "timeout") {
+        manager->setGetServiceTimeout(std::chrono::milliseconds(std::stoll(name)));
+        return "ok";
+    }
+    if (verb == "registrations") return joinRegistrations();
+    if (verb == "threads") return std::to_string(tvtest::countPoolThreads(getpid()));
+    if (verb == "hostile") return sendHostileRequests();
+    if (verb == "fork") return forkAndUse();
+    return "unknown command";
+}
+
+// A process that uses the service manager as the test tells it, one line per
+// command: "add NAME TAG", "add-without-pool NAME TAG", "fill PREFIX NAME",
+// "check NAME", "get NAME", "timeout MS", "registrations", "threads" (its
+// pool threads), "hostile" and "fork" (below).
+TVTEST_CHILD_ROLE(sm_agent) {
+    (void)args;
+    for (;;) {
+        const std::string line = tvtest::ParentChannel::receive(120s);
+        if (line.empty()) return 0;
+        std::istringstream words(line);
+        std::string verb, name, argument;
+        words >> verb >> name >> argument;
+        tvtest::ParentChannel::send(runAgentCommand(verb, name, argument));
+    }
 }
 
 TEST_F(ServiceManagerTest, AForkedChildUsesItWithoutExec) {
     tvtest::ChildProcess owner = child();
     ASSERT_EQ(statusLine(NO_ERROR), ask(owner, "add sm.base base"));
-    tvtest::ChildProcess forker = child("sm_forker");
-    EXPECT_EQ("0 tag forked", forker.readLine(60s));
+    tvtest::ChildProcess forker = child();
+    EXPECT_EQ("0 tag forked", ask(forker, "fork", 60s));
 }
 
 // The children of `parent`; with `servingDaemons`, only daemons serving or
