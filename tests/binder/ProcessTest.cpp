@@ -20,7 +20,17 @@ using android::tvbinder::Runtime;
 
 namespace {
 
-TEST(ThreadPool, GrowsWhenAllThreadsAreBusyUpToItsMaximumAndTheNameIsWhatPsShows) {
+// What the forked child found; 0 when all is well.
+int checkForkedChild(const std::string& serviceName, uint64_t parentEndpoint) {
+    if (Runtime::current() != nullptr) return 1;  // the parent's state must be gone
+    sp<IBinder> service = lookup(serviceName, std::chrono::seconds(10));
+    if (service == nullptr) return 2;
+    if (callInt(service, TestService::ECHO, 5) != 5) return 3;
+    if (Runtime::current() == nullptr || Runtime::current()->endpoint() == parentEndpoint) return 4;
+    return 0;
+}
+
+TEST(ServedProcess, PoolGrowsToItsMaximumNameIsWhatPsShowsAndAForkGetsItsOwnEndpoint) {
     constexpr int kMaxSpawned = 3;
     ServedChild child({"--max-threads=" + std::to_string(kMaxSpawned), "--name=tvbnamed"});
     ASSERT_TRUE(child.ready());
@@ -52,26 +62,13 @@ TEST(ThreadPool, GrowsWhenAllThreadsAreBusyUpToItsMaximumAndTheNameIsWhatPsShows
     EXPECT_EQ(kCallers, mostThreads);
     // The main pool thread and the spawned ones.
     EXPECT_EQ(size_t{1 + kMaxSpawned}, countPoolThreads(child.pid()));
-}
 
-// What the forked child found; 0 when all is well.
-int checkForkedChild(const std::string& serviceName, uint64_t parentEndpoint) {
-    if (Runtime::current() != nullptr) return 1;  // the parent's state must be gone
-    sp<IBinder> service = lookup(serviceName, std::chrono::seconds(10));
-    if (service == nullptr) return 2;
-    if (callInt(service, TestService::ECHO, 5) != 5) return 3;
-    if (Runtime::current() == nullptr || Runtime::current()->endpoint() == parentEndpoint) return 4;
-    return 0;
-}
-
-TEST(Fork, AForkedChildGetsItsOwnEndpointAndLeavesTheParentsAlone) {
-    ServedChild service;
-    ASSERT_TRUE(service.ready());
+    // A fork without exec gets its own endpoint and leaves the parent's alone.
     const uint64_t parentEndpoint = Runtime::current()->endpoint();
-    ChildProcess child([&](Channel&) { return checkForkedChild(service.name(), parentEndpoint); });
-    EXPECT_EQ(0, child.finish());
+    ChildProcess forked([&](Channel&) { return checkForkedChild(child.name(), parentEndpoint); });
+    EXPECT_EQ(0, forked.finish());
     EXPECT_EQ(parentEndpoint, Runtime::current()->endpoint());
-    EXPECT_EQ(6, callInt(service.binder(), TestService::ECHO, 6));
+    EXPECT_EQ(6, callInt(child.binder(), TestService::ECHO, 6));
 }
 
 }  // namespace

@@ -258,28 +258,6 @@ tavrin::Protocol msgProtocol() {
     return protocol;
 }
 
-void RecordingNotifier::onNotify(IPCClass& value) {
-    std::lock_guard<std::mutex> hold(mLock);
-    mReceived.insert("note " + textOfValue(&value));
-}
-
-tv_sp<IPCClass> RecordingNotifier::onNotifyEx(IPCClass& value) {
-    std::lock_guard<std::mutex> hold(mLock);
-    mReceived.insert("question " + textOfValue(&value));
-    mAnsweringThread = std::this_thread::get_id();
-    return reply("from " + mName);
-}
-
-std::multiset<std::string> RecordingNotifier::received() {
-    std::lock_guard<std::mutex> hold(mLock);
-    return mReceived;
-}
-
-std::thread::id RecordingNotifier::answeringThread() {
-    std::lock_guard<std::mutex> hold(mLock);
-    return mAnsweringThread;
-}
-
 std::string uniqueName(const std::string& base) {
     static std::atomic<int> counter{0};
     return base + "-" + std::to_string(getpid()) + "-" + std::to_string(++counter);

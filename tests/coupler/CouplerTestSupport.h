@@ -49,10 +49,24 @@ tavrin::Protocol msgProtocol();
 class RecordingNotifier : public tavrin::IClientNotifier {
   public:
     explicit RecordingNotifier(std::string name) : mName(std::move(name)) {}
-    void onNotify(tavrin::IPCClass& value) override;
-    tavrin::tv_sp<tavrin::IPCClass> onNotifyEx(tavrin::IPCClass& value) override;
-    std::multiset<std::string> received();
-    std::thread::id answeringThread();
+    void onNotify(tavrin::IPCClass& value) override {
+        std::lock_guard<std::mutex> hold(mLock);
+        mReceived.insert("note " + static_cast<Msg&>(value).text());
+    }
+    tavrin::tv_sp<tavrin::IPCClass> onNotifyEx(tavrin::IPCClass& value) override {
+        std::lock_guard<std::mutex> hold(mLock);
+        mReceived.insert("question " + static_cast<Msg&>(value).text());
+        mAnsweringThread = std::this_thread::get_id();
+        return tavrin::tv_sp<tavrin::IPCClass>(new Msg("from " + mName));
+    }
+    std::multiset<std::string> received() {
+        std::lock_guard<std::mutex> hold(mLock);
+        return mReceived;
+    }
+    std::thread::id answeringThread() {
+        std::lock_guard<std::mutex> hold(mLock);
+        return mAnsweringThread;
+    }
 
   private:
     const std::string mName;

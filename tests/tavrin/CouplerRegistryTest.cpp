@@ -58,12 +58,6 @@ tv_sp<IAnnouncer> createAnnouncer() {
     static tv_sp<IAnnouncer> announcer(new FakeCoupler());
     return announcer;
 }
-tv_sp<IDiscoverer> otherDiscoverer() {
-    return tv_sp<IDiscoverer>(nullptr);
-}
-tv_sp<IAnnouncer> otherAnnouncer() {
-    return tv_sp<IAnnouncer>(nullptr);
-}
 
 class Facades : public testing::Test {
   protected:
@@ -119,7 +113,8 @@ TEST_F(Facades, CallsForAnUnknownIpcFailWithAnErrorBetweenTheirTraces) {
 }
 
 TEST_F(Facades, ForwardToTheCouplerFirstRegisteredUnderTheExactNameAndDropTheirReference) {
-    EXPECT_FALSE(registerCoupler(kTestCoupler, {otherAnnouncer, otherDiscoverer}));
+    EXPECT_FALSE(registerCoupler(kTestCoupler, {[] { return tv_sp<IAnnouncer>(nullptr); },
+                                                [] { return tv_sp<IDiscoverer>(nullptr); }}));
     EXPECT_EQ(findDiscovererFactory(kTestCoupler), &createDiscoverer);
     EXPECT_EQ(findAnnouncerFactory(kTestCoupler), &createAnnouncer);
     EXPECT_EQ(findDiscovererFactory("testcoupler"), nullptr);

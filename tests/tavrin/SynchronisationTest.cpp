@@ -11,23 +11,6 @@ namespace {
 
 using tavrin::Semaphore;
 
-TEST(AutoLock, SerialisesCriticalSections) {
-    tavrin::Mutex mutex;
-    long counter = 0;  // not atomic: the lock alone protects it
-    std::vector<std::thread> threads;
-    for (int t = 0; t < 4; ++t) {
-        threads.emplace_back([&] {
-            for (int i = 0; i < 20000; ++i) {
-                tavrin::AutoLock hold(mutex);
-                ++counter;
-            }
-        });
-    }
-    for (std::thread& thread : threads) thread.join();
-    tavrin::AutoLock hold(mutex);
-    EXPECT_EQ(counter, 4 * 20000);
-}
-
 void expectDeadline(timespec now, int timeoutMs, time_t seconds, long nanos) {
     const timespec deadline = Semaphore::deadlineAfter(now, timeoutMs);
     EXPECT_EQ(deadline.tv_sec, seconds) << timeoutMs;
@@ -109,7 +92,7 @@ TEST_F(SemaphoreClockPath, FollowsTheLibcVersionAndAFailedClockReadWaitsNot) {
     EXPECT_TRUE(FakeLibc::waits.empty());
 }
 
-TEST(Semaphore, TakesWhatWasPostedAndNothingMoreAndAPostFromAnotherThreadEndsAWait) {
+TEST(Semaphore, TakesWhatWasPostedAPostFromAnotherThreadEndsAWaitAndAutoLockSerialises) {
     Semaphore semaphore(1);
     EXPECT_TRUE(semaphore.wait());
     EXPECT_FALSE(semaphore.timedWait(0));
@@ -127,6 +110,22 @@ TEST(Semaphore, TakesWhatWasPostedAndNothingMoreAndAPostFromAnotherThreadEndsAWa
     request.post();
     EXPECT_TRUE(answer.timedWait(kBoundMs));
     poster.join();
+
+    // An AutoLock serialises critical sections.
+    tavrin::Mutex mutex;
+    long counter = 0;  // not atomic: the lock alone protects it
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; ++t) {
+        threads.emplace_back([&] {
+            for (int i = 0; i < 20000; ++i) {
+                tavrin::AutoLock hold(mutex);
+                ++counter;
+            }
+        });
+    }
+    for (std::thread& thread : threads) thread.join();
+    tavrin::AutoLock hold(mutex);
+    EXPECT_EQ(counter, 4 * 20000);
 }
 
 }  // namespace
