@@ -54,17 +54,19 @@ struct Calls {
     Clock::duration slowest{};
 };
 
-// Calls ECHO on `binder` for `period`.
-Calls callsDuring(const android::sp<IBinder>& binder, Clock::duration period) {
-    Calls calls;
-    for (const auto end = Clock::now() + period; Clock::now() < end; ++calls.made) {
-        const auto start = Clock::now();
-        android::status_t status = android::NO_ERROR;
-        const int32_t echoed = tvtest::callInt(binder, TestService::ECHO, calls.made, &status);
-        calls.slowest = std::max(calls.slowest, Clock::now() - start);
-        if (status != android::NO_ERROR || echoed != calls.made) ++calls.failed;
-    }
-    return calls;
+// Calls ECHO on `binder` for `period`, on a thread of its own.
+std::future<Calls> callsDuring(const android::sp<IBinder>& binder, Clock::duration period) {
+    return std::async(std::launch::async, [=] {
+        Calls calls;
+        for (const auto end = Clock::now() + period; Clock::now() < end; ++calls.made) {
+            const auto start = Clock::now();
+            android::status_t status = android::NO_ERROR;
+            const int32_t echoed = tvtest::callInt(binder, TestService::ECHO, calls.made, &status);
+            calls.slowest = std::max(calls.slowest, Clock::now() - start);
+            if (status != android::NO_ERROR || echoed != calls.made) ++calls.failed;
+        }
+        return calls;
+    });
 }
 
 // Waits up to `limit` for `pending`; past it, kills `child` so that the calls
@@ -388,8 +390,7 @@ TEST_F(HostilePeers, FloodsOfConnectionsAreCappedAndDoNotStopTheService) {
 TEST_F(HostilePeers, NamingAnUnreachableEndpointDoesNotStallTheService) {
     FullBacklog unreachable;
     ASSERT_TRUE(unreachable.full);
-    auto legitimate =
-        std::async(std::launch::async, [&] { return callsDuring(child.binder(), 5s); });
+    auto legitimate = callsDuring(child.binder(), 5s);
 
     // Hellos claiming it, from several processes so that no per-process cap
     // turns them away.
@@ -484,8 +485,7 @@ TEST_F(HostilePeers, LargeBodiesAndQueuedDescriptorsStayWithinTheSendersShare) {
     tvproc::PeakWatch peak(child.pid());
     tvtest::ChildProcess hostile("large_bodies", std::vector<std::string>{child.name(), "14"});
     EXPECT_EQ("sent", hostile.readLine());
-    auto legitimate =
-        std::async(std::launch::async, [&] { return callsDuring(child.binder(), 3s); });
+    auto legitimate = callsDuring(child.binder(), 3s);
     expectServedThroughout(legitimate, child);
     peak.stop();
     // The budget admits two at once; the rest is room for the allocator

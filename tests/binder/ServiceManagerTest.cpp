@@ -68,16 +68,6 @@ std::string describe(const sp<IBinder>& binder) {
     return "tag " + std::string(String8(reply.readString16()).string());
 }
 
-std::string joinRegistrations() {
-    std::string text;
-    for (const IServiceManager::Registration& entry :
-         defaultServiceManager()->listRegistrations()) {
-        text += String8(entry.name).string() + std::string(":") + std::to_string(entry.pid) + ":" +
-                entry.processName.string() + " ";
-    }
-    return text;
-}
-
 std::string ask(tvtest::ChildProcess& agent, const std::string& command,
                 std::chrono::milliseconds timeout = 20s) {
     agent.writeLine(command);
@@ -399,7 +389,14 @@ std::string runAgentCommand(const std::string& verb, const std::string& name,
         manager->setGetServiceTimeout(std::chrono::milliseconds(std::stoll(name)));
         return "ok";
     }
-    if (verb == "registrations") return joinRegistrations();
+    if (verb == "registrations") {
+        std::string text;
+        for (const IServiceManager::Registration& entry : manager->listRegistrations()) {
+            text += String8(entry.name).string() + std::string(":") + std::to_string(entry.pid) +
+                    ":" + entry.processName.string() + " ";
+        }
+        return text;
+    }
     if (verb == "threads") return std::to_string(tvtest::countPoolThreads(getpid()));
     if (verb == "hostile") return sendHostileRequests();
     if (verb == "fork") return forkAndUse();

@@ -1,6 +1,5 @@
 #include <gtest/gtest.h>
 
-
 #include "ChildProcess.h"
 #include "TestSupport.h"
 
