@@ -1,8 +1,11 @@
-// One-ways in one process: the link budget both ends keep, and the scheduler
-// that runs what a link brought, object by object.
+// The transport's logic in one process: the link budget both ends keep, the
+// scheduler that runs what a link brought object by object, the chain
+// registry that hands a call to the thread waiting in its chain, what other
+// processes may hold here, and (in debug and sanitizer builds) the lock checks.
 #include <binder/Binder.h>
 #include <binder/Parcel.h>
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -10,6 +13,8 @@
 #include <string>
 #include <vector>
 
+#include "base/Locks.h"
+#include "calls/ChainRegistry.h"
 #include "oneways/OneWayScheduler.h"
 #include "peers/AcceptedConnection.h"
 #include "peers/PeerTable.h"
@@ -181,5 +186,134 @@ TEST_F(Receiver, ObjectsTakeTurnsEachRunningItsCallsInOrderAndWhatRanIsAcknowled
     EXPECT_EQ(std::vector<uint64_t>{5 * oneWayCost(size, 0)}, acks());
     EXPECT_EQ(0u, link->backlog().waiting());
 }
+
+Frame callOfChain(uint64_t chain) {
+    Frame frame;
+    frame.header = OutgoingFrame::make(FrameKind::kTransaction).header;
+    frame.header.argument = chain;
+    frame.allocateData(0);
+    return frame;
+}
+
+bool readable(ChainMailbox& mailbox) {
+    pollfd waiter{mailbox.fd(), POLLIN, 0};
+    return poll(&waiter, 1, 0) == 1;
+}
+
+TEST(ChainRegistry, ACallGoesToTheThreadWaitingInItsChainUntilItLeaves) {
+    ChainRegistry chains;
+    ChainMailbox first;
+    ChainMailbox second;
+    Frame nobodyWaits = callOfChain(5);
+    EXPECT_FALSE(chains.handOff(5, nullptr, nobodyWaits));
+    EXPECT_NE(nullptr, nobodyWaits.data()) << "a call not handed off was taken";
+
+    chains.enter(5, &first);
+    chains.enter(5, &first);  // a nested wait of the same thread
+    // A thread of the chain that a one-way cut off waits too: the first keeps it.
+    chains.enter(5, &second);
+    Frame other = callOfChain(6);
+    EXPECT_FALSE(chains.handOff(6, nullptr, other));
+    Frame call = callOfChain(5);
+    ASSERT_TRUE(chains.handOff(5, nullptr, call));
+    EXPECT_EQ(nullptr, call.data());
+    EXPECT_TRUE(readable(first));
+    EXPECT_FALSE(second.take().has_value());
+    std::optional<HandedCall> handed = first.take();
+    ASSERT_TRUE(handed.has_value());
+    EXPECT_EQ(5u, handed->frame->header.argument);
+    EXPECT_FALSE(first.take().has_value());
+    EXPECT_FALSE(readable(first)) << "an empty mailbox still wakes its thread";
+
+    chains.leave(5, &second);
+    chains.leave(5, &first);
+    Frame stillNested = callOfChain(5);
+    EXPECT_TRUE(chains.handOff(5, nullptr, stillNested));
+    chains.leave(5, &first);
+    Frame afterLeaving = callOfChain(5);
+    EXPECT_FALSE(chains.handOff(5, nullptr, afterLeaving));
+}
+
+// With the usual limit of 1024 descriptors: 384 accepted connections, 128 per process.
+constexpr size_t kAll = 384;
+constexpr size_t kPerProcess = 128;
+
+struct Held {
+    PeerAccounts& accounts;
+    std::vector<sp<PeerAccount>> connections;
+    ~Held() {
+        for (const sp<PeerAccount>& account : connections) account->connectionGone(false);
+    }
+    // Admits up to `count` connections of `pid`: how many got in.
+    size_t admit(pid_t pid, size_t count) {
+        size_t admitted = 0;
+        for (; admitted < count; ++admitted) {
+            PeerAccounts::Admission admission = accounts.admitConnection(pid);
+            if (admission.account == nullptr) break;
+            connections.push_back(admission.account);
+        }
+        return admitted;
+    }
+};
+
+TEST(PeerAccounts, EachProcessHasItsShareOfConnectionsLinksAndBodiesAndNewcomersGetIn) {
+    PeerAccounts accounts;
+    accounts.setDescriptorLimit(1024);
+    Held held{accounts, {}};
+    EXPECT_EQ(kPerProcess, held.admit(100, kPerProcess + 1));
+    EXPECT_EQ(kPerProcess, held.admit(101, kPerProcess));
+    EXPECT_EQ(kAll - 2 * kPerProcess, held.admit(102, kAll));
+
+    // All taken: a newcomer gets in, naming the process that holds the most.
+    PeerAccounts::Admission newcomer = accounts.admitConnection(103);
+    ASSERT_NE(nullptr, newcomer.account);
+    ASSERT_NE(nullptr, newcomer.evictFrom);
+    EXPECT_NE(103, newcomer.evictFrom->pid());
+    held.connections.push_back(newcomer.account);
+    // ...and more, as long as it holds fewer than that process minus one.
+    EXPECT_EQ(kPerProcess - 2, held.admit(103, kPerProcess));
+
+    // Links and large bodies are counted per process.
+    const sp<PeerAccount>& account = held.connections.front();
+    for (uint32_t i = 0; i < PeerAccounts::kMaxLinksPerProcess; ++i)
+        EXPECT_TRUE(account->takeLink());
+    EXPECT_FALSE(account->takeLink());
+
+    EXPECT_TRUE(account->takeBody(PeerAccounts::kBodyBudgetPerProcess - 10));
+    {
+        BodyCharge charge(account, PeerAccounts::kBodyBudgetPerProcess - 10);
+        EXPECT_FALSE(account->takeBody(11));
+    }
+    EXPECT_TRUE(account->takeBody(PeerAccounts::kBodyBudgetPerProcess));
+    account->returnBody(PeerAccounts::kBodyBudgetPerProcess);
+}
+
+#if TVBINDER_CHECK_LOCKS
+TEST(TransportLocks, AreTakenInRankOrderOnlyAndNeverHeldIntoApplicationCode) {
+    Mutex peer(LockRank::kPeer);
+    Mutex table(LockRank::kPeerTable);
+    {
+        LockGuard outer(peer);
+        LockGuard inner(table);
+        EXPECT_EQ(2u, HeldLocks::count());
+    }
+    EXPECT_EQ(0u, HeldLocks::count());
+    HeldLocks::expectNone("BBinder::transact");
+
+    EXPECT_DEATH(
+        {
+            LockGuard inner(table);
+            LockGuard outer(peer);
+        },
+        "the Peer lock taken while holding the PeerTable lock");
+    EXPECT_DEATH(
+        {
+            Mutex exports(LockRank::kExports);
+            LockGuard held(exports);
+            HeldLocks::expectNone("binderDied");
+        },
+        "binderDied with the ExportTable lock held");
+}
+#endif
 
 }  // namespace
