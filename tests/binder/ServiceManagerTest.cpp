@@ -494,7 +494,7 @@ pid_t managerPidIn(const std::string& registrations) {
     return static_cast<pid_t>(atoi(registrations.c_str() + entry + strlen("manager:")));
 }
 
-TEST(ServiceManagerDaemonTest, HelpGoesToStdoutListStartsNothingAndRacingNewcomersStartOne) {
+TEST(ServiceManagerDaemonTest, HelpListAutostartByRacingNewcomersAndTheLogLevelAtLoad) {
     tvtest::ChildProcess help(tvtest::Program{{ServiceManagerDaemon::path(), "--help"}});
     EXPECT_NE(std::string::npos, help.channel().receiveAll().find("usage: tavrin-servicemanager"));
     EXPECT_EQ(0, help.finish());
@@ -527,6 +527,14 @@ TEST(ServiceManagerDaemonTest, HelpGoesToStdoutListStartsNothingAndRacingNewcome
             [&] { return fileContains(log, "serving context " + context); }, 10s));
     }
     unlink(log.c_str());
+
+    // TAVRIN_LOG, read when the binder library is loaded, sets the least priority.
+    const auto levelWith = [](const std::string& variable) {
+        return tvtest::ChildProcess("log_level", {}, {variable}).readLine();
+    };
+    EXPECT_EQ(std::to_string(ANDROID_LOG_VERBOSE), levelWith("TAVRIN_LOG=verbose"));
+    EXPECT_EQ(std::to_string(ANDROID_LOG_ERROR), levelWith("TAVRIN_LOG=ERROR"));
+    EXPECT_EQ(levelWith("TAVRIN_LOG"), levelWith("TAVRIN_LOG=loud"));
 }
 
 // TAVRIN_LOG, read when the binder library is loaded: the child's least priority.
@@ -534,15 +542,6 @@ TVTEST_CHILD_ROLE(log_level) {
     (void)args;
     tvtest::ParentChannel::send(std::to_string(__android_log_get_minimum_priority()));
     return 0;
-}
-
-TEST(LogLevelTest, TavrinLogSetsTheLeastPriorityAtLoad) {
-    const auto levelWith = [](const std::string& variable) {
-        return tvtest::ChildProcess("log_level", {}, {variable}).readLine();
-    };
-    EXPECT_EQ(std::to_string(ANDROID_LOG_VERBOSE), levelWith("TAVRIN_LOG=verbose"));
-    EXPECT_EQ(std::to_string(ANDROID_LOG_ERROR), levelWith("TAVRIN_LOG=ERROR"));
-    EXPECT_EQ(levelWith("TAVRIN_LOG"), levelWith("TAVRIN_LOG=loud"));
 }
 
 // The lines of `--list` other than the service manager's own.

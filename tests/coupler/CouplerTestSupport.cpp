@@ -286,7 +286,7 @@ std::string call(tv_sp<tavrin::IClient>& client, const std::string& text) {
 }
 
 std::string clientInfoText(int tag, int objID) {
-    return std::to_string(getpid()) + " " + std::to_string(tag) + " " + std::to_string(objID);
+    return describe(ClientInfo{getpid(), tag, objID});
 }
 
 std::vector<std::string> linesUntil(tvtest::ChildProcess& child, const std::string& last) {

@@ -202,7 +202,7 @@ TEST_F(Wire, ServiceAndSubServiceCodesAnswerExactlyAndNotificationsHaveTheirLayo
     }
 }
 
-TEST_F(Wire, SubServiceRegistryAnswersExactlyAndWakesItsWaiters) {
+TEST_F(Wire, SubServiceRegistryAnswersExactlyWakesItsWaitersAndKeepsServingBesideThem) {
     sp<RawObject> sub = new RawObject();
     expectAnswer(mCarrier, REGISTER_SUB_SERVICE, {}, {});
     expectAnswer(mCarrier, REGISTER_SUB_SERVICE, {"deny-a", sub}, {-1});
@@ -235,9 +235,8 @@ TEST_F(Wire, SubServiceRegistryAnswersExactlyAndWakesItsWaiters) {
         EXPECT_EQ(bytes, layout({0, sub}));
         EXPECT_LT(waited, std::chrono::seconds(10));
     }
-}
 
-TEST_F(Wire, WaitersForSubServicesLeaveEveryServiceOfTheProcessServing) {
+    // Waiters for sub-services leave every service of the process serving.
     const std::vector<std::string> names{mName + ".1", mName + ".2", mName + ".3"};
     tvtest::ChildProcess services("service", names);
     ASSERT_TRUE(awaitLine(services, "second 0"));
