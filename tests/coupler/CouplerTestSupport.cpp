@@ -258,11 +258,6 @@ tavrin::Protocol msgProtocol() {
     return protocol;
 }
 
-std::string uniqueName(const std::string& base) {
-    static std::atomic<int> counter{0};
-    return base + "-" + std::to_string(getpid()) + "-" + std::to_string(++counter);
-}
-
 tv_sp<tavrin::IClient> bindService(const std::string& name, int tag) {
     tavrin::ServiceInfo info(name, "Binder");
     tavrin::Protocol protocol = msgProtocol();

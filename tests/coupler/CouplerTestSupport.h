@@ -75,8 +75,7 @@ class RecordingNotifier : public tavrin::IClientNotifier {
     std::thread::id mAnsweringThread;
 };
 
-// A service name unique to this test process.
-std::string uniqueName(const std::string& base);
+using tvproc::uniqueName;
 tavrin::tv_sp<tavrin::IClient> bindService(const std::string& name, int tag);
 tavrin::tv_sp<tavrin::IClient> bindSubService(const std::string& name, const std::string& master,
                                               int timeoutMs, int tag);

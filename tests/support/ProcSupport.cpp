@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <fstream>
 #include <limits>
 #include <sstream>
@@ -93,6 +94,11 @@ bool readSomeWithin(int fd, std::string* pending, std::chrono::milliseconds time
     if (got <= 0) return false;
     pending->append(buffer, static_cast<size_t>(got));
     return true;
+}
+
+std::string uniqueName(const std::string& base) {
+    static std::atomic<int> counter{0};
+    return base + "-" + std::to_string(getpid()) + "-" + std::to_string(++counter);
 }
 
 std::string besideThisProgram(const std::string& name) {

@@ -28,6 +28,9 @@ bool readFully(int fd, void* data, size_t size);
 // Appends what one read brings to `pending`; false on timeout, end of file or error.
 bool readSomeWithin(int fd, std::string* pending, std::chrono::milliseconds timeout);
 
+// `base` made unique to this process and this call, for names of objects.
+std::string uniqueName(const std::string& base);
+
 // The path of `name` in the directory of the running program.
 std::string besideThisProgram(const std::string& name);
 
