@@ -293,10 +293,8 @@ TEST_F(HostilePeers, ObjectsThePeerWasNeverHandedAreRefused) {
     forged.endpoint = endpoint;
     forged.tokenHi = 0x0123456789abcdefULL;
     forged.tokenLo = 42;
-    FrameHeader carrying = transactionTo(child.binder(), TestService::HOLD);
-    carrying.dataSize = sizeof(FlatObject);
-    carrying.objectCount = 1;
-    EXPECT_NE(0, replyStatusTo(carrying, bodyWithRecord(forged)));
+    FrameHeader hold = transactionTo(child.binder(), TestService::HOLD);
+    EXPECT_NE(0, replyStatusTo(hold, carrying(&hold, {forged})));
 
     FrameHeader grant = RawConnection::makeHeader(FrameKind::kGrant);
     grant.tokenHi = forged.tokenHi;

@@ -127,13 +127,8 @@ TEST(ParcelRead, ShortPartialOrHugeItemsYieldZeroAndAreNotConsumedButAWholeStrin
     EXPECT_EQ(huge.dataAvail(), 0u);
 }
 
-// A descriptor that nothing else uses.
-int newFd() {
-    return open("/dev/null", O_RDONLY | O_CLOEXEC);
-}
-
 TEST(ParcelFds, AParcelClosesExactlyTheDescriptorsItOwns) {
-    const int kept = newFd();
+    const int kept = open("/dev/null", O_RDONLY | O_CLOEXEC);
     int received = -1;
     {
         Parcel p;
@@ -147,11 +142,11 @@ TEST(ParcelFds, AParcelClosesExactlyTheDescriptorsItOwns) {
         EXPECT_NE(received, kept);
         EXPECT_TRUE(fcntl(received, F_GETFD) & FD_CLOEXEC);
         EXPECT_TRUE(fdIsOpen(received));
-        const int given = newFd();
+        const int given = open("/dev/null", O_RDONLY | O_CLOEXEC);
         p.writeFileDescriptor(kept);
         p.writeFileDescriptor(given, true);
         p.setDataPosition(p.dataSize() - 8);  // inside the last object
-        const int refused = newFd();
+        const int refused = open("/dev/null", O_RDONLY | O_CLOEXEC);
         EXPECT_NE(p.writeFileDescriptor(refused, true), NO_ERROR) << "written over an object";
         close(refused);
         EXPECT_EQ(p.objectsCount(), 3u);

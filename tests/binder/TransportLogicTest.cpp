@@ -71,13 +71,9 @@ struct Received {
     }
 };
 
-int devNull() {
-    return open("/dev/null", O_RDONLY | O_CLOEXEC);
-}
-
 TEST(FrameValidation, RecordsMustBeAlignedInBoundsApartTypedAndMatchTheDescriptors) {
     Received valid(96, {{0, fdRecord()}, {32, binderRecord()}});
-    valid.frame.addFd(devNull());
+    valid.frame.addFd(open("/dev/null", O_RDONLY | O_CLOEXEC));
     EXPECT_EQ(NO_ERROR, valid.frame.validate());
 
     const auto offsets = [](std::vector<uint32_t> wrong) {
@@ -91,11 +87,12 @@ TEST(FrameValidation, RecordsMustBeAlignedInBoundsApartTypedAndMatchTheDescripto
         {"past the end", offsets({0, 80})},
         {"overlapping", offsets({0, 16})},
         {"descending", offsets({32, 0})},
-        {"descriptor without record", [](Received& r) { r.frame.addFd(devNull()); }},
+        {"descriptor without record",
+         [](Received& r) { r.frame.addFd(open("/dev/null", O_RDONLY | O_CLOEXEC)); }},
     };
     for (const auto& [what, fault] : faults) {
         Received broken(96, {{0, fdRecord()}, {32, binderRecord()}});
-        broken.frame.addFd(devNull());
+        broken.frame.addFd(open("/dev/null", O_RDONLY | O_CLOEXEC));
         fault(broken);
         EXPECT_EQ(BAD_VALUE, broken.frame.validate()) << what;
     }
@@ -110,7 +107,8 @@ TEST(FrameValidation, RecordsMustBeAlignedInBoundsApartTypedAndMatchTheDescripto
     nullBinder.endpoint = 0;
     for (const FlatObject& record : {unknown, reserved, fdWithToken, nullBinder}) {
         Received broken(64, {{0, record}});
-        if (record.type == FlatObject::kTypeFd) broken.frame.addFd(devNull());
+        if (record.type == FlatObject::kTypeFd)
+            broken.frame.addFd(open("/dev/null", O_RDONLY | O_CLOEXEC));
         EXPECT_EQ(BAD_VALUE, broken.frame.validate()) << "record type " << record.type;
     }
     Received recordWithoutDescriptor(64, {{0, fdRecord()}});

@@ -316,14 +316,13 @@ void killSeenBy(tvtest::ChildProcess& child, pid_t watcher) {
 bool awaitLine(tvtest::ChildProcess& child, const std::string& expected,
                std::chrono::milliseconds timeout) {
     const auto deadline = std::chrono::steady_clock::now() + timeout;
-    for (;;) {
+    for (std::string line = "-"; !line.empty();) {
         const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
             deadline - std::chrono::steady_clock::now());
-        if (left.count() <= 0) return false;
-        const std::string line = child.readLine(left);
+        line = left.count() > 0 ? child.readLine(left) : "";
         if (line == expected) return true;
-        if (line.empty()) return false;
     }
+    return false;
 }
 
 }  // namespace coupler_test

@@ -2,22 +2,24 @@
 // and semaphore, its traces, and the facades that find a coupler by name.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+
 #include <atomic>
 #include <memory>
 #include <thread>
+#include <tuple>
 #include <vector>
+
+#include "Announcer.h"
+#include "Discoverer.h"
 #include "IPCClass.h"
 #include "Log/AutoTrace.h"
 #include "LogCapture.h"
 #include "Protocol.h"
+#include "core/CouplerRegistry.h"
 #include "tv_sp.h"
 #include "utils/AutoLock.h"
 #include "utils/Mutex.h"
 #include "utils/Semaphore.h"
-#include <tuple>
-#include "Announcer.h"
-#include "Discoverer.h"
-#include "core/CouplerRegistry.h"
 
 namespace {
 
