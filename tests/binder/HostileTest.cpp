@@ -222,7 +222,7 @@ class HostilePeers : public testing::Test {
     uint64_t endpoint = 0;
 };
 
-// Which frames are malformed is FrameLogicTest's; here, that one closes its
+// Which frames are malformed is TransportLogicTest's; here, that one closes its
 // connection and nothing else, as does a connection that does not introduce
 // itself properly.
 TEST_F(HostilePeers, BadIntroductionsAndMalformedFramesCloseTheirConnectionOnly) {
@@ -315,7 +315,7 @@ TEST_F(HostilePeers, ObjectsThePeerWasNeverHandedAreRefused) {
     expectStillServing();
 }
 
-// The shares themselves are AccountsLogicTest's; here, what a flood does to
+// The shares themselves are TransportLogicTest's; here, what a flood does to
 // a process that admits by them.
 TEST_F(HostilePeers, FloodsOfConnectionsAreCappedAndDoNotStopTheService) {
     // Several processes together take more than a process with few
