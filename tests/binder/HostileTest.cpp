@@ -29,22 +29,8 @@
 #include "wire/SocketDirectory.h"
 
 using android::IBinder;
-using android::tvbinder::endpointAddress;
-using android::tvbinder::FlatObject;
-using android::tvbinder::FrameHeader;
-using android::tvbinder::FrameKind;
-using android::tvbinder::kHelloLink;
-using android::tvbinder::kLayoutBodyInMemfd;
-using android::tvbinder::kMaxTransactionSize;
-using android::tvbinder::Runtime;
-using tvraw::Bytes;
-using tvraw::carrying;
-using tvraw::endpointOf;
-using tvraw::FullBacklog;
-using tvraw::ownEndpoint;
-using tvraw::RawConnection;
-using tvraw::sealedMemfd;
-using tvraw::transactionTo;
+using namespace android::tvbinder;
+using namespace tvraw;
 using tvtest::ServedChild;
 using tvtest::TestService;
 using namespace std::chrono_literals;
@@ -68,21 +54,19 @@ struct Calls {
     Clock::duration slowest{};
 };
 
-// Calls ECHO on `binder` for `period`.
-Calls callsDuring(const android::sp<IBinder>& binder, Clock::duration period) {
-    Calls calls;
-    for (const auto end = Clock::now() + period; Clock::now() < end; ++calls.made) {
-        const auto start = Clock::now();
-        android::status_t status = android::NO_ERROR;
-        const int32_t echoed = tvtest::callInt(binder, TestService::ECHO, calls.made, &status);
-        calls.slowest = std::max(calls.slowest, Clock::now() - start);
-        if (status != android::NO_ERROR || echoed != calls.made) ++calls.failed;
-    }
-    return calls;
-}
-
-long long millis(Clock::duration duration) {
-    return std::chrono::duration_cast<std::chrono::milliseconds>(duration).count();
+// Calls ECHO on `binder` for `period`, on a thread of its own.
+std::future<Calls> callsDuring(const android::sp<IBinder>& binder, Clock::duration period) {
+    return std::async(std::launch::async, [=] {
+        Calls calls;
+        for (const auto end = Clock::now() + period; Clock::now() < end; ++calls.made) {
+            const auto start = Clock::now();
+            android::status_t status = android::NO_ERROR;
+            const int32_t echoed = tvtest::callInt(binder, TestService::ECHO, calls.made, &status);
+            calls.slowest = std::max(calls.slowest, Clock::now() - start);
+            if (status != android::NO_ERROR || echoed != calls.made) ++calls.failed;
+        }
+        return calls;
+    });
 }
 
 // Waits up to `limit` for `pending`; past it, kills `child` so that the calls
@@ -93,6 +77,22 @@ bool finishedWithin(std::future<Result>& pending, ServedChild& child, Clock::dur
     child.process().kill(SIGKILL);
     pending.wait();
     return false;
+}
+
+// Checks that every call made meanwhile by `legitimate` was served in time.
+void expectServedThroughout(std::future<Calls>& legitimate, ServedChild& child) {
+    EXPECT_TRUE(finishedWithin(legitimate, child, 30s)) << "a call did not end";
+    const Calls calls = legitimate.get();
+    EXPECT_EQ(0, calls.failed) << "of " << calls.made << " calls";
+    EXPECT_LT(std::chrono::duration_cast<std::chrono::milliseconds>(calls.slowest).count(), 1000)
+        << "ms for the slowest of " << calls.made << " calls";
+}
+
+// Tells the test `line`, then keeps what the role made until the test lets it go.
+int reportAndHold(const std::string& line) {
+    tvtest::ParentChannel::send(line);
+    tvtest::ParentChannel::receive();
+    return 0;
 }
 
 // The test's objects as any process of its user gets them: from the registry.
@@ -109,9 +109,7 @@ TVTEST_CHILD_ROLE(claim_endpoint) {
         claims.push_back(std::make_unique<RawConnection>(std::stoull(args[0])));
         claims.back()->hello(std::stoull(args[1]));
     }
-    tvtest::ParentChannel::send("sent");
-    tvtest::ParentChannel::receive();
-    return 0;
+    return reportAndHold("sent");
 }
 
 // Connects to the socket at args[0] up to args[1] times, or until the backlog
@@ -120,7 +118,7 @@ TVTEST_CHILD_ROLE(connection_flood) {
     if (args.size() < 2) return 2;
     sockaddr_un address;
     socklen_t length;
-    if (!android::tvbinder::socketAddress(args[0], &address, &length)) return 3;
+    if (!socketAddress(args[0], &address, &length)) return 3;
     std::vector<int> connections;
     for (int i = 0; i < std::stoi(args[1]); ++i) {
         int fd = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
@@ -130,9 +128,7 @@ TVTEST_CHILD_ROLE(connection_flood) {
         }
         connections.push_back(fd);
     }
-    tvtest::ParentChannel::send(std::to_string(connections.size()));
-    tvtest::ParentChannel::receive();
-    return 0;
+    return reportAndHold(std::to_string(connections.size()));
 }
 
 // On args[1] connections, calls BARRIER on the object named args[0] with a
@@ -154,9 +150,7 @@ TVTEST_CHILD_ROLE(large_bodies) {
         calls.back()->hello(ownEndpoint());
         calls.back()->sendFrame(header, {}, {body});
     }
-    tvtest::ParentChannel::send("sent");
-    tvtest::ParentChannel::receive();
-    return 0;
+    return reportAndHold("sent");
 }
 
 // Over a link to the object named args[0], blocks it, then sends args[1]
@@ -185,9 +179,7 @@ TVTEST_CHILD_ROLE(descriptor_oneways) {
         }
         allDropped = link.endsWithin(10s) && allDropped;
     }
-    tvtest::ParentChannel::send(allDropped ? "dropped" : "open");
-    tvtest::ParentChannel::receive();
-    return 0;
+    return reportAndHold(allDropped ? "dropped" : "open");
 }
 
 class HostilePeers : public testing::Test {
@@ -230,40 +222,26 @@ class HostilePeers : public testing::Test {
     uint64_t endpoint = 0;
 };
 
-TEST_F(HostilePeers, ConnectionsThatDoNotIntroduceThemselvesProperlyAreClosed) {
-    {
-        RawConnection raw(endpoint);
-        ASSERT_TRUE(raw.connected);
-        raw.send("garbage!", 8);
-        EXPECT_TRUE(raw.closedByPeer());
-    }
-    {
-        RawConnection raw(endpoint);
-        raw.hello(0x1234567890abcdefULL);  // nobody listens there
-        EXPECT_TRUE(raw.closedByPeer());
-    }
-    {
-        ServedChild other;
-        ASSERT_TRUE(other.ready());
-        RawConnection raw(endpoint);
-        raw.hello(endpointOf(other.binder()));  // a live process that is not us
-        EXPECT_TRUE(raw.closedByPeer());
-    }
-    {
-        RawConnection raw(endpoint);
-        FrameHeader header = transactionTo(child.binder(), TestService::ECHO);
-        raw.sendFrame(header);  // a transaction before the hello
-        EXPECT_TRUE(raw.closedByPeer());
-    }
-    expectStillServing();
-}
-
-// Which frames are malformed is FrameLogicTest's; here, that one closes its
-// connection and nothing else.
-TEST_F(HostilePeers, MalformedFramesCloseTheConnection) {
+// Which frames are malformed is TransportLogicTest's; here, that one closes its
+// connection and nothing else, as does a connection that does not introduce
+// itself properly.
+TEST_F(HostilePeers, BadIntroductionsAndMalformedFramesCloseTheirConnectionOnly) {
     FrameHeader valid = transactionTo(child.binder(), IBinder::PING_TRANSACTION);
     ASSERT_EQ(0, replyStatusTo(valid));
-
+    ServedChild other;
+    ASSERT_TRUE(other.ready());
+    // Garbage, a transaction before the hello, a hello from nobody or from a
+    // live process that is not us.
+    enum : uint64_t { kGarbage, kCallBeforeHello };
+    for (const uint64_t claimed : {uint64_t{kGarbage}, uint64_t{kCallBeforeHello},
+                                   uint64_t{0x1234567890abcdefULL}, endpointOf(other.binder())}) {
+        RawConnection raw(endpoint);
+        ASSERT_TRUE(raw.connected);
+        if (claimed == kGarbage) raw.send("garbage!", 8);
+        if (claimed == kCallBeforeHello) raw.sendFrame(valid);
+        if (claimed > kCallBeforeHello) raw.hello(claimed);
+        EXPECT_TRUE(raw.closedByPeer()) << claimed;
+    }
     {
         auto raw = introduced();
         raw->send("short", 5);
@@ -279,36 +257,28 @@ TEST_F(HostilePeers, MalformedFramesCloseTheConnection) {
     fd.type = FlatObject::kTypeFd;
     EXPECT_TRUE(hangsUpOn(oneObject, bodyWithRecord(fd, 2, 64)));          // unaligned
     EXPECT_TRUE(hangsUpOn(RawConnection::makeHeader(FrameKind::kReply)));  // unsolicited
-
     expectStillServing();
 }
 
 TEST_F(HostilePeers, AMalformedFrameAmongOneWaysClosesTheLinkAfterThoseSentBeforeIt) {
     // Sent in one go, so that the child reads them in batches.
-    constexpr int32_t kCalls = 40;
+    std::vector<int32_t> sent;
     RawConnection link(endpoint);
     link.hello(ownEndpoint(), kHelloLink);
-    for (int32_t i = 0; i < kCalls; ++i) {
-        FrameHeader call = transactionTo(child.binder(), TestService::SEQUENCE);
-        call.flags = IBinder::FLAG_ONEWAY;
-        call.dataSize = sizeof(i);
-        std::vector<uint8_t> body(sizeof(i));
+    FrameHeader call = transactionTo(child.binder(), TestService::SEQUENCE);
+    call.flags = IBinder::FLAG_ONEWAY;
+    call.dataSize = sizeof(int32_t);
+    for (int32_t i = 0; i < 40; ++i) {
+        Bytes body(sizeof(i));
         memcpy(body.data(), &i, sizeof(i));
         link.sendFrame(call, body);
+        sent.push_back(i);
     }
-    FrameHeader badMagic = transactionTo(child.binder(), TestService::SEQUENCE);
-    badMagic.flags = IBinder::FLAG_ONEWAY;
-    badMagic.magic = 0xdeadbeef;
-    link.sendFrame(badMagic);
+    call.dataSize = 0;
+    call.magic = 0xdeadbeef;
+    link.sendFrame(call);
     EXPECT_TRUE(link.closedByPeer());
-
-    android::Parcel data;
-    android::Parcel reply;
-    data.writeInt32(kCalls);
-    ASSERT_EQ(android::NO_ERROR,
-              child.binder()->transact(TestService::SEQUENCE_REPORT, data, &reply));
-    EXPECT_EQ(kCalls, reply.readInt32());
-    EXPECT_EQ(1, reply.readInt32()) << "one-ways ran out of order";
+    EXPECT_EQ(sent, tvtest::sequenceValues(child.binder(), static_cast<int32_t>(sent.size())));
     expectStillServing();
 }
 
@@ -323,10 +293,8 @@ TEST_F(HostilePeers, ObjectsThePeerWasNeverHandedAreRefused) {
     forged.endpoint = endpoint;
     forged.tokenHi = 0x0123456789abcdefULL;
     forged.tokenLo = 42;
-    FrameHeader carrying = transactionTo(child.binder(), TestService::HOLD);
-    carrying.dataSize = sizeof(FlatObject);
-    carrying.objectCount = 1;
-    EXPECT_NE(0, replyStatusTo(carrying, bodyWithRecord(forged)));
+    FrameHeader hold = transactionTo(child.binder(), TestService::HOLD);
+    EXPECT_NE(0, replyStatusTo(hold, carrying(&hold, {forged})));
 
     FrameHeader grant = RawConnection::makeHeader(FrameKind::kGrant);
     grant.tokenHi = forged.tokenHi;
@@ -347,7 +315,7 @@ TEST_F(HostilePeers, ObjectsThePeerWasNeverHandedAreRefused) {
     expectStillServing();
 }
 
-// The shares themselves are AccountsLogicTest's; here, what a flood does to
+// The shares themselves are TransportLogicTest's; here, what a flood does to
 // a process that admits by them.
 TEST_F(HostilePeers, FloodsOfConnectionsAreCappedAndDoNotStopTheService) {
     // Several processes together take more than a process with few
@@ -413,8 +381,7 @@ TEST_F(HostilePeers, FloodsOfConnectionsAreCappedAndDoNotStopTheService) {
 TEST_F(HostilePeers, NamingAnUnreachableEndpointDoesNotStallTheService) {
     FullBacklog unreachable;
     ASSERT_TRUE(unreachable.full);
-    auto legitimate =
-        std::async(std::launch::async, [&] { return callsDuring(child.binder(), 5s); });
+    auto legitimate = callsDuring(child.binder(), 5s);
 
     // Hellos claiming it, from several processes so that no per-process cap
     // turns them away.
@@ -452,10 +419,7 @@ TEST_F(HostilePeers, NamingAnUnreachableEndpointDoesNotStallTheService) {
     }
     for (auto& claimer : claimers) EXPECT_EQ("sent", claimer->readLine());
 
-    EXPECT_TRUE(finishedWithin(legitimate, child, 30s)) << "a call did not end";
-    const Calls calls = legitimate.get();
-    EXPECT_EQ(0, calls.failed) << "of " << calls.made << " calls";
-    EXPECT_LT(millis(calls.slowest), 1000) << "ms for the slowest of " << calls.made << " calls";
+    expectServedThroughout(legitimate, child);
     expectStillServing();
 }
 
@@ -486,10 +450,8 @@ TEST_F(HostilePeers, LargeBodiesAndQueuedDescriptorsStayWithinTheSendersShare) {
         peak.stop();
         // What the budgets of the process's links let wait, plus one read of
         // the sender's frames, closed as soon as it is found over budget.
-        const size_t bound = android::tvbinder::PeerAccounts::kMaxLinksPerProcess *
-                                 android::tvbinder::kOneWayBudget /
-                                 android::tvbinder::kOneWayFdCost +
-                             android::tvbinder::kReceiveBatch * kFdsPerOneWay + 64;
+        const size_t bound = PeerAccounts::kMaxLinksPerProcess * kOneWayBudget / kOneWayFdCost +
+                             kReceiveBatch * kFdsPerOneWay + 64;
         EXPECT_LT(peak.descriptors(), descriptorsBefore + bound) << "descriptors at the peak";
     }
     ASSERT_EQ(android::NO_ERROR, tvtest::sendObject(child.binder(), TestService::UNBLOCK));
@@ -514,12 +476,8 @@ TEST_F(HostilePeers, LargeBodiesAndQueuedDescriptorsStayWithinTheSendersShare) {
     tvproc::PeakWatch peak(child.pid());
     tvtest::ChildProcess hostile("large_bodies", std::vector<std::string>{child.name(), "14"});
     EXPECT_EQ("sent", hostile.readLine());
-    auto legitimate =
-        std::async(std::launch::async, [&] { return callsDuring(child.binder(), 3s); });
-    EXPECT_TRUE(finishedWithin(legitimate, child, 30s)) << "a call did not end";
-    const Calls calls = legitimate.get();
-    EXPECT_EQ(0, calls.failed) << "of " << calls.made << " calls";
-    EXPECT_LT(millis(calls.slowest), 1000) << "ms for the slowest of " << calls.made << " calls";
+    auto legitimate = callsDuring(child.binder(), 3s);
+    expectServedThroughout(legitimate, child);
     peak.stop();
     // The budget admits two at once; the rest is room for the allocator
     // (a sanitizer keeps freed bodies a while).
@@ -533,10 +491,12 @@ bool becomeAnotherUser() {
     return setresgid(65534, 65534, 65534) == 0 && setresuid(65534, 65534, 65534) == 0;
 }
 
-// Another user's process looks for the test's registry: 0 when refused.
-TVTEST_CHILD_ROLE(other_user_client) {
-    (void)args;
-    if (!becomeAnotherUser()) return 2;
+// A process in context args[0] ("" for the test's), as another user when
+// args[1] is "other": 0 when it did not reach that context's registry.
+TVTEST_CHILD_ROLE(context_client) {
+    if (args.size() < 2) return 2;
+    if (!args[0].empty()) setenv("TAVRIN_BINDER_CONTEXT", args[0].c_str(), 1);
+    if (args[1] == "other" && !becomeAnotherUser()) return 2;
     return android::ProcessState::self()->getContextObject(nullptr) == nullptr ? 0 : 1;
 }
 
@@ -548,45 +508,27 @@ TVTEST_CHILD_ROLE(other_user_registry) {
     if (!process->becomeContextManager()) return 3;
     android::IPCThreadState::self()->setTheContextObject(new android::BBinder());
     process->startThreadPool();
-    tvtest::ParentChannel::send("ready");
-    tvtest::ParentChannel::receive();
-    return 0;
-}
-
-// A process of the test's user in context args[0]: 0 when it did not trust
-// that context's registry.
-TVTEST_CHILD_ROLE(context_client) {
-    if (args.empty()) return 2;
-    setenv("TAVRIN_BINDER_CONTEXT", args[0].c_str(), 1);
-    return android::ProcessState::self()->getContextObject(nullptr) == nullptr ? 0 : 1;
-}
-
-int exitCodeOf(tvtest::ChildProcess& child) {
-    const int status = child.wait();
-    return status != -1 && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    return reportAndHold("ready");
 }
 
 TEST(OtherUsers, AreNeitherServedNorTrusted) {
     if (geteuid() != 0) GTEST_SKIP() << "needs root to run a process as another user";
-    tvtest::ChildProcess client("other_user_client");
-    EXPECT_EQ(0, exitCodeOf(client)) << "another user reached the test's registry";
+    tvtest::ChildProcess client("context_client", {"", "other"});
+    EXPECT_EQ(0, client.finish()) << "another user reached the test's registry";
 
     const std::string context = "tvtest-other-" + std::to_string(getpid());
     tvtest::ChildProcess registry("other_user_registry", {context});
     ASSERT_EQ("ready", registry.readLine());
-    tvtest::ChildProcess user("context_client", {context});
-    EXPECT_EQ(0, exitCodeOf(user)) << "a registry run by another user was trusted";
-    registry.writeLine("quit");
-    EXPECT_EQ(0, exitCodeOf(registry));
+    tvtest::ChildProcess user("context_client", {context, "same"});
+    EXPECT_EQ(0, user.finish()) << "a registry run by another user was trusted";
+    EXPECT_EQ(0, registry.finish());
 }
 
-// Reports where this process listens, then waits for "quit".
+// Reports where this process listens, then waits for the test to let it go.
 TVTEST_CHILD_ROLE(report_socket) {
     (void)args;
     android::ProcessState::self();
-    tvtest::ParentChannel::send(endpointAddress(Runtime::current()->endpoint()));
-    tvtest::ParentChannel::receive();
-    return 0;
+    return reportAndHold(endpointAddress(Runtime::current()->endpoint()));
 }
 
 bool exists(const std::string& path) {
@@ -618,8 +560,7 @@ TEST(SocketFiles, ArePrivateAndNotLeftBehind) {
         cleanPath = child.readLine();
         EXPECT_EQ(own.substr(0, own.rfind('/')), cleanPath.substr(0, cleanPath.rfind('/')));
         EXPECT_TRUE(exists(cleanPath));
-        child.writeLine("quit");
-        EXPECT_EQ(0, exitCodeOf(child));
+        EXPECT_EQ(0, child.finish());
     }
     unsetenv("XDG_RUNTIME_DIR");
     EXPECT_FALSE(exists(cleanPath)) << "a clean exit left its socket behind";

@@ -1,3 +1,5 @@
+// Objects held across processes: how long they live, the death notices of
+// their owners, and what comes and goes leaving nothing behind.
 #include <binder/Binder.h>
 #include <binder/IBinder.h>
 #include <binder/Parcel.h>
@@ -33,12 +35,18 @@ wp<IBinder> handOver(const sp<IBinder>& service, uint32_t flags = 0) {
     return watch;
 }
 
-TEST(Lifetimes, AnObjectLivesWhileAnotherProcessHoldsItAndGoesWhenItDropsItOrDies) {
+TEST(Lifetimes, AnObjectLivesWhileAnotherProcessHoldsItOrAOneWayCarriesItAndNoLonger) {
     ServedChild child;
     ASSERT_TRUE(child.ready());
-    wp<IBinder> watch = handOver(child.binder());
-    EXPECT_NE(nullptr, watch.promote());
-    EXPECT_EQ(11, heldCall(child.binder(), TestService::ECHO, 11));
+    // Queued behind a blocked one-way while the test lets go of the object.
+    ASSERT_EQ(NO_ERROR,
+              sendObject(child.binder(), TestService::BLOCK, nullptr, IBinder::FLAG_ONEWAY));
+    wp<IBinder> watch = handOver(child.binder(), IBinder::FLAG_ONEWAY);
+    ASSERT_EQ(NO_ERROR, sendObject(child.binder(), TestService::UNBLOCK));
+    EXPECT_TRUE(waitUntil([&] {
+        status_t status;
+        return heldCall(child.binder(), TestService::ECHO, 12, &status) == 12 && status == NO_ERROR;
+    }));
     ASSERT_EQ(NO_ERROR, sendObject(child.binder(), TestService::DROP));
     EXPECT_TRUE(waitUntil([&] { return watch.promote() == nullptr; }));
 
@@ -74,25 +82,11 @@ TEST(Lifetimes, AnObjectPassedOnByAThirdProcessLivesWhileTheLastHolderKeepsIt) {
     EXPECT_TRUE(waitUntil([&] { return watch.promote() == nullptr; }));
 }
 
-TEST(Lifetimes, AnObjectInsideAOneWayInFlightStaysAlive) {
-    ServedChild child;
-    ASSERT_TRUE(child.ready());
-    ASSERT_EQ(NO_ERROR,
-              sendObject(child.binder(), TestService::BLOCK, nullptr, IBinder::FLAG_ONEWAY));
-    // Queued behind the blocked one-way while the test lets go of the object.
-    handOver(child.binder(), IBinder::FLAG_ONEWAY);
-    ASSERT_EQ(NO_ERROR, sendObject(child.binder(), TestService::UNBLOCK));
-    EXPECT_TRUE(waitUntil([&] {
-        status_t status;
-        return heldCall(child.binder(), TestService::ECHO, 12, &status) == 12 && status == NO_ERROR;
-    }));
-}
-
 // The pool may grow up to its maximum at any time; beyond that nothing may.
 constexpr size_t kSoakPoolMax = 2;
 constexpr size_t kSoakThreadLimit = 1 + kSoakPoolMax;  // the main pool thread + spawned ones
 
-TEST(Soak, BindingCallingAndDroppingKeepsTheOwnersResourcesFlat) {
+TEST(Soak, ObjectsAndClientsThatComeAndGoLeaveTheOwnersResourcesFlat) {
     ServedChild child({"--max-threads=" + std::to_string(kSoakPoolMax)});
     ASSERT_TRUE(child.ready());
     auto round = [&](int i) {
@@ -103,16 +97,12 @@ TEST(Soak, BindingCallingAndDroppingKeepsTheOwnersResourcesFlat) {
     };
     for (int i = 0; i < 50; ++i) round(i);
     ASSERT_TRUE(waitUntil([] { return objectsHeldByOthers() == 0; }));
-    const size_t fds = tvtest::countOpenFds(child.pid());
+    size_t fds = tvtest::countOpenFds(child.pid());
     for (int i = 0; i < 400; ++i) round(i);
     EXPECT_TRUE(waitUntil([] { return objectsHeldByOthers() == 0; }));
     EXPECT_LE(tvtest::countOpenFds(child.pid()), fds);
     EXPECT_LE(tvtest::countPoolThreads(child.pid()), kSoakThreadLimit);
-}
 
-TEST(Soak, ClientsThatComeAndGoLeaveNothingBehindInTheService) {
-    ServedChild child({"--max-threads=" + std::to_string(kSoakPoolMax)});
-    ASSERT_TRUE(child.ready());
     auto runClient = [&] {
         ChildProcess client("client", {child.name()});
         ASSERT_EQ("done", client.readLine());
@@ -121,7 +111,7 @@ TEST(Soak, ClientsThatComeAndGoLeaveNothingBehindInTheService) {
     };
     for (int i = 0; i < 3; ++i) runClient();
     // Each departed client's connections and watch go once its death is seen.
-    const size_t fds = tvtest::countOpenFds(child.pid());
+    fds = tvtest::countOpenFds(child.pid());
     for (int i = 0; i < 12; ++i) runClient();
     EXPECT_TRUE(waitUntil([&] { return tvtest::countOpenFds(child.pid()) <= fds; }));
     EXPECT_LE(tvtest::countPoolThreads(child.pid()), kSoakThreadLimit);
@@ -139,6 +129,64 @@ TVTEST_CHILD_ROLE(client) {
     tvtest::ParentChannel::send("done");
     tvtest::ParentChannel::receive(std::chrono::seconds(60));
     return 0;
+}
+
+// Unlinks itself from inside the notice, which is allowed.
+class SelfUnlinkingRecipient : public IBinder::DeathRecipient {
+  public:
+    void binderDied(const wp<IBinder>& who) override {
+        sp<IBinder> binder = who.promote();
+        unlinkStatus = binder != nullptr ? binder->unlinkToDeath(this) : NO_ERROR;
+        ++calls;
+    }
+    std::atomic<int> calls{0};
+    std::atomic<status_t> unlinkStatus{NO_ERROR};
+};
+
+TEST(DeathNotices, ArriveOnceOnAPoolThreadAndNeverToUnlinkedOrReleasedRecipients) {
+    sp<BBinder> local = new BBinder();
+    EXPECT_EQ(INVALID_OPERATION, local->linkToDeath(new CountingRecipient()));
+    EXPECT_EQ(INVALID_OPERATION, local->unlinkToDeath(nullptr));
+
+    const size_t descriptors = countOpenFds(getpid());
+    ServedChild child;
+    ASSERT_TRUE(child.ready());
+    const sp<IBinder>& binder = child.binder();
+    sp<CountingRecipient> first = new CountingRecipient();
+    sp<CountingRecipient> second = new CountingRecipient();
+    sp<SelfUnlinkingRecipient> selfUnlinking = new SelfUnlinkingRecipient();
+    sp<CountingRecipient> unlinked = new CountingRecipient();
+    std::atomic<bool> releasedDestroyed{false};
+    sp<CountingRecipient> released = new CountingRecipient(&releasedDestroyed);
+    int cookie = 0;
+    ASSERT_EQ(NO_ERROR, binder->linkToDeath(first));
+    ASSERT_EQ(NO_ERROR, binder->linkToDeath(second, &cookie, 3));
+    ASSERT_EQ(NO_ERROR, binder->linkToDeath(selfUnlinking));
+    ASSERT_EQ(NO_ERROR, binder->linkToDeath(unlinked, &cookie));
+    ASSERT_EQ(NO_ERROR, binder->linkToDeath(released));
+    EXPECT_EQ(NAME_NOT_FOUND, binder->unlinkToDeath(unlinked));  // wrong cookie
+    wp<IBinder::DeathRecipient> removed;
+    EXPECT_EQ(NO_ERROR, binder->unlinkToDeath(unlinked, &cookie, 0, &removed));
+    EXPECT_EQ(unlinked.get(), removed.promote().get());
+    EXPECT_EQ(NAME_NOT_FOUND, binder->unlinkToDeath(unlinked, &cookie));
+    released = nullptr;
+    EXPECT_TRUE(releasedDestroyed.load());
+
+    child.process().kill(SIGKILL);
+    ASSERT_TRUE(waitUntil(
+        [&] { return first->calls == 1 && second->calls == 1 && selfUnlinking->calls == 1; }));
+    EXPECT_EQ(DEAD_OBJECT, selfUnlinking->unlinkStatus.load());
+    EXPECT_EQ(binder.get(), first->died.load());
+    EXPECT_NE(currentTid(), first->tid.load());
+    // Each way of learning of a death (its pidfd, a connection's hang-up)
+    // has posted its notices before closing its descriptor.
+    child.process().finish();
+    EXPECT_TRUE(waitUntil([&] { return countOpenFds(getpid()) <= descriptors; }));
+    EXPECT_EQ(1, first->calls.load());
+    EXPECT_EQ(1, second->calls.load());
+    EXPECT_EQ(0, unlinked->calls.load());
+    EXPECT_EQ(DEAD_OBJECT, binder->linkToDeath(new CountingRecipient()));
+    EXPECT_EQ(DEAD_OBJECT, binder->unlinkToDeath(second, &cookie, 3));
 }
 
 }  // namespace

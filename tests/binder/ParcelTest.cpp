@@ -1,7 +1,6 @@
 #include <binder/Parcel.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <string.h>
 #include <unistd.h>
 
 #include <cstdint>
@@ -57,25 +56,21 @@ TEST(ParcelLayout, ItemsArePaddedToFourBytesWithZeroesNeverRealignedAndReadBackI
     EXPECT_EQ(p.readDouble(), -2.25);
     EXPECT_EQ(p.readString8(), android::String8("eight"));
     EXPECT_EQ(p.dataAvail(), 0u);
-}
 
-TEST(ParcelLayout, String16IsLengthUnitsNulAndPadding) {
-    Parcel p;
-    p.writeString16(android::String16("abc"));
-    p.writeString16(nullptr, 0);
-    const std::vector<uint8_t> expected = {
-        3,    0,    0,    0,    'a', 0, 'b', 0, 'c', 0, 0, 0,  // 3 units + NUL unit = 8 bytes
-        0xff, 0xff, 0xff, 0xff,                                // null string: length -1
-    };
-    EXPECT_EQ(bytesOf(p), expected);
-    p.setDataPosition(0);
-    EXPECT_EQ(android::String8(p.readString16()), android::String8("abc"));
+    // A String16 is its length in units, the units, a NUL unit and padding.
+    Parcel utf16;
+    utf16.writeString16(android::String16("abc"));
+    utf16.writeString16(nullptr, 0);
+    EXPECT_EQ(bytesOf(utf16), std::vector<uint8_t>({3, 0, 0, 0, 'a', 0, 'b', 0, 'c', 0, 0, 0, 0xff,
+                                                    0xff, 0xff, 0xff}));  // null: -1
+    utf16.setDataPosition(0);
+    EXPECT_EQ(android::String8(utf16.readString16()), android::String8("abc"));
     size_t len = 99;
-    EXPECT_EQ(p.readString16Inplace(&len), nullptr);
+    EXPECT_EQ(utf16.readString16Inplace(&len), nullptr);
     EXPECT_EQ(len, 0u);
 }
 
-TEST(ParcelRead, ShortOrPartialItemsYieldZeroAndAreNotConsumedButAWholeStringIs) {
+TEST(ParcelRead, ShortPartialOrHugeItemsYieldZeroAndAreNotConsumedButAWholeStringIs) {
     Parcel p;
     const char noNul[4] = {'a', 'b', 'c', 'd'};
     p.write(noNul, sizeof(noNul));
@@ -115,33 +110,25 @@ TEST(ParcelRead, ShortOrPartialItemsYieldZeroAndAreNotConsumedButAWholeStringIs)
     size_t length = 1;
     EXPECT_EQ(r.readString16Inplace(&length), nullptr);
     EXPECT_EQ(0u, length);
-}
 
-TEST(ParcelRead, HugeLengthsNeverReadOutsideTheBuffer) {
-    Parcel p;
-    p.writeInt32(0x7fffffff);  // a String8/String16 length claiming 2 GiB
-    p.writeInt32(0);
-    p.setDataPosition(0);
-    EXPECT_EQ(p.readString8(), android::String8());
-    p.setDataPosition(0);
-    size_t len = 0;
-    EXPECT_EQ(p.readString16Inplace(&len), nullptr);
-    EXPECT_EQ(p.dataPosition(), 0u);
-    uint8_t buf[16];
-    EXPECT_EQ(p.read(buf, SIZE_MAX - 1), NOT_ENOUGH_DATA);
-    p.setDataPosition(1000);  // beyond the data
-    EXPECT_EQ(p.readInt32(), 0);
-    EXPECT_EQ(p.readCString(), nullptr);
-    EXPECT_EQ(p.dataAvail(), 0u);
-}
-
-// A descriptor that nothing else uses.
-int newFd() {
-    return open("/dev/null", O_RDONLY | O_CLOEXEC);
+    // Huge lengths never read outside the buffer.
+    Parcel huge;
+    huge.writeInt32(0x7fffffff);  // a String8/String16 length claiming 2 GiB
+    huge.writeInt32(0);
+    huge.setDataPosition(0);
+    EXPECT_EQ(huge.readString8(), android::String8());
+    huge.setDataPosition(0);
+    EXPECT_EQ(huge.readString16Inplace(&length), nullptr);
+    EXPECT_EQ(huge.dataPosition(), 0u);
+    EXPECT_EQ(huge.read(buf, SIZE_MAX - 1), NOT_ENOUGH_DATA);
+    huge.setDataPosition(1000);  // beyond the data
+    EXPECT_EQ(huge.readInt32(), 0);
+    EXPECT_EQ(huge.readCString(), nullptr);
+    EXPECT_EQ(huge.dataAvail(), 0u);
 }
 
 TEST(ParcelFds, AParcelClosesExactlyTheDescriptorsItOwns) {
-    const int kept = newFd();
+    const int kept = open("/dev/null", O_RDONLY | O_CLOEXEC);
     int received = -1;
     {
         Parcel p;
@@ -155,11 +142,11 @@ TEST(ParcelFds, AParcelClosesExactlyTheDescriptorsItOwns) {
         EXPECT_NE(received, kept);
         EXPECT_TRUE(fcntl(received, F_GETFD) & FD_CLOEXEC);
         EXPECT_TRUE(fdIsOpen(received));
-        const int given = newFd();
+        const int given = open("/dev/null", O_RDONLY | O_CLOEXEC);
         p.writeFileDescriptor(kept);
         p.writeFileDescriptor(given, true);
         p.setDataPosition(p.dataSize() - 8);  // inside the last object
-        const int refused = newFd();
+        const int refused = open("/dev/null", O_RDONLY | O_CLOEXEC);
         EXPECT_NE(p.writeFileDescriptor(refused, true), NO_ERROR) << "written over an object";
         close(refused);
         EXPECT_EQ(p.objectsCount(), 3u);

@@ -68,64 +68,6 @@ std::string describe(const sp<IBinder>& binder) {
     return "tag " + std::string(String8(reply.readString16()).string());
 }
 
-std::string joinRegistrations() {
-    std::string text;
-    for (const IServiceManager::Registration& entry :
-         defaultServiceManager()->listRegistrations()) {
-        text += String8(entry.name).string() + std::string(":") + std::to_string(entry.pid) + ":" +
-                entry.processName.string() + " ";
-    }
-    return text;
-}
-
-// Runs one command of the agent role; the answer line.
-std::string runAgentCommand(const std::string& verb, const std::string& name,
-                            const std::string& argument) {
-    sp<IServiceManager> manager = defaultServiceManager();
-    if (verb == "add" || verb == "add-without-pool") {
-        if (verb == "add") android::ProcessState::self()->startThreadPool();
-        return "status " + std::to_string(manager->addService(String16(name.c_str()),
-                                                              new TaggedService(argument)));
-    }
-    if (verb == "fill") {
-        // Registers the object found under `argument` as NAME0, NAME1, ... until refused.
-        sp<IBinder> object = manager->checkService(String16(argument.c_str()));
-        status_t status = android::NAME_NOT_FOUND;
-        int count = 0;
-        while (object != nullptr && count <= 10000) {
-            status = manager->addService(String16((name + std::to_string(count)).c_str()), object);
-            if (status != NO_ERROR) break;
-            ++count;
-        }
-        return std::to_string(count) + " status " + std::to_string(status);
-    }
-    if (verb == "check") return describe(manager->checkService(String16(name.c_str())));
-    if (verb == "get") return describe(manager->getService(String16(name.c_str())));
-    if (verb == "timeout") {
-        manager->setGetServiceTimeout(std::chrono::milliseconds(std::stoll(name)));
-        return "ok";
-    }
-    if (verb == "registrations") return joinRegistrations();
-    if (verb == "threads") return std::to_string(tvtest::countPoolThreads(getpid()));
-    return "unknown command";
-}
-
-// A process that uses the service manager as the test tells it, one line per
-// command: "add NAME TAG", "add-without-pool NAME TAG", "fill PREFIX NAME",
-// "check NAME", "get NAME", "timeout MS", "registrations", "threads" (its
-// pool threads).
-TVTEST_CHILD_ROLE(sm_agent) {
-    (void)args;
-    for (;;) {
-        const std::string line = tvtest::ParentChannel::receive(120s);
-        if (line.empty()) return 0;
-        std::istringstream words(line);
-        std::string verb, name, argument;
-        words >> verb >> name >> argument;
-        tvtest::ParentChannel::send(runAgentCommand(verb, name, argument));
-    }
-}
-
 std::string ask(tvtest::ChildProcess& agent, const std::string& command,
                 std::chrono::milliseconds timeout = 20s) {
     agent.writeLine(command);
@@ -140,9 +82,7 @@ class ServiceManagerTest : public testing::Test {
   protected:
     void SetUp() override { ASSERT_TRUE(mDaemon.serving()); }
     // A child in the test's context.
-    tvtest::ChildProcess child(const std::string& role = "sm_agent") {
-        return tvtest::ChildProcess(role, {}, mEnvironment);
-    }
+    tvtest::ChildProcess child() { return tvtest::ChildProcess("sm_agent", {}, mEnvironment); }
 
     const std::string mContext = tvtest::uniqueName("smtest");
     ServiceManagerDaemon mDaemon{mContext};
@@ -151,7 +91,7 @@ class ServiceManagerTest : public testing::Test {
         environmentFor(mContext, "/nonexistent/tavrin-servicemanager");
 };
 
-TEST_F(ServiceManagerTest, RegistersFindsAndListsServices) {
+TEST_F(ServiceManagerTest, RegistersFindsListsAndKeepsANameForItsRegistrantAsLongAsItLives) {
     tvtest::ChildProcess owner = child();
     tvtest::ChildProcess client = child();
     ASSERT_EQ(statusLine(NO_ERROR), ask(owner, "add sm.alpha one"));
@@ -171,43 +111,35 @@ TEST_F(ServiceManagerTest, RegistersFindsAndListsServices) {
     ASSERT_EQ(0, ServiceManagerDaemon::list(mContext, &listing));
     EXPECT_NE(std::string::npos, listing.find("sm.alpha")) << listing;
     EXPECT_NE(std::string::npos, listing.find(std::to_string(owner.pid()))) << listing;
-}
 
-TEST_F(ServiceManagerTest, ANameBelongsToItsRegistrantAndEndsWithItOrWithItsObject) {
-    tvtest::ChildProcess successor = child();
-    {
-        tvtest::ChildProcess owner = child();
-        ASSERT_EQ(statusLine(NO_ERROR), ask(owner, "add sm.held one"));
-        EXPECT_EQ(statusLine(android::ALREADY_EXISTS), ask(successor, "add sm.held two"));
-        EXPECT_EQ(statusLine(android::ALREADY_EXISTS), ask(successor, "add manager two"));
-        // The holder itself may replace its registration.
-        EXPECT_EQ(statusLine(NO_ERROR), ask(owner, "add sm.held three"));
-        ASSERT_EQ("tag three", ask(successor, "check sm.held"));
-        {
-            // Another process registers the owner's object under names of its
-            // own, up to its own limit, which leaves the owner's untouched...
-            tvtest::ChildProcess relay = child();
-            EXPECT_EQ("512 " + statusLine(android::NO_MEMORY),
-                      ask(relay, "fill sm.relay. sm.held"));
-            EXPECT_EQ(statusLine(NO_ERROR), ask(owner, "add sm.more five"));
-            EXPECT_EQ("tag three", ask(successor, "check sm.relay.511"));
-            relay.kill(SIGKILL);
-            ASSERT_NE(-1, relay.wait());
-        }
-        // ...and holds them no longer than it lives, though the object does.
-        EXPECT_TRUE(tvtest::waitUntil(
-            [&] {
-                return ask(successor, "check sm.relay.0") == "null" &&
-                       ask(successor, "check sm.relay.511") == "null";
-            },
-            10s));
-        EXPECT_EQ("tag three", ask(successor, "check sm.held"));
-        owner.kill(SIGKILL);
-        ASSERT_NE(-1, owner.wait());
-    }
-    EXPECT_TRUE(tvtest::waitUntil([&] { return ask(successor, "check sm.held") == "null"; }, 10s));
-    EXPECT_EQ(statusLine(NO_ERROR), ask(successor, "add sm.held four"));
-    EXPECT_EQ("tag four", ask(successor, "check sm.held"));
+    // A name belongs to its registrant and ends with it or with its object.
+    ASSERT_EQ(statusLine(NO_ERROR), ask(owner, "add sm.held one"));
+    EXPECT_EQ(statusLine(android::ALREADY_EXISTS), ask(client, "add sm.held two"));
+    EXPECT_EQ(statusLine(android::ALREADY_EXISTS), ask(client, "add manager two"));
+    // The holder itself may replace its registration.
+    EXPECT_EQ(statusLine(NO_ERROR), ask(owner, "add sm.held three"));
+    ASSERT_EQ("tag three", ask(client, "check sm.held"));
+    // Another process registers the owner's object under names of its
+    // own, up to its own limit, which leaves the owner's untouched...
+    tvtest::ChildProcess relay = child();
+    EXPECT_EQ("512 " + statusLine(android::NO_MEMORY), ask(relay, "fill sm.relay. sm.held"));
+    EXPECT_EQ(statusLine(NO_ERROR), ask(owner, "add sm.more five"));
+    EXPECT_EQ("tag three", ask(client, "check sm.relay.511"));
+    relay.kill(SIGKILL);
+    ASSERT_NE(-1, relay.wait());
+    // ...and holds them no longer than it lives, though the object does.
+    EXPECT_TRUE(tvtest::waitUntil(
+        [&] {
+            return ask(client, "check sm.relay.0") == "null" &&
+                   ask(client, "check sm.relay.511") == "null";
+        },
+        10s));
+    EXPECT_EQ("tag three", ask(client, "check sm.held"));
+    owner.kill(SIGKILL);
+    ASSERT_NE(-1, owner.wait());
+    EXPECT_TRUE(tvtest::waitUntil([&] { return ask(client, "check sm.held") == "null"; }, 10s));
+    EXPECT_EQ(statusLine(NO_ERROR), ask(client, "add sm.held four"));
+    EXPECT_EQ("tag four", ask(client, "check sm.held"));
 }
 
 // Has `agent` wait for `name` far beyond the test's own patience; returns
@@ -220,7 +152,7 @@ void beginWaiting(tvtest::ChildProcess& agent, const std::string& name, pid_t da
     ASSERT_TRUE(tvtest::waitUntil([&] { return tvproc::countOpenFds(daemon) > descriptors; }));
 }
 
-TEST_F(ServiceManagerTest, GetServiceIsWokenByALaterRegistration) {
+TEST_F(ServiceManagerTest, GetServiceIsWokenByALaterRegistrationOrGivesUpWithoutAPool) {
     constexpr int kWaiters = 3;
     std::vector<std::unique_ptr<tvtest::ChildProcess>> waiters;
     for (int i = 0; i < kWaiters; ++i) {
@@ -228,29 +160,25 @@ TEST_F(ServiceManagerTest, GetServiceIsWokenByALaterRegistration) {
             "sm_agent", std::vector<std::string>{}, mEnvironment));
         beginWaiting(*waiters.back(), "sm.late", mDaemon.pid());
     }
-    tvtest::ChildProcess owner = child();
-    ASSERT_EQ(statusLine(NO_ERROR), ask(owner, "add sm.late one"));
-    for (auto& waiter : waiters) {
-        EXPECT_EQ("tag one", waiter->readLine(30s));
-        // Waiting took no thread pool.
-        EXPECT_EQ("0", ask(*waiter, "threads"));
-    }
-}
-
-TEST_F(ServiceManagerTest, GetServiceGivesUpOnAMissingName) {
     // Both ways of shortening the wait; the default of 5 s would outlast
     // the 4 s that the test waits for an answer.
     tvtest::ChildProcess byCall = child();
     ASSERT_EQ("ok", ask(byCall, "timeout 100"));
     mEnvironment.push_back("TAVRIN_GETSERVICE_TIMEOUT_MS=100");
     tvtest::ChildProcess byEnvironment = child();
-
     EXPECT_EQ("null", ask(byCall, "get sm.never", 4s));
     EXPECT_EQ("null", ask(byEnvironment, "get sm.never", 4s));
     EXPECT_EQ("0", ask(byCall, "threads"));
+
+    ASSERT_EQ(statusLine(NO_ERROR), ask(byEnvironment, "add sm.late one"));
+    for (auto& waiter : waiters) {
+        EXPECT_EQ("tag one", waiter->readLine(30s));
+        // Waiting took no thread pool.
+        EXPECT_EQ("0", ask(*waiter, "threads"));
+    }
     // Having given up leaves nothing behind that gets in the way of the name.
-    ASSERT_EQ(statusLine(NO_ERROR), ask(byEnvironment, "add sm.never one"));
-    EXPECT_EQ("tag one", ask(byCall, "get sm.never"));
+    ASSERT_EQ(statusLine(NO_ERROR), ask(byEnvironment, "add sm.never two"));
+    EXPECT_EQ("tag two", ask(byCall, "get sm.never"));
 }
 
 // One item of a request.
@@ -293,6 +221,9 @@ void sendMalformedRequests() {
     const uint32_t add = IServiceManager::ADD_SERVICE_TRANSACTION;
     const std::string longest(IServiceManager::kMaxNameLength, 'n');
     const sp<IBinder> service = new TaggedService("hostile");
+    const sp<IBinder> manager = ProcessState::self()->getContextObject(nullptr);
+    const uint32_t waitFor = IServiceManager::WAIT_FOR_SERVICE_TRANSACTION;
+    const Item x = name("sm.x");
     int pipeEnds[2];
     if (pipe2(pipeEnds, O_CLOEXEC) != 0) return;
     const struct {
@@ -308,26 +239,19 @@ void sendMalformedRequests() {
         {"control-character", check, BAD_VALUE, {token(), name("bad\nname")}},
         {"non-ascii", check, BAD_VALUE, {token(), name("caf\u00e9")}},
         {"null-string", check, BAD_VALUE, {token(), number(-1)}},
-        {"no-token", check, BAD_VALUE, {name("sm.x")}},
-        {"wrong-token", check, BAD_VALUE, {token(String16("evil.IThing")), name("sm.x")}},
-        {"trailing-bytes", check, BAD_VALUE, {token(), name("sm.x"), number(0)}},
-        {"null-binder", add, BAD_VALUE, {token(), name("sm.x"), object(nullptr), number(0)}},
+        {"no-token", check, BAD_VALUE, {x}},
+        {"wrong-token", check, BAD_VALUE, {token(String16("evil.IThing")), x}},
+        {"trailing-bytes", check, BAD_VALUE, {token(), x, number(0)}},
+        {"null-binder", add, BAD_VALUE, {token(), x, object(nullptr), number(0)}},
         {"descriptor-for-binder",
          add,
          BAD_VALUE,
-         {token(), name("sm.x"), descriptor(STDIN_FILENO), number(0)}},
-        {"missing-flag", add, BAD_VALUE, {token(), name("sm.x"), object(service)}},
-        {"bad-flag", add, BAD_VALUE, {token(), name("sm.x"), object(service), number(7)}},
-        {"manager-itself",
-         add,
-         BAD_VALUE,
-         {token(), name("sm.x"), object(ProcessState::self()->getContextObject(nullptr)),
-          number(0)}},
-        {"pipe-for-socket",
-         IServiceManager::WAIT_FOR_SERVICE_TRANSACTION,
-         BAD_VALUE,
-         {token(), name("sm.x"), descriptor(pipeEnds[1])}},
-        {"unknown-code", 0x00abcdef, UNKNOWN_TRANSACTION, {token(), name("sm.x")}},
+         {token(), x, descriptor(STDIN_FILENO), number(0)}},
+        {"missing-flag", add, BAD_VALUE, {token(), x, object(service)}},
+        {"bad-flag", add, BAD_VALUE, {token(), x, object(service), number(7)}},
+        {"manager-itself", add, BAD_VALUE, {token(), x, object(manager), number(0)}},
+        {"pipe-for-socket", waitFor, BAD_VALUE, {token(), x, descriptor(pipeEnds[1])}},
+        {"unknown-code", 0x00abcdef, UNKNOWN_TRANSACTION, {token(), x}},
         {"one-way-add",
          add,
          NO_ERROR,
@@ -379,18 +303,17 @@ void exhaustWaiters() {
 }
 
 // Sends the service manager requests that no well-behaved client sends and
-// reports every answer that was not the expected one.
-TVTEST_CHILD_ROLE(sm_hostile) {
-    (void)args;
+// reports every answer that was not the expected one, then "done".
+std::string sendHostileRequests() {
     android::ProcessState::self()->startThreadPool();
     sendMalformedRequests();
     exhaustWaiters();
-    tvtest::ParentChannel::send("done");
-    return tvtest::ParentChannel::receive(60s).empty() ? 0 : 1;
+    return "done";
 }
 
 TEST_F(ServiceManagerTest, RejectsMalformedAndExcessiveRequests) {
-    tvtest::ChildProcess hostile = child("sm_hostile");
+    tvtest::ChildProcess hostile = child();
+    hostile.writeLine("hostile");
     std::string line;
     while (!(line = hostile.readLine(60s)).empty() && line != "done") ADD_FAILURE() << line;
     EXPECT_EQ("done", line);
@@ -415,13 +338,11 @@ int useServiceManagerAfterFork() {
 
 // Uses the service manager, then forks (with no pool thread running, so that
 // the child may start threads under every sanitizer). The child lives until
-// the parent has looked for its registration. Tells the test "<the child's
-// exit code> <what the parent found>".
-TVTEST_CHILD_ROLE(sm_forker) {
-    (void)args;
+// the parent has looked for its registration. "<the child's exit code> <what
+// the parent found>".
+std::string forkAndUse() {
     if (describe(defaultServiceManager()->checkService(String16("sm.base"))) != "tag base") {
-        tvtest::ParentChannel::send("the parent did not find sm.base");
-        return 1;
+        return "the parent did not find sm.base";
     }
     tvtest::ChildProcess child([](tvtest::Channel& parent) {
         const int result = useServiceManagerAfterFork();
@@ -438,15 +359,71 @@ TVTEST_CHILD_ROLE(sm_forker) {
             },
             10s);
     }
-    tvtest::ParentChannel::send(std::to_string(child.finish()) + " " + found);
-    return 0;
+    return std::to_string(child.finish()) + " " + found;
+}
+
+// Runs one command of the agent role; the answer line.
+std::string runAgentCommand(const std::string& verb, const std::string& name,
+                            const std::string& argument) {
+    sp<IServiceManager> manager = defaultServiceManager();
+    if (verb == "add" || verb == "add-without-pool") {
+        if (verb == "add") android::ProcessState::self()->startThreadPool();
+        return "status " + std::to_string(manager->addService(String16(name.c_str()),
+                                                              new TaggedService(argument)));
+    }
+    if (verb == "fill") {
+        // Registers the object found under `argument` as NAME0, NAME1, ... until refused.
+        sp<IBinder> object = manager->checkService(String16(argument.c_str()));
+        status_t status = android::NAME_NOT_FOUND;
+        int count = 0;
+        while (object != nullptr && count <= 10000) {
+            status = manager->addService(String16((name + std::to_string(count)).c_str()), object);
+            if (status != NO_ERROR) break;
+            ++count;
+        }
+        return std::to_string(count) + " status " + std::to_string(status);
+    }
+    if (verb == "check") return describe(manager->checkService(String16(name.c_str())));
+    if (verb == "get") return describe(manager->getService(String16(name.c_str())));
+    if (verb == "timeout") {
+        manager->setGetServiceTimeout(std::chrono::milliseconds(std::stoll(name)));
+        return "ok";
+    }
+    if (verb == "registrations") {
+        std::string text;
+        for (const IServiceManager::Registration& entry : manager->listRegistrations()) {
+            text += String8(entry.name).string() + std::string(":") + std::to_string(entry.pid) +
+                    ":" + entry.processName.string() + " ";
+        }
+        return text;
+    }
+    if (verb == "threads") return std::to_string(tvtest::countPoolThreads(getpid()));
+    if (verb == "hostile") return sendHostileRequests();
+    if (verb == "fork") return forkAndUse();
+    return "unknown command";
+}
+
+// A process that uses the service manager as the test tells it, one line per
+// command: "add NAME TAG", "add-without-pool NAME TAG", "fill PREFIX NAME",
+// "check NAME", "get NAME", "timeout MS", "registrations", "threads" (its
+// pool threads), "hostile" and "fork" (below).
+TVTEST_CHILD_ROLE(sm_agent) {
+    (void)args;
+    for (;;) {
+        const std::string line = tvtest::ParentChannel::receive(120s);
+        if (line.empty()) return 0;
+        std::istringstream words(line);
+        std::string verb, name, argument;
+        words >> verb >> name >> argument;
+        tvtest::ParentChannel::send(runAgentCommand(verb, name, argument));
+    }
 }
 
 TEST_F(ServiceManagerTest, AForkedChildUsesItWithoutExec) {
     tvtest::ChildProcess owner = child();
     ASSERT_EQ(statusLine(NO_ERROR), ask(owner, "add sm.base base"));
-    tvtest::ChildProcess forker = child("sm_forker");
-    EXPECT_EQ("0 tag forked", forker.readLine(60s));
+    tvtest::ChildProcess forker = child();
+    EXPECT_EQ("0 tag forked", ask(forker, "fork", 60s));
 }
 
 // The children of `parent`; with `servingDaemons`, only daemons serving or
@@ -517,7 +494,10 @@ pid_t managerPidIn(const std::string& registrations) {
     return static_cast<pid_t>(atoi(registrations.c_str() + entry + strlen("manager:")));
 }
 
-TEST(ServiceManagerAutostartTest, StartsOneDaemonForRacingNewcomers) {
+TEST(ServiceManagerDaemonTest, HelpListAutostartByRacingNewcomersAndTheLogLevelAtLoad) {
+    tvtest::ChildProcess help(tvtest::Program{{ServiceManagerDaemon::path(), "--help"}});
+    EXPECT_NE(std::string::npos, help.channel().receiveAll().find("usage: tavrin-servicemanager"));
+    EXPECT_EQ(0, help.finish());
     const std::string context = tvtest::uniqueName("smauto");
     ASSERT_EQ(1, ServiceManagerDaemon::list(context)) << "--list must not start a daemon";
 
@@ -547,13 +527,14 @@ TEST(ServiceManagerAutostartTest, StartsOneDaemonForRacingNewcomers) {
             [&] { return fileContains(log, "serving context " + context); }, 10s));
     }
     unlink(log.c_str());
-}
 
-TEST(ServiceManagerUsageTest, HelpGoesToStdoutWithSuccess) {
-    tvtest::ChildProcess help(tvtest::Program{{ServiceManagerDaemon::path(), "--help"}});
-    const std::string usage = help.channel().receiveAll();
-    EXPECT_EQ(0, help.finish());
-    EXPECT_NE(std::string::npos, usage.find("usage: tavrin-servicemanager")) << usage;
+    // TAVRIN_LOG, read when the binder library is loaded, sets the least priority.
+    const auto levelWith = [](const std::string& variable) {
+        return tvtest::ChildProcess("log_level", {}, {variable}).readLine();
+    };
+    EXPECT_EQ(std::to_string(ANDROID_LOG_VERBOSE), levelWith("TAVRIN_LOG=verbose"));
+    EXPECT_EQ(std::to_string(ANDROID_LOG_ERROR), levelWith("TAVRIN_LOG=ERROR"));
+    EXPECT_EQ(levelWith("TAVRIN_LOG"), levelWith("TAVRIN_LOG=loud"));
 }
 
 // TAVRIN_LOG, read when the binder library is loaded: the child's least priority.
@@ -561,15 +542,6 @@ TVTEST_CHILD_ROLE(log_level) {
     (void)args;
     tvtest::ParentChannel::send(std::to_string(__android_log_get_minimum_priority()));
     return 0;
-}
-
-TEST(LogLevelTest, TavrinLogSetsTheLeastPriorityAtLoad) {
-    const auto levelWith = [](const std::string& variable) {
-        return tvtest::ChildProcess("log_level", {}, {variable}).readLine();
-    };
-    EXPECT_EQ(std::to_string(ANDROID_LOG_VERBOSE), levelWith("TAVRIN_LOG=verbose"));
-    EXPECT_EQ(std::to_string(ANDROID_LOG_ERROR), levelWith("TAVRIN_LOG=ERROR"));
-    EXPECT_EQ(levelWith("TAVRIN_LOG"), levelWith("TAVRIN_LOG=loud"));
 }
 
 // The lines of `--list` other than the service manager's own.

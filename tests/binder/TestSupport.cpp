@@ -11,47 +11,44 @@
 
 #include "TestService.h"
 
-using android::IBinder;
-using android::NO_ERROR;
-using android::Parcel;
-using android::ProcessState;
-using android::sp;
-using android::status_t;
-using android::String16;
-using android::String8;
+using namespace android;
 
 namespace tvtest {
 
 namespace {
 
-std::mutex gRegistryLock;
-std::map<std::string, sp<IBinder>>& registryEntries() {
-    static auto* entries = new std::map<std::string, sp<IBinder>>;
-    return *entries;
+class TestRegistry : public BBinder {
+  public:
+    enum { PUBLISH = IBinder::FIRST_CALL_TRANSACTION, LOOKUP };
+
+  protected:
+    status_t onTransact(uint32_t code, const Parcel& data, Parcel* reply, uint32_t flags) override {
+        if (code != PUBLISH && code != LOOKUP) return BBinder::onTransact(code, data, reply, flags);
+        const std::string name = String8(data.readString16()).c_str();
+        const sp<IBinder> object = code == PUBLISH ? data.readStrongBinder() : nullptr;
+        std::lock_guard<std::mutex> guard(mLock);
+        if (code == PUBLISH) {
+            mEntries[name] = object;
+            return NO_ERROR;
+        }
+        auto it = mEntries.find(name);
+        return reply->writeStrongBinder(it == mEntries.end() ? nullptr : it->second);
+    }
+
+  private:
+    std::mutex mLock;
+    std::map<std::string, sp<IBinder>> mEntries;
+};
+
+// The first int32 of the reply to `code` with `data`; status in *status.
+int32_t firstInt32(const sp<IBinder>& binder, uint32_t code, const Parcel& data, status_t* status) {
+    Parcel reply;
+    const status_t result = binder->transact(code, data, &reply);
+    if (status != nullptr) *status = result;
+    return reply.readInt32();
 }
 
 }  // namespace
-
-status_t TestRegistry::onTransact(uint32_t code, const Parcel& data, Parcel* reply,
-                                  uint32_t flags) {
-    switch (code) {
-        case PUBLISH: {
-            std::string name = String8(data.readString16()).c_str();
-            sp<IBinder> object = data.readStrongBinder();
-            std::lock_guard<std::mutex> guard(gRegistryLock);
-            registryEntries()[name] = object;
-            return NO_ERROR;
-        }
-        case LOOKUP: {
-            std::string name = String8(data.readString16()).c_str();
-            std::lock_guard<std::mutex> guard(gRegistryLock);
-            auto it = registryEntries().find(name);
-            return reply->writeStrongBinder(it == registryEntries().end() ? nullptr : it->second);
-        }
-        default:
-            return BBinder::onTransact(code, data, reply, flags);
-    }
-}
 
 void becomeTestContextManager() {
     std::string context = "tvtest-" + std::to_string(getpid());
@@ -109,18 +106,10 @@ size_t countPoolThreads(pid_t pid) {
         });
 }
 
-std::string uniqueName(const std::string& base) {
-    static int counter = 0;
-    return base + "-" + std::to_string(getpid()) + "-" + std::to_string(++counter);
-}
-
 int32_t callInt(const sp<IBinder>& binder, uint32_t code, int32_t argument, status_t* status) {
     Parcel data;
-    Parcel reply;
     data.writeInt32(argument);
-    status_t result = binder->transact(code, data, &reply);
-    if (status != nullptr) *status = result;
-    return reply.readInt32();
+    return firstInt32(binder, code, data, status);
 }
 
 status_t sendObject(const sp<IBinder>& service, uint32_t code, const sp<IBinder>& object,
@@ -133,12 +122,9 @@ status_t sendObject(const sp<IBinder>& service, uint32_t code, const sp<IBinder>
 
 int32_t heldCall(const sp<IBinder>& service, uint32_t code, int32_t argument, status_t* status) {
     Parcel data;
-    Parcel reply;
     data.writeUint32(code);
     data.writeInt32(argument);
-    status_t result = service->transact(TestService::HELD_CALL, data, &reply);
-    if (status != nullptr) *status = result;
-    return reply.readInt32();
+    return firstInt32(service, TestService::HELD_CALL, data, status);
 }
 
 sp<IBinder> newObject(const sp<IBinder>& service) {

@@ -6,7 +6,6 @@
 
 #include <atomic>
 #include <chrono>
-#include <functional>
 #include <string>
 #include <vector>
 
@@ -14,30 +13,13 @@
 
 namespace tvtest {
 
-// The test program's own registry of named objects: the test process serves
-// it as the context manager of a context of its own, so that tests and their
-// children find each other without the service manager daemon.
-class TestRegistry : public android::BBinder {
-  public:
-    enum { PUBLISH = android::IBinder::FIRST_CALL_TRANSACTION, LOOKUP };
-
-  protected:
-    android::status_t onTransact(uint32_t code, const android::Parcel& data, android::Parcel* reply,
-                                 uint32_t flags) override;
-};
-
-// Sets the process's context to one unique to it and serves a TestRegistry.
 void becomeTestContextManager();
 void publish(const std::string& name, const android::sp<android::IBinder>& object);
 // The object published under `name`, waiting for it for up to `timeout`.
 android::sp<android::IBinder> lookup(const std::string& name,
                                      std::chrono::milliseconds timeout = std::chrono::seconds(20));
 
-// Polls `condition` until it holds or `timeout` passes.
-inline bool waitUntil(const std::function<bool()>& condition,
-                      std::chrono::milliseconds timeout = std::chrono::seconds(20)) {
-    return tvproc::waitUntil(condition, timeout);
-}
+using tvproc::waitUntil;
 
 int currentTid();
 using tvproc::countOpenFds;
@@ -75,8 +57,7 @@ class Recorder : public android::BBinder {
 // Threads of the transport's pool (named "tvbinder:<n>").
 size_t countPoolThreads(pid_t pid);
 
-// A name for objects of the running test, unique within the test process.
-std::string uniqueName(const std::string& base);
+using tvproc::uniqueName;
 
 // Calls with one int32 argument and an int32 result; status in *status.
 int32_t callInt(const android::sp<android::IBinder>& binder, uint32_t code, int32_t argument,

@@ -1,3 +1,5 @@
+// Calls between served processes, and what a served process is: its pool
+// of threads, its name, and what a fork of it may do.
 #include <binder/Binder.h>
 #include <binder/BpBinder.h>
 #include <binder/IPCThreadState.h>
@@ -7,186 +9,193 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <thread>
+#include <fstream>
+#include <future>
+#include <string>
 #include <vector>
 
+#include "ChildProcess.h"
 #include "ServedChild.h"
 #include "TestService.h"
 #include "TestSupport.h"
+#include "runtime/Runtime.h"
 
-using android::DEAD_OBJECT;
-using android::IBinder;
-using android::IPCThreadState;
-using android::NO_ERROR;
-using android::Parcel;
-using android::sp;
-using android::status_t;
-using android::String16;
-using android::UNKNOWN_TRANSACTION;
-using tvtest::callInt;
-using tvtest::currentTid;
-using tvtest::Recorder;
-using tvtest::sendObject;
-using tvtest::ServedChild;
-using tvtest::TestService;
+using namespace android;
+using namespace tvtest;
+using android::tvbinder::Runtime;
 
 namespace {
 
-TEST(BinderCalls, SynchronousCallsRunInTheOwnerAndReturnItsReply) {
+// End of file comes only once every copy of the write end is closed, the
+// receiver's included: what came before it.
+std::string readToEnd(int fd) {
+    std::string received;
+    const bool ended = waitUntil([&] {
+        char buffer[16];
+        const ssize_t n = read(fd, buffer, sizeof(buffer));
+        if (n > 0) received.append(buffer, static_cast<size_t>(n));
+        return n == 0;
+    });
+    return ended ? received : "no end of file after " + received;
+}
+
+TEST(BinderCalls, RunInTheOwnerAndCarryLargeBodiesDescriptorsAndTheCallerUntilItDies) {
     ServedChild child;
     ASSERT_TRUE(child.ready());
     const sp<IBinder>& service = child.binder();
     EXPECT_EQ(nullptr, service->localBinder());
-    EXPECT_NE(nullptr, service->remoteBinder());
-
     status_t status;
     EXPECT_EQ(42, callInt(service, TestService::ECHO, 42, &status));
     EXPECT_EQ(NO_ERROR, status);
     EXPECT_EQ(NO_ERROR, service->pingBinder());
     EXPECT_EQ(String16("tavrin.test.Service"), service->getInterfaceDescriptor());
     EXPECT_NE(currentTid(), callInt(service, TestService::GET_TID, 0));
-
     Parcel data;
     Parcel reply;
     reply.writeInt32(7);
     EXPECT_EQ(-EINVAL, service->transact(TestService::FAIL, data, &reply));
     EXPECT_EQ(0u, reply.dataSize());
     EXPECT_EQ(UNKNOWN_TRANSACTION, service->transact(0x00abcdef, data, &reply));
-}
 
-TEST(BinderCalls, LargeTransactionsTravelIntactBothWays) {
-    ServedChild child;
-    ASSERT_TRUE(child.ready());
+    // Large bodies travel intact both ways; one beyond the limit is refused.
     std::vector<uint8_t> bytes(3 * 1024 * 1024 + 5);
     for (size_t i = 0; i < bytes.size(); ++i) bytes[i] = static_cast<uint8_t>(i * 7 + 1);
-    Parcel data;
-    Parcel reply;
-    data.writeInt32(static_cast<int32_t>(bytes.size()));
-    data.write(bytes.data(), bytes.size());
-    ASSERT_EQ(NO_ERROR, child.binder()->transact(TestService::ECHO_BYTES, data, &reply));
+    Parcel large;
+    large.writeInt32(static_cast<int32_t>(bytes.size()));
+    large.write(bytes.data(), bytes.size());
+    ASSERT_EQ(NO_ERROR, service->transact(TestService::ECHO_BYTES, large, &reply));
     ASSERT_EQ(static_cast<int32_t>(bytes.size()), reply.readInt32());
     const void* echoed = reply.readInplace(bytes.size());
     ASSERT_NE(nullptr, echoed);
     EXPECT_EQ(0, memcmp(bytes.data(), echoed, bytes.size()));
-
     Parcel tooLarge;
-    std::vector<uint8_t> huge(17 * 1024 * 1024);
-    tooLarge.write(huge.data(), huge.size());
-    EXPECT_NE(NO_ERROR, child.binder()->transact(TestService::ECHO_BYTES, tooLarge, &reply));
-    EXPECT_EQ(9, callInt(child.binder(), TestService::ECHO, 9));
-}
+    tooLarge.write(std::vector<uint8_t>(17 * 1024 * 1024).data(), 17 * 1024 * 1024);
+    EXPECT_NE(NO_ERROR, service->transact(TestService::ECHO_BYTES, tooLarge, &reply));
 
-TEST(BinderObjects, OneProxyPerObjectAndTheOwnerGetsItsOwnObjectBack) {
-    ServedChild child;
-    ASSERT_TRUE(child.ready());
-    EXPECT_EQ(child.binder().get(), tvtest::lookup(child.name()).get());
+    // The receiver gets its own descriptor, closed with its parcel; the body
+    // is large enough to travel in a memfd beside it.
+    int pipeFds[2];
+    ASSERT_EQ(0, pipe2(pipeFds, O_CLOEXEC | O_NONBLOCK));
+    {
+        Parcel withFd;
+        ASSERT_EQ(NO_ERROR, withFd.writeDupFileDescriptor(pipeFds[1]));
+        withFd.writeCString("hello");
+        withFd.write(std::vector<uint8_t>(100 * 1024).data(), 100 * 1024);
+        ASSERT_EQ(NO_ERROR, service->transact(TestService::WRITE_FD, withFd, &reply));
+        EXPECT_EQ(5, reply.readInt32());
+    }
+    close(pipeFds[1]);
+    EXPECT_EQ("hello", readToEnd(pipeFds[0]));
+    close(pipeFds[0]);
 
-    sp<Recorder> local = new Recorder();
-    ASSERT_EQ(NO_ERROR, sendObject(child.binder(), TestService::HOLD, local));
-    Parcel data;
-    Parcel reply;
-    data.writeStrongBinder(local);
-    // Sent again, it arrives as the very proxy the child already holds.
-    EXPECT_EQ(NO_ERROR, child.binder()->transact(TestService::SAME_AS_HELD, data, &reply));
-    EXPECT_EQ(1, reply.readInt32());
-
-    Parcel none;
-    ASSERT_EQ(NO_ERROR, child.binder()->transact(TestService::GET_HELD, none, &reply));
-    const sp<IBinder> back = reply.readStrongBinder();
-    EXPECT_EQ(static_cast<IBinder*>(local.get()), back.get());
-}
-
-TEST(BinderObjects, APassedProxyTalksToItsOwnerDirectly) {
-    ServedChild owner;
-    ServedChild user;
-    ASSERT_TRUE(owner.ready());
-    ASSERT_TRUE(user.ready());
-    ASSERT_EQ(NO_ERROR, sendObject(user.binder(), TestService::HOLD, owner.binder()));
-    EXPECT_EQ(user.pid(), tvtest::heldCall(user.binder(), TestService::GET_CALLER, 0));
-
-    Parcel echo;
-    Parcel reply;
-    echo.writeStrongBinder(owner.binder());
-    echo.writeInt32(31);
-    ASSERT_EQ(NO_ERROR, user.binder()->transact(TestService::CALL_OBJECT, echo, &reply));
-    EXPECT_EQ(31, reply.readInt32());
-}
-
-// Nested calls: the call back runs on the thread waiting for its reply, and
-// the caller's identity is the right one at every level.
-TEST(CallerIdentity, IsTheKernelsViewOfTheCallerAndRestoredAfterNestedCalls) {
-    ServedChild child;
-    ASSERT_TRUE(child.ready());
+    // The caller is the kernel's view of it, restored after nested calls; a
+    // call back runs on the thread waiting for its reply.
     EXPECT_EQ(getpid(), IPCThreadState::self()->getCallingPid());
     EXPECT_EQ(getuid(), IPCThreadState::self()->getCallingUid());
-
-    Parcel data;
-    Parcel reply;
-    ASSERT_EQ(NO_ERROR, child.binder()->transact(TestService::GET_CALLER, data, &reply));
+    ASSERT_EQ(NO_ERROR, service->transact(TestService::GET_CALLER, data, &reply));
     EXPECT_EQ(getpid(), reply.readInt32());
     EXPECT_EQ(static_cast<int32_t>(getuid()), reply.readInt32());
-
     sp<Recorder> recorder = new Recorder();
     for (int round = 0; round < 3; ++round) {
         Parcel callBack;
         callBack.writeStrongBinder(recorder);
         callBack.writeInt32(round);
-        ASSERT_EQ(NO_ERROR, child.binder()->transact(TestService::CALL_BACK, callBack, &reply));
+        ASSERT_EQ(NO_ERROR, service->transact(TestService::CALL_BACK, callBack, &reply));
         EXPECT_EQ(round, reply.readInt32());
         EXPECT_EQ(getpid(), reply.readInt32());  // the child's caller again after its nested call
         EXPECT_EQ(child.pid(), recorder->lastCallingPid.load());
         EXPECT_EQ(currentTid(), recorder->lastTid.load());
     }
     EXPECT_EQ(getpid(), IPCThreadState::self()->getCallingPid());
-}
 
-TEST(DeadObjects, CallsToAProcessThatDiedFailWithDeadObject) {
-    ServedChild child;
-    ASSERT_TRUE(child.ready());
-    ASSERT_EQ(1, callInt(child.binder(), TestService::ECHO, 1));
     child.process().kill(SIGKILL);
     ASSERT_NE(-1, child.process().wait());
-
-    Parcel data;
-    Parcel reply;
-    data.writeInt32(2);
-    EXPECT_EQ(DEAD_OBJECT, child.binder()->transact(TestService::ECHO, data, &reply));
+    Parcel echo;
+    echo.writeInt32(2);
+    EXPECT_EQ(DEAD_OBJECT, service->transact(TestService::ECHO, echo, &reply));
     EXPECT_EQ(0u, reply.dataSize());
-    EXPECT_FALSE(child.binder()->isBinderAlive());
-    EXPECT_EQ(DEAD_OBJECT, child.binder()->pingBinder());
+    EXPECT_FALSE(service->isBinderAlive());
+    EXPECT_EQ(DEAD_OBJECT, service->pingBinder());
     EXPECT_EQ(DEAD_OBJECT,
-              child.binder()->transact(TestService::SEQUENCE, data, nullptr, IBinder::FLAG_ONEWAY));
+              service->transact(TestService::SEQUENCE, echo, nullptr, IBinder::FLAG_ONEWAY));
 }
 
-TEST(FileDescriptors, TheReceiverGetsItsOwnDescriptorClosedWithItsParcel) {
-    ServedChild child;
+TEST(BinderObjects, OneProxyPerObjectTheOwnerGetsItsOwnBackAndAPassedProxyGoesToItsOwner) {
+    ServedChild owner;
+    ServedChild user;
+    ASSERT_TRUE(owner.ready());
+    ASSERT_TRUE(user.ready());
+    EXPECT_EQ(user.binder().get(), lookup(user.name()).get());
+    sp<Recorder> local = new Recorder();
+    ASSERT_EQ(NO_ERROR, sendObject(owner.binder(), TestService::HOLD, local));
+    Parcel data;
+    Parcel reply;
+    data.writeStrongBinder(local);
+    // Sent again, it arrives as the very proxy the child already holds.
+    EXPECT_EQ(NO_ERROR, owner.binder()->transact(TestService::SAME_AS_HELD, data, &reply));
+    EXPECT_EQ(1, reply.readInt32());
+    Parcel none;
+    ASSERT_EQ(NO_ERROR, owner.binder()->transact(TestService::GET_HELD, none, &reply));
+    EXPECT_EQ(static_cast<IBinder*>(local.get()), reply.readStrongBinder().get());
+
+    ASSERT_EQ(NO_ERROR, sendObject(user.binder(), TestService::HOLD, owner.binder()));
+    EXPECT_EQ(user.pid(), heldCall(user.binder(), TestService::GET_CALLER, 0));
+    Parcel echo;
+    echo.writeStrongBinder(owner.binder());
+    echo.writeInt32(31);
+    ASSERT_EQ(NO_ERROR, user.binder()->transact(TestService::CALL_OBJECT, echo, &reply));
+    EXPECT_EQ(31, reply.readInt32());
+}
+
+// What the forked child found; 0 when all is well.
+int checkForkedChild(const std::string& serviceName, uint64_t parentEndpoint) {
+    if (Runtime::current() != nullptr) return 1;  // the parent's state must be gone
+    sp<IBinder> service = lookup(serviceName, std::chrono::seconds(10));
+    if (service == nullptr) return 2;
+    if (callInt(service, TestService::ECHO, 5) != 5) return 3;
+    if (Runtime::current() == nullptr || Runtime::current()->endpoint() == parentEndpoint) return 4;
+    return 0;
+}
+
+TEST(ServedProcess, PoolGrowsToItsMaximumNameIsWhatPsShowsAndAForkGetsItsOwnEndpoint) {
+    constexpr int kMaxSpawned = 3;
+    ServedChild child({"--max-threads=" + std::to_string(kMaxSpawned), "--name=tvbnamed"});
     ASSERT_TRUE(child.ready());
-    int pipeFds[2];
-    ASSERT_EQ(0, pipe2(pipeFds, O_CLOEXEC | O_NONBLOCK));
-    {
-        Parcel data;
-        Parcel reply;
-        ASSERT_EQ(NO_ERROR, data.writeDupFileDescriptor(pipeFds[1]));
-        data.writeCString("hello");
-        // Large enough to travel in a memfd next to the passed descriptor.
-        std::vector<uint8_t> padding(100 * 1024);
-        data.write(padding.data(), padding.size());
-        ASSERT_EQ(NO_ERROR, child.binder()->transact(TestService::WRITE_FD, data, &reply));
-        EXPECT_EQ(5, reply.readInt32());
+    EXPECT_EQ("tvbnamed", tvproc::processNameOf(child.pid()));
+    std::string commandLine;
+    std::getline(std::ifstream("/proc/" + std::to_string(child.pid()) + "/cmdline"), commandLine);
+    EXPECT_EQ(0u, commandLine.rfind("tvbnamed", 0));
+    // The main pool thread plus the spawned ones: all of them are needed at once.
+    constexpr int kCallers = kMaxSpawned + 1;
+    std::vector<std::future<std::pair<int32_t, int32_t>>> calls;
+    for (int i = 0; i < kCallers; ++i) {
+        calls.push_back(std::async(std::launch::async, [&] {
+            Parcel data;
+            Parcel reply;
+            data.writeInt32(kCallers);
+            if (child.binder()->transact(TestService::BARRIER, data, &reply) != NO_ERROR) {
+                return std::make_pair(-1, -1);
+            }
+            int32_t met = reply.readInt32();
+            return std::make_pair(met, reply.readInt32());
+        }));
     }
-    close(pipeFds[1]);
-    // End of file comes only once every copy of the write end is closed,
-    // the child's included.
-    std::string received;
-    bool ended = tvtest::waitUntil([&] {
-        char buffer[16];
-        ssize_t n = read(pipeFds[0], buffer, sizeof(buffer));
-        if (n > 0) received.append(buffer, static_cast<size_t>(n));
-        return n == 0;
-    });
-    close(pipeFds[0]);
-    EXPECT_TRUE(ended);
-    EXPECT_EQ("hello", received);
+    int32_t mostThreads = 0;
+    for (auto& call : calls) {
+        auto [met, threads] = call.get();
+        EXPECT_EQ(1, met);
+        mostThreads = std::max(mostThreads, threads);
+    }
+    EXPECT_EQ(kCallers, mostThreads);
+    // The main pool thread and the spawned ones.
+    EXPECT_EQ(size_t{1 + kMaxSpawned}, countPoolThreads(child.pid()));
+
+    // A fork without exec gets its own endpoint and leaves the parent's alone.
+    const uint64_t parentEndpoint = Runtime::current()->endpoint();
+    ChildProcess forked([&](Channel&) { return checkForkedChild(child.name(), parentEndpoint); });
+    EXPECT_EQ(0, forked.finish());
+    EXPECT_EQ(parentEndpoint, Runtime::current()->endpoint());
+    EXPECT_EQ(6, callInt(child.binder(), TestService::ECHO, 6));
 }
 
 }  // namespace

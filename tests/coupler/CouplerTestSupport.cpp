@@ -39,6 +39,12 @@ std::string textOfValue(IPCClass* value) {
     return value != nullptr ? static_cast<Msg*>(value)->text() : "null";
 }
 
+// "<pid> <tag> <objID>"
+std::string describe(const ClientInfo& client) {
+    return std::to_string(client.pid) + " " + std::to_string(client.tag) + " " +
+           std::to_string(client.objID);
+}
+
 // Tells the test `line`, then waits for its next line.
 void pause(const std::string& line) {
     ParentChannel::send(line);
@@ -83,10 +89,7 @@ class TestService : public tavrin::IService {
         std::string verb, rest;
         words >> verb;
         std::getline(words >> std::ws, rest);
-        if (verb == "whoami") {
-            return reply(std::to_string(client.pid) + " " + std::to_string(client.tag) + " " +
-                         std::to_string(client.objID));
-        }
+        if (verb == "whoami") return reply(describe(client));
         if (verb == "notify") return reply(notifyCaller(mNotifier, client));
         if (verb == "notifyex") {
             ClientInfo other = client;
@@ -168,10 +171,7 @@ class TestSubService : public tavrin::ISubService {
     }
     tv_sp<IPCClass> onAction(IPCClass* action, ClientInfo& client) override {
         const std::string text = textOfValue(action);
-        if (text == "whoami") {
-            return reply("sub " + std::to_string(client.pid) + " " + std::to_string(client.tag) +
-                         " " + std::to_string(client.objID));
-        }
+        if (text == "whoami") return reply("sub " + describe(client));
         if (text == "notify") return reply(notifyCaller(mNotifier, client));
         if (text.rfind("master ", 0) == 0) {
             Msg toMaster(text.substr(7));
@@ -258,33 +258,6 @@ tavrin::Protocol msgProtocol() {
     return protocol;
 }
 
-void RecordingNotifier::onNotify(IPCClass& value) {
-    std::lock_guard<std::mutex> hold(mLock);
-    mReceived.insert("note " + textOfValue(&value));
-}
-
-tv_sp<IPCClass> RecordingNotifier::onNotifyEx(IPCClass& value) {
-    std::lock_guard<std::mutex> hold(mLock);
-    mReceived.insert("question " + textOfValue(&value));
-    mAnsweringThread = std::this_thread::get_id();
-    return reply("from " + mName);
-}
-
-std::multiset<std::string> RecordingNotifier::received() {
-    std::lock_guard<std::mutex> hold(mLock);
-    return mReceived;
-}
-
-std::thread::id RecordingNotifier::answeringThread() {
-    std::lock_guard<std::mutex> hold(mLock);
-    return mAnsweringThread;
-}
-
-std::string uniqueName(const std::string& base) {
-    static std::atomic<int> counter{0};
-    return base + "-" + std::to_string(getpid()) + "-" + std::to_string(++counter);
-}
-
 tv_sp<tavrin::IClient> bindService(const std::string& name, int tag) {
     tavrin::ServiceInfo info(name, "Binder");
     tavrin::Protocol protocol = msgProtocol();
@@ -308,7 +281,7 @@ std::string call(tv_sp<tavrin::IClient>& client, const std::string& text) {
 }
 
 std::string clientInfoText(int tag, int objID) {
-    return std::to_string(getpid()) + " " + std::to_string(tag) + " " + std::to_string(objID);
+    return describe(ClientInfo{getpid(), tag, objID});
 }
 
 std::vector<std::string> linesUntil(tvtest::ChildProcess& child, const std::string& last) {
@@ -343,14 +316,13 @@ void killSeenBy(tvtest::ChildProcess& child, pid_t watcher) {
 bool awaitLine(tvtest::ChildProcess& child, const std::string& expected,
                std::chrono::milliseconds timeout) {
     const auto deadline = std::chrono::steady_clock::now() + timeout;
-    for (;;) {
+    for (std::string line = "-"; !line.empty();) {
         const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
             deadline - std::chrono::steady_clock::now());
-        if (left.count() <= 0) return false;
-        const std::string line = child.readLine(left);
+        line = left.count() > 0 ? child.readLine(left) : "";
         if (line == expected) return true;
-        if (line.empty()) return false;
     }
+    return false;
 }
 
 }  // namespace coupler_test

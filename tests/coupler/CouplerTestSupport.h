@@ -49,10 +49,24 @@ tavrin::Protocol msgProtocol();
 class RecordingNotifier : public tavrin::IClientNotifier {
   public:
     explicit RecordingNotifier(std::string name) : mName(std::move(name)) {}
-    void onNotify(tavrin::IPCClass& value) override;
-    tavrin::tv_sp<tavrin::IPCClass> onNotifyEx(tavrin::IPCClass& value) override;
-    std::multiset<std::string> received();
-    std::thread::id answeringThread();
+    void onNotify(tavrin::IPCClass& value) override {
+        std::lock_guard<std::mutex> hold(mLock);
+        mReceived.insert("note " + static_cast<Msg&>(value).text());
+    }
+    tavrin::tv_sp<tavrin::IPCClass> onNotifyEx(tavrin::IPCClass& value) override {
+        std::lock_guard<std::mutex> hold(mLock);
+        mReceived.insert("question " + static_cast<Msg&>(value).text());
+        mAnsweringThread = std::this_thread::get_id();
+        return tavrin::tv_sp<tavrin::IPCClass>(new Msg("from " + mName));
+    }
+    std::multiset<std::string> received() {
+        std::lock_guard<std::mutex> hold(mLock);
+        return mReceived;
+    }
+    std::thread::id answeringThread() {
+        std::lock_guard<std::mutex> hold(mLock);
+        return mAnsweringThread;
+    }
 
   private:
     const std::string mName;
@@ -61,8 +75,7 @@ class RecordingNotifier : public tavrin::IClientNotifier {
     std::thread::id mAnsweringThread;
 };
 
-// A service name unique to this test process.
-std::string uniqueName(const std::string& base);
+using tvproc::uniqueName;
 tavrin::tv_sp<tavrin::IClient> bindService(const std::string& name, int tag);
 tavrin::tv_sp<tavrin::IClient> bindSubService(const std::string& name, const std::string& master,
                                               int timeoutMs, int tag);
@@ -83,17 +96,13 @@ int waitingIn(const std::string& name);
 // Kills `child` and returns once the process `watcher` has seen it die.
 void killSeenBy(tvtest::ChildProcess& child, pid_t watcher);
 
-// Children (tvtest::ChildProcess roles): a master service "service NAME
-// [MORE_NAMES...]", a sub-service "subservice NAME MASTER [SECOND_NAME]"
-// (published again from its configuration), a client "client SERVICE
-// [SUB_SERVICE TIMEOUT_MS]". Each reports on its channel: "died PID",
-// "registered NAME", "removed NAME RESULT" (of a call through the handle it
-// had), "released" (the service object), "config TEXT", "published RC",
-// "second RC", "bound"/"unbound", and "log TEXT" for the library's warnings
-// and errors. Sub-services named "holdconf-", "holdreg-" and "holdbye-" hold
-// the master's callbacks: it says "configuring NAME", "registering NAME" or
-// "removing NAME" and goes on at the test's next line. With TVTEST_STALL_ON
-// set, a child stops at the first log line (of any priority) that contains
-// it, says "stalled", and goes on at the test's next line.
+// Children (the roles "service", "subservice" and "client", whose arguments
+// are told where they are defined) report on their channel: "died PID",
+// "registered NAME", "removed NAME RESULT", "released", "config TEXT",
+// "published RC", "second RC", "bound"/"unbound", and "log TEXT" for the
+// library's warnings and errors. Sub-services named "holdconf-", "holdreg-"
+// and "holdbye-" hold the master's callbacks ("configuring NAME",
+// "registering NAME", "removing NAME") until the test's next line; so does
+// a child at its first log line containing $TVTEST_STALL_ON ("stalled").
 
 }  // namespace coupler_test

@@ -1,23 +1,299 @@
-// A master service and its clients in separate processes: binding, calls,
-// notifications, deaths and failures as the application sees them.
+// Master services, sub-services and their clients in processes of their own.
+// First the carriers' wire protocol, spoken by hand: every code's exact reply
+// bytes, the layout of notifications, the sub-service registry and its
+// waiters, and requests no well-behaved peer sends. Then what the application
+// sees: binding, calls every way, notifications, deaths on every side,
+// restarts and failures.
+#include <binder/Binder.h>
 #include <binder/IServiceManager.h>
+#include <binder/Parcel.h>
 #include <binder/ProcessState.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <stdlib.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <functional>
 #include <future>
+#include <mutex>
 #include <set>
 #include <sstream>
 #include <thread>
+#include <vector>
 
+#include "ContextInspector.h"
 #include "CouplerTestSupport.h"
 #include "LogCapture.h"
+#include "ProcSupport.h"
 
 namespace coupler_test {
 namespace {
+
+using android::IBinder;
+using android::Parcel;
+using android::sp;
+using android::status_t;
+using Bytes = std::vector<uint8_t>;
+
+// The carriers' codes, as a peer knows them.
+enum : uint32_t {
+    ADD_NOTIFIER = 0,
+    REMOVE_NOTIFIER = 1,
+    IPC_CALL = 2,
+    GET_SUB_SERVICE = 3,
+    SUB_SERVICE_IPC_CALL = 4,
+    REGISTER_SUB_SERVICE = 5,
+    MASTER_IPC_CALL = 6,
+};
+
+// One item of a message: an int32, a C string or an object. A value in its
+// universal form is two C strings: its class name, then the Msg's text.
+class Item {
+  public:
+    Item(int32_t number) : mWrite([=](Parcel& p) { p.writeInt32(number); }) {}
+    Item(const char* text) : Item(std::string(text)) {}
+    Item(const std::string& text) : mWrite([=](Parcel& p) { p.writeCString(text.c_str()); }) {}
+    template <typename T>
+    Item(const sp<T>& object) : mWrite([=](Parcel& p) { p.writeStrongBinder(object); }) {}
+    void writeTo(Parcel& parcel) const { mWrite(parcel); }
+
+  private:
+    std::function<void(Parcel&)> mWrite;
+};
+using Message = std::vector<Item>;
+
+Bytes bytesOf(const Parcel& parcel) {
+    return Bytes(parcel.data(), parcel.data() + parcel.dataSize());
+}
+
+Bytes layout(const Message& message) {
+    Parcel parcel;
+    for (const Item& item : message) item.writeTo(parcel);
+    return bytesOf(parcel);
+}
+
+// A result holding a Msg.
+Message result(const std::string& text) {
+    return {1, "Msg", text};
+}
+
+struct Answer {
+    status_t status;
+    Bytes bytes;
+};
+
+Answer ask(const sp<IBinder>& binder, uint32_t code, const Message& request) {
+    Parcel data;
+    Parcel reply;
+    for (const Item& item : request) item.writeTo(data);
+    const status_t status = binder->transact(code, data, &reply);
+    return {status, bytesOf(reply)};
+}
+
+// A GET_SUB_SERVICE for `name` that waits up to `timeoutMs`, on a thread of
+// its own: the reply's bytes and how long it took.
+std::future<std::pair<Bytes, std::chrono::milliseconds>> waitFor(const sp<IBinder>& carrier,
+                                                                 const char* name,
+                                                                 int32_t timeoutMs) {
+    return std::async(std::launch::async, [=] {
+        const auto start = std::chrono::steady_clock::now();
+        Bytes bytes = ask(carrier, GET_SUB_SERVICE, {name, timeoutMs}).bytes;
+        return std::make_pair(bytes, std::chrono::duration_cast<std::chrono::milliseconds>(
+                                         std::chrono::steady_clock::now() - start));
+    });
+}
+
+void expectAnswer(const sp<IBinder>& binder, uint32_t code, const Message& request,
+                  const Message& expected) {
+    const Answer answer = ask(binder, code, request);
+    EXPECT_EQ(answer.status, android::NO_ERROR) << "code " << code;
+    EXPECT_EQ(answer.bytes, layout(expected)) << "code " << code;
+}
+
+// A notifier or sub-service object of this process: keeps what it receives
+// and answers synchronous requests with a fixed result.
+class RawObject : public android::BBinder {
+  public:
+    struct Received {
+        uint32_t code;
+        uint32_t flags;
+        Bytes bytes;
+    };
+
+    std::vector<Received> received() {
+        std::lock_guard<std::mutex> hold(mLock);
+        return mReceived;
+    }
+
+  protected:
+    status_t onTransact(uint32_t code, const Parcel& data, Parcel* reply, uint32_t flags) override {
+        {
+            std::lock_guard<std::mutex> hold(mLock);
+            mReceived.push_back({code, flags, bytesOf(data)});
+        }
+        if ((flags & FLAG_ONEWAY) == 0 && reply != nullptr) {
+            for (const Item& item : result("raw answer")) item.writeTo(*reply);
+        }
+        return android::NO_ERROR;
+    }
+
+  private:
+    std::mutex mLock;
+    std::vector<Received> mReceived;
+};
+
+sp<IBinder> lookUp(const std::string& name) {
+    return android::defaultServiceManager()->getService(android::String16(name.c_str()));
+}
+
+// A call from this process as client (tag 5, objID 3) with a value.
+Message callWith(const char* text, const char* className = "Msg") {
+    return {getpid(), 5, 3, className, text};
+}
+
+class Wire : public testing::Test {
+  protected:
+    void SetUp() override {
+        android::ProcessState::self()->startThreadPool();
+        mName = uniqueName("svc");
+        mService.reset(new tvtest::ChildProcess("service", {mName}));
+        mCarrier = lookUp(mName);
+        ASSERT_NE(mCarrier, nullptr);
+    }
+
+    std::string mName;
+    std::unique_ptr<tvtest::ChildProcess> mService;
+    sp<IBinder> mCarrier;
+};
+
+TEST_F(Wire, ServiceAndSubServiceCodesAnswerExactlyAndNotificationsHaveTheirLayout) {
+    sp<RawObject> notifier = new RawObject();
+    expectAnswer(mCarrier, ADD_NOTIFIER, {notifier}, {0});
+    expectAnswer(mCarrier, ADD_NOTIFIER, {}, {-1});
+
+    // From inside the call the service notifies one-way, then asks.
+    expectAnswer(mCarrier, IPC_CALL, callWith("notify"), result("answer raw answer"));
+    ASSERT_TRUE(tvproc::waitUntil([&] { return notifier->received().size() == 2; }, 20s));
+    for (const RawObject::Received& notification : notifier->received()) {
+        const bool oneWay = (notification.flags & IBinder::FLAG_ONEWAY) != 0;
+        EXPECT_EQ(notification.code, 0u);
+        EXPECT_EQ(notification.bytes,
+                  layout({getpid(), 5, 3, oneWay ? 0 : 1, "Msg", oneWay ? "note" : "ask"}));
+    }
+    expectAnswer(mCarrier, IPC_CALL, callWith("nothing"), {0});
+    expectAnswer(mCarrier, IPC_CALL, callWith("x", "Stranger"), {});
+    expectAnswer(mCarrier, IPC_CALL, {}, {});
+    expectAnswer(mCarrier, REMOVE_NOTIFIER, {}, {0});
+    expectAnswer(mCarrier, REMOVE_NOTIFIER, {}, {0});
+    // Unknown codes get the platform's default handling.
+    EXPECT_EQ(ask(mCarrier, 6, {}).status, android::UNKNOWN_TRANSACTION);
+    EXPECT_EQ(ask(mCarrier, IBinder::INTERFACE_TRANSACTION, {}).status, android::NO_ERROR);
+
+    // A sub-service's carrier answers its own codes and no others.
+    const std::string subName = uniqueName("sub");
+    tvtest::ChildProcess subService("subservice", {subName, mName});
+    ASSERT_TRUE(awaitLine(subService, "published 0"));
+    sp<IBinder> carrier = tavrin_cli::ContextInspector::subService(mCarrier, subName);
+    ASSERT_NE(carrier, nullptr);
+
+    expectAnswer(carrier, ADD_NOTIFIER, {notifier}, {0});
+    expectAnswer(carrier, ADD_NOTIFIER, {}, {-1});
+    expectAnswer(carrier, IPC_CALL, callWith("whoami"),
+                 result("sub " + std::to_string(getpid()) + " 5 3"));
+    expectAnswer(carrier, IPC_CALL, callWith("notify"), result("answer raw answer"));
+    expectAnswer(carrier, IPC_CALL, callWith("x", "Stranger"), {});
+    expectAnswer(carrier, MASTER_IPC_CALL, {"Msg", "m"}, result("sub got m"));
+    expectAnswer(carrier, MASTER_IPC_CALL, {}, {});
+    for (uint32_t code :
+         {REMOVE_NOTIFIER, GET_SUB_SERVICE, SUB_SERVICE_IPC_CALL, REGISTER_SUB_SERVICE}) {
+        EXPECT_EQ(ask(carrier, code, {}).status, android::UNKNOWN_TRANSACTION);
+    }
+}
+
+TEST_F(Wire, SubServiceRegistryAnswersExactlyWakesItsWaitersAndKeepsServingBesideThem) {
+    sp<RawObject> sub = new RawObject();
+    expectAnswer(mCarrier, REGISTER_SUB_SERVICE, {}, {});
+    expectAnswer(mCarrier, REGISTER_SUB_SERVICE, {"deny-a", sub}, {-1});
+    expectAnswer(mCarrier, REGISTER_SUB_SERVICE, {"b"}, {-1});
+    expectAnswer(mCarrier, REGISTER_SUB_SERVICE, {"noproto-c", sub}, {});
+    expectAnswer(mCarrier, REGISTER_SUB_SERVICE, {"noconf-d", sub}, {0, 0});
+    expectAnswer(mCarrier, REGISTER_SUB_SERVICE, {"e", sub}, {0, 1, "Msg", "config for e"});
+    // A live sub-service keeps its name.
+    expectAnswer(mCarrier, REGISTER_SUB_SERVICE, {"e", sub}, {-1});
+    EXPECT_TRUE(awaitLine(*mService, "registered e"));
+
+    expectAnswer(mCarrier, GET_SUB_SERVICE, {}, {});
+    expectAnswer(mCarrier, GET_SUB_SERVICE, {"f", 0}, {-1});
+    expectAnswer(mCarrier, GET_SUB_SERVICE, {"f", -1}, {-1});
+    expectAnswer(mCarrier, GET_SUB_SERVICE, {"e", -1}, {0, sub});
+    expectAnswer(mCarrier, SUB_SERVICE_IPC_CALL, {}, {});
+    expectAnswer(mCarrier, SUB_SERVICE_IPC_CALL, {"f"}, {0});
+    expectAnswer(mCarrier, SUB_SERVICE_IPC_CALL, {"e", "Msg", "x"}, result("master got x from e"));
+    expectAnswer(mCarrier, SUB_SERVICE_IPC_CALL, {"e", "Stranger", "x"}, {0});
+
+    // Two waiters for one name are both answered by its registration, long
+    // before their time-out; a registration of another name wakes them too.
+    auto first = waitFor(mCarrier, "late", 20000);
+    auto second = waitFor(mCarrier, "late", 20000);
+    ASSERT_TRUE(tvproc::waitUntil([&] { return waitingIn(mName) == 2; }, 20s));
+    expectAnswer(mCarrier, REGISTER_SUB_SERVICE, {"noconf-early", sub}, {0, 0});
+    expectAnswer(mCarrier, REGISTER_SUB_SERVICE, {"late", sub}, {0, 1, "Msg", "config for late"});
+    for (auto* pending : {&first, &second}) {
+        auto [bytes, waited] = pending->get();
+        EXPECT_EQ(bytes, layout({0, sub}));
+        EXPECT_LT(waited, std::chrono::seconds(10));
+    }
+
+    // Waiters for sub-services leave every service of the process serving.
+    const std::vector<std::string> names{mName + ".1", mName + ".2", mName + ".3"};
+    tvtest::ChildProcess services("service", names);
+    ASSERT_TRUE(awaitLine(services, "second 0"));
+    ASSERT_TRUE(awaitLine(services, "second 0"));
+    std::vector<sp<IBinder>> carriers;
+    for (const std::string& name : names) carriers.push_back(lookUp(name));
+
+    // More waiters than the pool has threads, from this one process.
+    constexpr std::chrono::milliseconds kTimeout = 2s;
+    std::vector<std::future<std::pair<Bytes, std::chrono::milliseconds>>> waiters;
+    for (int i = 0; i < 21; ++i) {
+        waiters.push_back(
+            waitFor(carriers[i % 3], "never", static_cast<int32_t>(kTimeout.count())));
+    }
+    // Each waits, or was refused.
+    ASSERT_TRUE(tvproc::waitUntil(
+        [&] {
+            int settled = 0;
+            for (const std::string& name : names) settled += waitingIn(name);
+            for (auto& waiter : waiters)
+                settled += waiter.wait_for(0s) == std::future_status::ready;
+            return settled == static_cast<int>(waiters.size());
+        },
+        20s));
+    // Every service answers at once, and another process still gets a waiter.
+    for (const sp<IBinder>& carrier : carriers) {
+        const auto start = std::chrono::steady_clock::now();
+        expectAnswer(carrier, IPC_CALL, callWith("say hi"), result("echo hi"));
+        EXPECT_LT(std::chrono::steady_clock::now() - start, 1s);
+    }
+    // Parked, it fails only at its time-out.
+    const auto otherStart = std::chrono::steady_clock::now();
+    tvtest::ChildProcess other("client", {mName + ".1", "late", "1500"});
+    EXPECT_TRUE(awaitLine(other, "unbound"));
+    EXPECT_GE(std::chrono::steady_clock::now() - otherStart, 1500ms);
+    int refused = 0;
+    for (auto& waiter : waiters) {
+        auto [bytes, waited] = waiter.get();
+        EXPECT_EQ(bytes, layout({-1}));
+        EXPECT_LT(waited, kTimeout + 1s);
+        refused += waited < kTimeout;
+    }
+    EXPECT_GT(refused, 0);
+    EXPECT_TRUE(
+        awaitLine(services, "log get sub service failed!:too many waiters,sub service[never]"));
+}
 
 using tavrin::IClient;
 using tavrin::tv_sp;
@@ -31,7 +307,7 @@ int objIDOf(const std::string& clientInfo) {
     return objID;
 }
 
-TEST(ServiceCalls, ConcurrentBindsShareOneProxyAndCallsCarryTheirClientInfo) {
+TEST(ServiceCalls, ConcurrentBindsShareOneProxyCallsCarryTheirClientInfoNotificationsTheirHandle) {
     LogCapture log;
     const std::string name = uniqueName("svc");
     tvtest::ChildProcess service("service", {name, name + ".second"});
@@ -71,46 +347,39 @@ TEST(ServiceCalls, ConcurrentBindsShareOneProxyAndCallsCarryTheirClientInfo) {
     EXPECT_EQ(call(clients[0], "nothing"), "null");
     EXPECT_EQ(call(clients[0], "say hi"), "echo hi");
 
-    tv_sp<IClient> second = bindService(name + ".second", 5);
-    ASSERT_TRUE(second);
-    EXPECT_EQ(call(second, "whoami"), clientInfoText(5, 1));
-}
+    tv_sp<IClient> other = bindService(name + ".second", 5);
+    ASSERT_TRUE(other);
+    EXPECT_EQ(call(other, "whoami"), clientInfoText(5, 1));
 
-TEST(ServiceNotifications, ReachExactlyTheAddressedHandleAlsoInsideItsCall) {
-    const std::string name = uniqueName("svc");
-    tvtest::ChildProcess service("service", {name});
-    tv_sp<IClient> first = bindService(name, 1);
-    tv_sp<IClient> second = bindService(name, 2);
-    tv_sp<IClient> silent = bindService(name, 3);
-    ASSERT_TRUE(first && second && silent);
+    // Notifications reach exactly the addressed handle. The service asks
+    // while this thread waits in the call: the question is answered on this
+    // very thread, no pool thread needed.
+    tv_sp<IClient>&first = clients[0], &second = clients[1], &silent = clients[2];
     auto* firstSink = new RecordingNotifier("first");
     auto* secondSink = new RecordingNotifier("second");
     tv_sp<tavrin::IClientNotifier> firstNotifier(firstSink), secondNotifier(secondSink);
     first->setNotifier(firstNotifier);
     second->setNotifier(secondNotifier);
-
-    // The service asks while this thread waits in the call: the question is
-    // answered on this very thread, no pool thread needed.
     EXPECT_EQ(call(first, "notify"), "answer from first");
     EXPECT_EQ(firstSink->answeringThread(), std::this_thread::get_id());
     ASSERT_TRUE(tvproc::waitUntil([&] { return firstSink->received().size() == 2; }, 20s));
     EXPECT_EQ(firstSink->received(), (std::multiset<std::string>{"note note", "question ask"}));
     EXPECT_TRUE(secondSink->received().empty());
-
-    LogCapture log;
     EXPECT_EQ(call(silent, "notify"), "answer null");
     EXPECT_THAT(log.lines(), Contains(LogLine{ANDROID_LOG_WARN, "[Tavrin][ClientShadow]",
                                               "notify was not processed!!!:notifier not "
                                               "set,notify[Msg]"}));
     // A dropped handle is no longer addressable.
     second = tv_sp<IClient>();
-    EXPECT_EQ(call(first, "notifyex 2 2"), "answer null");
+    EXPECT_EQ(call(first, "notifyex 101 " + std::to_string(objIDOf(seen[1]))), "answer null");
     EXPECT_THAT(log.lines(), Contains(LogLine{ANDROID_LOG_WARN, "[Tavrin][ClientsManager]",
-                                              "send notify fail,notifier invaild,objID[2]"}));
+                                              "send notify fail,notifier invaild,objID[" +
+                                                  std::to_string(objIDOf(seen[1])) + "]"}));
     // A replaced notifier is the one asked from then on.
     tv_sp<tavrin::IClientNotifier> replacement(new RecordingNotifier("replacement"));
     first->setNotifier(replacement);
-    EXPECT_EQ(call(first, "notifyex 1 1"), "answer from replacement");
+    EXPECT_EQ(call(first, "notifyex 100 " + std::to_string(objIDOf(seen[0]))),
+              "answer from replacement");
 }
 
 bool isFree(const std::string& name) {
@@ -261,6 +530,155 @@ TEST(ServiceFailures, AreReportedAndLeaveNothingBroken) {
     EXPECT_TRUE(awaitLine(copy, "released"));
     EXPECT_NE(processNameOf(copy.pid()), "AnnBdSrv");
     EXPECT_EQ(call(client, "whoami"), clientInfoText(1, 1));
+}
+
+class SubServices : public testing::Test {
+  protected:
+    void SetUp() override {
+        mMasterName = uniqueName("master");
+        mSubName = uniqueName("sub");
+        mMaster.reset(new tvtest::ChildProcess("service", {mMasterName}));
+    }
+
+    // Starts the sub-service `name` and waits until the master has recorded it.
+    std::unique_ptr<tvtest::ChildProcess> startSub(const std::string& name) {
+        std::unique_ptr<tvtest::ChildProcess> sub(
+            new tvtest::ChildProcess("subservice", {name, mMasterName}));
+        EXPECT_TRUE(awaitLine(*sub, "published 0"));
+        EXPECT_TRUE(awaitLine(*mMaster, "registered " + name));
+        return sub;
+    }
+
+    std::string mMasterName;
+    std::string mSubName;
+    std::unique_ptr<tvtest::ChildProcess> mMaster;
+};
+
+TEST_F(SubServices, RegisterWithTheMasterAndTalkToClientsAndMasterBothWays) {
+    tv_sp<IClient> serviceClient = bindService(mMasterName, 1);
+    ASSERT_TRUE(serviceClient);
+    // This bind waits in the master until the sub-service registers.
+    auto waiting = std::async(std::launch::async,
+                              [&] { return bindSubService(mSubName, mMasterName, 20000, 2); });
+    ASSERT_TRUE(tvproc::waitUntil([&] { return waitingIn(mMasterName) == 1; }, 20s));
+    const std::string ignored = mSubName + ".second";
+    tvtest::ChildProcess sub("subservice", {mSubName, mMasterName, ignored});
+    EXPECT_TRUE(awaitLine(sub, "config config for " + mSubName));
+    // The process carries one sub-service: a second publish, made from
+    // inside the configuration, changes nothing.
+    EXPECT_TRUE(awaitLine(sub, "log sub service already active,[" + mSubName + "]"));
+    EXPECT_TRUE(awaitLine(sub, "published 0"));
+    EXPECT_TRUE(awaitLine(sub, "published 0"));
+    EXPECT_TRUE(awaitLine(*mMaster, "registered " + mSubName));
+    tv_sp<IClient> subClient = waiting.get();
+    ASSERT_TRUE(subClient);
+    EXPECT_EQ(processNameOf(sub.pid()), "AnnBdPb");
+    EXPECT_FALSE(awaitLine(*mMaster, "registered " + ignored, 300ms));
+
+    // Clients of a master and of its sub-services share one sequence of objIDs.
+    EXPECT_EQ(call(subClient, "whoami"), "sub " + clientInfoText(2, 2));
+    auto* sink = new RecordingNotifier("client");
+    tv_sp<tavrin::IClientNotifier> notifier(sink);
+    subClient->setNotifier(notifier);
+    EXPECT_EQ(call(subClient, "notify"), "answer from client");
+    EXPECT_TRUE(tvproc::waitUntil([&] { return sink->received().count("note note") == 1; }, 20s));
+    EXPECT_EQ(call(subClient, "master hello"), "master got hello from " + mSubName);
+    EXPECT_EQ(call(serviceClient, "sub " + mSubName + " hi"), "sub got hi");
+
+    // A sub-service under a live name is refused; one the master denies or
+    // has no Protocol for behaves as the master says.
+    tvtest::ChildProcess duplicate("subservice", {mSubName, mMasterName});
+    EXPECT_TRUE(awaitLine(duplicate, "log registered fail sub_service[" + mSubName + "] service[" +
+                                         mMasterName + "]"));
+    EXPECT_TRUE(awaitLine(duplicate, "published -1"));
+    tvtest::ChildProcess denied("subservice", {"deny-" + mSubName, mMasterName});
+    EXPECT_TRUE(awaitLine(denied, "published -1"));
+    EXPECT_NE(processNameOf(denied.pid()), "AnnBdPb");
+    tvtest::ChildProcess unprotocoled("subservice", {"noproto-" + mSubName, mMasterName});
+    EXPECT_TRUE(awaitLine(unprotocoled, "log master servcie is not configured!!!"));
+    EXPECT_TRUE(awaitLine(unprotocoled, "published 0"));
+    EXPECT_FALSE(bindSubService("noproto-" + mSubName, mMasterName, 0, 3));
+    EXPECT_EQ(call(subClient, "whoami"), "sub " + clientInfoText(2, 2));
+}
+
+TEST_F(SubServices, DeathsReachEverySideARestartedSubServiceServesNewBindsAndNoneWithoutMaster) {
+    std::unique_ptr<tvtest::ChildProcess> sub = startSub(mSubName);
+    LogCapture log;
+    tv_sp<IClient> before = bindSubService(mSubName, mMasterName, 0, 1);
+    ASSERT_TRUE(before);
+    EXPECT_EQ(call(before, "whoami"), "sub " + clientInfoText(1, 1));
+
+    sub->kill(SIGKILL);
+    sub->wait();
+    EXPECT_TRUE(awaitLine(*mMaster, "removed " + mSubName + " null"));
+    EXPECT_FALSE(awaitLine(*mMaster, "removed " + mSubName + " null", 300ms));
+    EXPECT_TRUE(log.await({ANDROID_LOG_WARN, "[Tavrin][ServiceProxy]",
+                           "sub service removed,service name[" + mSubName + "]"}));
+    EXPECT_EQ(call(before, "whoami"), "null");
+    EXPECT_THAT(log.lines(), Contains(LogLine{ANDROID_LOG_ERROR, "[Tavrin][ServiceProxy]",
+                                              "ipc call fail,sub service proxy is null!!!,sub "
+                                              "service[" +
+                                                  mSubName + "]"}));
+    EXPECT_FALSE(bindSubService(mSubName, mMasterName, 0, 1));
+
+    sub = startSub(mSubName);
+    tv_sp<IClient> after = bindSubService(mSubName, mMasterName, 0, 1);
+    ASSERT_TRUE(after);
+    EXPECT_EQ(call(after, "whoami"), "sub " + clientInfoText(1, 2));
+    EXPECT_EQ(call(before, "whoami"), "null");
+    EXPECT_THAT(log.lines(),
+                Contains(LogLine{ANDROID_LOG_ERROR, "[Tavrin][ServiceProxy]",
+                                 "ipc call fail,session error!!!,sub service[" + mSubName + "]"}));
+
+    // A sub-service does not outlive its master.
+    mMaster->kill(SIGKILL);
+    EXPECT_TRUE(awaitLine(*sub, "log controoler died!!!,sub service[" + mSubName + "]"));
+    const int status = sub->wait(20s);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == EXIT_FAILURE) << status;
+    // Without a running master a publish fails and starts nothing.
+    tvtest::ChildProcess orphan("subservice", {mSubName, "absent"},
+                                {"TAVRIN_GETSERVICE_TIMEOUT_MS=200"});
+    EXPECT_TRUE(awaitLine(orphan, "log ServiceManager have no service named [absent]"));
+    EXPECT_TRUE(awaitLine(orphan, "published -1"));
+    EXPECT_NE(processNameOf(orphan.pid()), "AnnBdPb");
+}
+
+TEST_F(SubServices, DeathsWhileTheMasterRegistersOrRemovesAreAnnouncedInOrderOrNotAtAll) {
+    tv_sp<IClient> serviceClient = bindService(mMasterName, 1);
+    ASSERT_TRUE(serviceClient);
+    // Killed while the master makes its configuration: never announced.
+    const std::string unconfigured = uniqueName("holdconf");
+    tvtest::ChildProcess first("subservice", {unconfigured, mMasterName});
+    ASSERT_TRUE(awaitLine(*mMaster, "configuring " + unconfigured));
+    killSeenBy(first, mMaster->pid());
+    mMaster->writeLine("go");
+    // Killed while the master is told of it: told of its removal afterwards,
+    // through a handle that still answers.
+    const std::string announced = uniqueName("holdreg");
+    tvtest::ChildProcess second("subservice", {announced, mMasterName});
+    ASSERT_TRUE(awaitLine(*mMaster, "registering " + announced));
+    killSeenBy(second, mMaster->pid());
+    mMaster->writeLine("go");
+    EXPECT_EQ(linesUntil(*mMaster, "removed " + announced + " null"),
+              std::vector<std::string>{"registered " + announced});
+    EXPECT_EQ(call(serviceClient, "sub " + announced + " hi"), "unregistered");
+    EXPECT_EQ(call(serviceClient, "sub " + unconfigured + " hi"), "unregistered");
+
+    // A held removal holds up nothing but itself.
+    const std::string held = uniqueName("holdbye");
+    std::unique_ptr<tvtest::ChildProcess> heldSub = startSub(held);
+    std::unique_ptr<tvtest::ChildProcess> other = startSub(mSubName);
+    heldSub->kill(SIGKILL);
+    ASSERT_TRUE(awaitLine(*mMaster, "removing " + held));
+    // While that removal waits, another death is told, and the restarted
+    // sub-service registers; it is announced after the removal.
+    other->kill(SIGKILL);
+    EXPECT_TRUE(linesUntil(*mMaster, "removed " + mSubName + " null").empty());
+    tvtest::ChildProcess restarted("subservice", {held, mMasterName});
+    EXPECT_TRUE(awaitLine(restarted, "published 0"));
+    mMaster->writeLine("go");
+    EXPECT_EQ(linesUntil(*mMaster, "registered " + held),
+              std::vector<std::string>{"removed " + held + " null"});
 }
 
 }  // namespace

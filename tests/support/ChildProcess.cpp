@@ -86,16 +86,6 @@ bool Channel::readable(std::chrono::milliseconds timeout) const {
     return !mPending.empty() || poll(&waiter, 1, static_cast<int>(timeout.count())) != 0;
 }
 
-Channel& Channel::operator=(Channel&& other) noexcept {
-    if (this != &other) {
-        close();
-        mFd = other.mFd;
-        mPending = std::move(other.mPending);
-        other.mFd = -1;
-    }
-    return *this;
-}
-
 void Channel::close() {
     if (mFd >= 0) ::close(mFd);
     mFd = -1;

@@ -7,6 +7,7 @@
 #include <functional>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 // Child processes of the tests and the benchmark, and the channel to them.
@@ -19,10 +20,13 @@ class Channel {
   public:
     explicit Channel(int fd = -1) : mFd(fd) {}
     ~Channel() { close(); }
-    Channel(Channel&& other) noexcept : mFd(other.mFd), mPending(std::move(other.mPending)) {
-        other.mFd = -1;
+    Channel(Channel&& other) noexcept { *this = std::move(other); }
+    // Takes over `other`'s descriptor; this one's is closed when `other` goes.
+    Channel& operator=(Channel&& other) noexcept {
+        std::swap(mFd, other.mFd);
+        mPending.swap(other.mPending);
+        return *this;
     }
-    Channel& operator=(Channel&& other) noexcept;
 
     bool send(const std::string& line) const;
     // The next line, or "" after `timeout` or once the other end has closed.
@@ -36,7 +40,7 @@ class Channel {
     void close();
 
   private:
-    int mFd;
+    int mFd = -1;
     std::string mPending;
 };
 

@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <fstream>
 #include <limits>
 #include <sstream>
@@ -95,6 +96,11 @@ bool readSomeWithin(int fd, std::string* pending, std::chrono::milliseconds time
     return true;
 }
 
+std::string uniqueName(const std::string& base) {
+    static std::atomic<int> counter{0};
+    return base + "-" + std::to_string(getpid()) + "-" + std::to_string(++counter);
+}
+
 std::string besideThisProgram(const std::string& name) {
     char self[4096];
     const ssize_t length = readlink("/proc/self/exe", self, sizeof self - 1);
@@ -138,16 +144,13 @@ std::chrono::milliseconds cpuTime(pid_t pid) {
     std::string line;
     std::getline(stat, line);
     // The name in parentheses may hold spaces; the fields after it do not.
-    const size_t nameEnd = line.rfind(')');
-    if (nameEnd == std::string::npos) return std::chrono::milliseconds(0);
-    std::istringstream fields(line.substr(nameEnd + 1));
-    std::string field;
-    unsigned long long ticks = 0;
     // utime and stime are the 12th and 13th fields after the name.
-    for (int i = 1; i <= 13 && fields >> field; ++i) {
-        if (i >= 12) ticks += std::stoull(field);
-    }
-    return std::chrono::milliseconds(ticks * 1000 /
+    std::istringstream fields(line.substr(std::min(line.rfind(')') + 1, line.size())));
+    std::string skipped;
+    for (int i = 1; i <= 11; ++i) fields >> skipped;
+    unsigned long long user = 0, system = 0;
+    fields >> user >> system;
+    return std::chrono::milliseconds((user + system) * 1000 /
                                      static_cast<unsigned long long>(sysconf(_SC_CLK_TCK)));
 }
 

@@ -14,7 +14,8 @@
 namespace tvproc {
 
 // Polls `condition` until it holds or `timeout` passes.
-bool waitUntil(const std::function<bool()>& condition, std::chrono::milliseconds timeout);
+bool waitUntil(const std::function<bool()>& condition,
+               std::chrono::milliseconds timeout = std::chrono::seconds(20));
 
 // The exit status of `pid` (as from waitpid), or -1 if it is still running
 // after `timeout`.
@@ -26,6 +27,9 @@ bool writeFully(int fd, const void* data, size_t size);
 bool readFully(int fd, void* data, size_t size);
 // Appends what one read brings to `pending`; false on timeout, end of file or error.
 bool readSomeWithin(int fd, std::string* pending, std::chrono::milliseconds timeout);
+
+// `base` made unique to this process and this call, for names of objects.
+std::string uniqueName(const std::string& base);
 
 // The path of `name` in the directory of the running program.
 std::string besideThisProgram(const std::string& name);

@@ -69,11 +69,6 @@ void RawConnection::hello(uint64_t endpoint, uint32_t flags) {
     sendFrame(header);
 }
 
-bool RawConnection::closedByPeer(std::chrono::milliseconds timeout) {
-    FrameHeader ignored;
-    return receive(&ignored, timeout) == 0;
-}
-
 bool RawConnection::endsWithin(std::chrono::milliseconds timeout) {
     const auto deadline = std::chrono::steady_clock::now() + timeout;
     FrameHeader ignored;

@@ -24,6 +24,11 @@ using android::tvbinder::FrameKind;
 class RawConnection {
   public:
     explicit RawConnection(uint64_t endpoint);
+    // Speaks on `fd`, one end of a socket pair, which it then owns.
+    struct Adopt {
+        int fd;
+    };
+    explicit RawConnection(Adopt socket) : connected(true), mFd(socket.fd) {}
     ~RawConnection();
     RawConnection(const RawConnection&) = delete;
     RawConnection& operator=(const RawConnection&) = delete;
@@ -34,7 +39,10 @@ class RawConnection {
     void sendFrame(FrameHeader header, const Bytes& body = {}, const std::vector<int>& fds = {});
     void hello(uint64_t endpoint, uint32_t flags = 0);
     // True when the peer closed the connection (within a generous bound).
-    bool closedByPeer(std::chrono::milliseconds timeout = std::chrono::seconds(20));
+    bool closedByPeer(std::chrono::milliseconds timeout = std::chrono::seconds(20)) {
+        FrameHeader ignored;
+        return receive(&ignored, timeout) == 0;
+    }
     // True when the peer closed the connection within `timeout`, whatever it sent before.
     bool endsWithin(std::chrono::milliseconds timeout);
     // The size of the next frame (its header in *header), 0 at end, -1 on timeout.
