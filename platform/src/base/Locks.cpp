@@ -25,6 +25,7 @@ const char* lockRankName(LockRank rank) {
     static const char* const kNames[] = {
         "ProcessState", "ContextManager",  "Peer",         "PeerTable",
         "OutgoingLink", "CallConnections", "accepted",     "Acceptor",
+        "channel send", "channel receive",
         "ExportTable",  "ProxyTable",      "PeerAccounts", "pool threads",
         "pool tasks",   "one-ways",        "stall guard",  "ChainRegistry",
         "ChainMailbox", "SocketDirectory", "descriptors",

@@ -107,15 +107,17 @@ status_t Caller::receiveReply(const Session& session, Parcel* reply, ChainMailbo
     // blocking receive is all a call costs.
     bool watchMailbox = false;
     for (;;) {
-        if (watchMailbox) {
-            pollfd waiters[2] = {{connection.readableFd(), POLLIN, 0}, {mailbox.fd(), POLLIN, 0}};
-            if (poll(waiters, 2, -1) < 0) continue;  // EINTR
-            if ((waiters[1].revents & POLLIN) != 0) serveHandedCalls(mailbox);
-            if (waiters[0].revents == 0) continue;
-        }
         Frame frame;
         status_t status = connection.receive(&frame, !watchMailbox);
-        if (status == WOULD_BLOCK) continue;
+        if (status == WOULD_BLOCK) {
+            // Only after a receive found nothing does the connection's
+            // descriptor tell the next frame (shared memory wakes it then).
+            pollfd waiters[2] = {{connection.readableFd(), POLLIN, 0}, {mailbox.fd(), POLLIN, 0}};
+            if (poll(waiters, 2, -1) > 0 && (waiters[1].revents & POLLIN) != 0) {
+                serveHandedCalls(mailbox);
+            }
+            continue;
+        }
         if (status == NO_ERROR) status = frame.validate();
         if (status != NO_ERROR) {
             connection.markBroken();

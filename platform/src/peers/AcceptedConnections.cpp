@@ -3,7 +3,9 @@
 #include "peers/AcceptedConnections.h"
 
 #include <log/log.h>
+#include <sys/epoll.h>
 
+#include "threads/PoolTask.h"
 #include "threads/ThreadPool.h"
 
 namespace android {
@@ -51,6 +53,11 @@ void AcceptedConnections::rearm(const sp<AcceptedConnection>& connection) {
         return;
     }
     connection->handOff();
+    if (connection->connection().prepareToPoll()) {
+        // A frame came in shared memory that no wake-up will tell epoll of.
+        mPool.post(new WorkTask([connection] { connection->onEvent(EPOLLIN); }));
+        return;
+    }
     mPool.rearm(connection.get(), connection->connection().fd());
 }
 

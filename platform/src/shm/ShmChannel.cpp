@@ -155,6 +155,13 @@ status_t ShmChannel::tryReceive(MessageSink* sink, size_t* length) {
     return status;
 }
 
+status_t ShmChannel::waitReadable(Clock::time_point deadline) {
+    if (mReader.hasData()) return NO_ERROR;
+    if (mShutdown.load(std::memory_order_acquire)) return DEAD_OBJECT;
+    auto ready = [this] { return mReader.hasData(); };
+    return waitFor(mReader.consumerWord(), mReader.consumerCpu(), ready, deadline);
+}
+
 bool ShmChannel::armPolling() {
     // The same order as a futex sleep: state first, then the re-check.
     mReader.consumerWord()->store(kPolling, std::memory_order_seq_cst);

@@ -61,6 +61,9 @@ class ShmChannel {
 
     // The region's memfd, for the creator to send to the peer at set-up.
     int regionFd() const { return mRegion->fd(); }
+    // Closes the region's memfd once sent (creator) or right after adopt():
+    // the mapping stays. Before the channel is shared between threads.
+    void closeRegionFd() { mRegion->closeFd(); }
     size_t ringBytes() const { return mRegion->ringBytes(); }
 
     // Sends one message made of `parts`. Waits for room until `deadline`; a
@@ -74,6 +77,11 @@ class ShmChannel {
     status_t receive(MessageSink* sink, size_t* length, Clock::time_point deadline);
     // receive() without waiting: WOULD_BLOCK when no whole message is there.
     status_t tryReceive(MessageSink* sink, size_t* length);
+    // Waits until published bytes wait to be read, without reading them:
+    // NO_ERROR, TIMED_OUT, or DEAD_OBJECT after shutdown.
+    status_t waitReadable(Clock::time_point deadline);
+    // Whether published bytes wait to be read (unchecked: a hint).
+    bool hasData() const { return mReader.hasData(); }
 
     // For a pool that waits in epoll: what the sender calls when it finds the
     // receiver polling (for example a kick on the connection's socket, sent
