@@ -106,6 +106,19 @@ std::optional<double> roundTripMicros(bool pinned, int iterations) {
     return static_cast<double>(*medianNanos) / 1000.0;
 }
 
+std::optional<double> pacedCpuMicros(bool pinned, int roundTrips) {
+    SocketPair pair;
+    if (!pair.valid()) return std::nullopt;
+    auto echo = startEcho(pair, pinned);
+    ChildProcess caller([&](Channel& channel) {
+        close(pair.ends[1]);
+        if (pinned) pinToFirstCpu();
+        auto once = [&] { return roundTrip(pair.ends[0]); };
+        return runPacedWhenTold(channel, roundTrips, once) ? 0 : 1;
+    });
+    return pacedCpuMicrosPerOperation(caller, echo->pid(), roundTrips);
+}
+
 std::optional<double> oneWayPerSecond(bool pinned, int messages) {
     SocketPair pair;
     if (!pair.valid()) return std::nullopt;
