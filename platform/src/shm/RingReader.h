@@ -35,6 +35,8 @@ class RingReader {
 
     std::atomic<uint32_t>* consumerWord() { return &mControl->consumer; }
     std::atomic<uint32_t>* consumerCpu() { return &mControl->consumerCpu; }
+    // Tells the producer that nothing more will be read.
+    void close() { mControl->closed.store(1, std::memory_order_release); }
 
   private:
     // The next record's header, checked against the published bytes.

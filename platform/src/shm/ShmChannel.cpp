@@ -52,7 +52,7 @@ ShmChannel::ShmChannel(std::unique_ptr<ShmRegion> region, int outgoing,
 ShmChannel::~ShmChannel() = default;
 
 status_t ShmChannel::send(const iovec* parts, size_t count, Clock::time_point deadline) {
-    if (mShutdown.load(std::memory_order_acquire)) return DEAD_OBJECT;
+    if (mShutdown.load(std::memory_order_acquire) || mWriter.consumerClosed()) return DEAD_OBJECT;
     if (broken()) return kPeerCorrupted;
     GatherCursor source(parts, count);
     const size_t length = source.remaining();
@@ -214,6 +214,7 @@ bool ShmChannel::spinFor(Ready ready) {
 
 void ShmChannel::shutdown() {
     mShutdown.store(true, std::memory_order_seq_cst);
+    mReader.close();
     for (std::atomic<uint32_t>* word : {mReader.consumerWord(), mWriter.producerWord()}) {
         word->store(kWoken, std::memory_order_seq_cst);
         futexWake(word, INT_MAX);

@@ -69,7 +69,8 @@ class ShmChannel {
     // Sends one message made of `parts`. Waits for room until `deadline`; a
     // message that fits the ring times out cleanly (nothing written), a longer
     // one that stalls half-way breaks the channel. TIMED_OUT, DEAD_OBJECT after
-    // shutdown, kPeerCorrupted, BAD_VALUE for an empty or oversized message.
+    // either end's shutdown, kPeerCorrupted, BAD_VALUE for an empty or
+    // oversized message.
     status_t send(const iovec* parts, size_t count, Clock::time_point deadline);
     // Receives one message into `sink` (see RingReader::read), waiting until
     // `deadline`. A message begun when the wait times out is kept; continue it
@@ -96,7 +97,8 @@ class ShmChannel {
     // idle connection; called by its sender (not while another thread sends).
     void trim();
 
-    // Wakes every thread waiting on this end; later calls fail with DEAD_OBJECT.
+    // Wakes every thread waiting on this end; later calls fail with
+    // DEAD_OBJECT, and so do the peer's sends from then on.
     void shutdown();
     bool broken() const { return mBroken.load(std::memory_order_acquire); }
 
