@@ -52,9 +52,10 @@ void AcceptedConnections::rearm(const sp<AcceptedConnection>& connection) {
         drop(connection);
         return;
     }
+    // A frame that came in shared memory meanwhile is told by no wake-up.
+    const bool framePending = connection->connection().prepareToPoll();
     connection->handOff();
-    if (connection->connection().prepareToPoll()) {
-        // A frame came in shared memory that no wake-up will tell epoll of.
+    if (framePending) {
         mPool.post(new WorkTask([connection] { connection->onEvent(EPOLLIN); }));
         return;
     }

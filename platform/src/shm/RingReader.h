@@ -3,6 +3,8 @@
 #include <stddef.h>
 #include <stdint.h>
 
+#include <atomic>
+
 #include "MessageSink.h"
 #include "RegionLayout.h"
 
@@ -51,6 +53,9 @@ class RingReader {
     const size_t mRingBytes;
     const size_t mMaxMessage;
     uint64_t mHead = 0;
+    // mHead for hasData(), which another thread of this process may call
+    // while the reader reads (a pool about to wait in epoll).
+    std::atomic<uint64_t> mConsumed{0};
     bool mCorrupted = false;
     // The message being assembled.
     uint8_t* mMessage = nullptr;
