@@ -252,7 +252,8 @@ std::optional<double> pacedCpuMicros(bool pinned, int calls) {
     const std::string name = uniqueServiceName();
     auto service = startService(name, pinned);
     if (service == nullptr) return std::nullopt;
-    ChildProcess client([=](Channel& channel) { return makePacedCalls(channel, name, calls, pinned); });
+    ChildProcess client(
+        [=](Channel& channel) { return makePacedCalls(channel, name, calls, pinned); });
     return pacedCpuMicrosPerOperation(client, service->pid(), calls);
 }
 

@@ -25,8 +25,13 @@ void Report::addLatency(const std::string& what, std::optional<double> binderMic
                         std::optional<double> floorMicros) {
     const std::string rawPattern =
         rawTimes == 1 ? "%.1f us" : std::to_string(rawTimes) + " x %.1f us";
-    Row row{what, formatOr(binderMicros, "%.1f us"), formatOr(rawMicros, rawPattern.c_str()),
-            "-",  "-", format("<= %.1fx raw", maxRatio),  "-"};
+    Row row{what,
+            formatOr(binderMicros, "%.1f us"),
+            formatOr(rawMicros, rawPattern.c_str()),
+            "-",
+            "-",
+            format("<= %.1fx raw", maxRatio),
+            "-"};
     if (binderMicros && floorMicros && *floorMicros > 0) {
         row.floor = format("%.2fx", *binderMicros / (rawTimes * *floorMicros));
     }

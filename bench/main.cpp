@@ -176,8 +176,7 @@ void measureTavrinThroughput(const BenchOptions& options, Report* report) {
     }
 }
 
-void measureTavrinSubServices(const BenchOptions& options, const Floors& floors,
-                              Report* report) {
+void measureTavrinSubServices(const BenchOptions& options, const Floors& floors, Report* report) {
     for (bool pinned : {true, false}) {
         const char* placement = placementOf(pinned);
         fprintf(stderr, "tavrin sub-service calls, %s...\n", placement);

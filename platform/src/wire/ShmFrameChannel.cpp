@@ -75,8 +75,8 @@ std::unique_ptr<ShmFrameChannel> ShmFrameChannel::create(SocketChannel& socket, 
         new ShmFrameChannel(std::move(ring), socket, fd, peerPid));
 }
 
-std::unique_ptr<ShmFrameChannel> ShmFrameChannel::adopt(int regionFd, SocketChannel& socket,
-                                                        int fd, pid_t peerPid) {
+std::unique_ptr<ShmFrameChannel> ShmFrameChannel::adopt(int regionFd, SocketChannel& socket, int fd,
+                                                        pid_t peerPid) {
     std::unique_ptr<shm::ShmChannel> ring;
     if (shm::ShmChannel::adopt(regionFd, ringOptions(), &ring) != NO_ERROR) {
         ALOGW("pid %d offered memory that is not a sealed region", peerPid);
@@ -111,8 +111,8 @@ ShmFrameChannel::~ShmFrameChannel() {
 
 status_t ShmFrameChannel::send(const OutgoingFrame& frame, int waitMs) {
     if (stale()) return DEAD_OBJECT;
-    const size_t size = sizeof(FrameHeader) + frame.header.dataSize +
-                        frame.offsets.size() * sizeof(uint32_t);
+    const size_t size =
+        sizeof(FrameHeader) + frame.header.dataSize + frame.offsets.size() * sizeof(uint32_t);
     LockGuard guard(mSendLock);
     if (!frame.fds.empty() || size > kMaxRingFrame || !frame.withinLimits()) {
         return sendOnSocket(frame, waitMs);
