@@ -10,6 +10,8 @@ struct BenchOptions {
     int deathRounds = 20;
     int manyClients = 200;
     int freshBinds = 20;
+    int pacedCalls = 1000;
+    int idleSeconds = 10;
 
     static BenchOptions quick() {
         BenchOptions options;
@@ -19,6 +21,8 @@ struct BenchOptions {
         options.deathRounds = 3;
         options.manyClients = 20;
         options.freshBinds = 3;
+        options.pacedCalls = 50;
+        options.idleSeconds = 1;
         return options;
     }
 };

@@ -1,5 +1,6 @@
 #include "BenchSupport.h"
 
+#include <dirent.h>
 #include <sched.h>
 #include <stdio.h>
 #include <string.h>
@@ -21,6 +22,29 @@ void pinToFirstCpu() {
     CPU_ZERO(&cpus);
     CPU_SET(0, &cpus);
     if (sched_setaffinity(0, sizeof cpus, &cpus) != 0) perror("sched_setaffinity");
+}
+
+int64_t ownCpuNanos() {
+    struct timespec used;
+    clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &used);
+    return static_cast<int64_t>(used.tv_sec) * 1000000000 + used.tv_nsec;
+}
+
+int64_t cpuNanosOf(pid_t pid) {
+    const std::string tasks = "/proc/" + std::to_string(pid) + "/task";
+    DIR* directory = opendir(tasks.c_str());
+    if (directory == nullptr) return 0;
+    int64_t total = 0;
+    while (const dirent* entry = readdir(directory)) {
+        if (entry->d_name[0] == '.') continue;
+        FILE* stat = fopen((tasks + "/" + entry->d_name + "/schedstat").c_str(), "re");
+        if (stat == nullptr) continue;
+        long long onCpu = 0;
+        if (fscanf(stat, "%lld", &onCpu) == 1) total += onCpu;
+        fclose(stat);
+    }
+    closedir(directory);
+    return total;
 }
 
 int64_t median(std::vector<int64_t> samples) {

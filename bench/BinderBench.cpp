@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <memory>
 #include <string>
+#include <thread>
 
 #include "BenchSupport.h"
 #include "ChildProcess.h"
@@ -105,6 +106,32 @@ int measureRoundTrips(Channel& channel, const std::string& name, int iterations,
         samples.push_back(monotonicNanos() - start);
     }
     return channel.sendValue(median(std::move(samples))) ? 0 : 1;
+}
+
+int makePacedCalls(Channel& channel, const std::string& name, int calls, bool pinned) {
+    if (pinned) pinToFirstCpu();
+    sp<IBinder> service = findService(name);
+    if (service == nullptr) return 1;
+    Parcel request;
+    writePayload(request);
+    auto once = [&] { return call(service, EchoService::ECHO, request); };
+    for (int i = 0; i < kWarmUp; ++i) {
+        if (!once()) return 1;
+    }
+    return runPacedWhenTold(channel, calls, once) ? 0 : 1;
+}
+
+// Binds and calls once, then stays idle until told, and reports the CPU it
+// used meanwhile.
+int bindAndIdle(Channel& channel, const std::string& name) {
+    sp<IBinder> service = findService(name);
+    Parcel request;
+    writePayload(request);
+    if (service == nullptr || !call(service, EchoService::ECHO, request)) return 1;
+    channel.sendValue(1);
+    const int64_t before = ownCpuNanos();
+    channel.receiveValue(kResultTimeout);
+    return channel.sendValue(ownCpuNanos() - before) ? 0 : 1;
 }
 
 // Sends `count` one-ways, waiting for the service after each batch; the
@@ -219,6 +246,30 @@ std::optional<double> roundTripMicros(bool pinned, int iterations) {
     const std::optional<int64_t> medianNanos = client.channel().receiveValue(kResultTimeout);
     if (!medianNanos) return std::nullopt;
     return static_cast<double>(*medianNanos) / 1000.0;
+}
+
+std::optional<double> pacedCpuMicros(bool pinned, int calls) {
+    const std::string name = uniqueServiceName();
+    auto service = startService(name, pinned);
+    if (service == nullptr) return std::nullopt;
+    ChildProcess client(
+        [=](Channel& channel) { return makePacedCalls(channel, name, calls, pinned); });
+    return pacedCpuMicrosPerOperation(client, service->pid(), calls);
+}
+
+std::optional<double> idlePairCpuMillis(int seconds) {
+    const std::string name = uniqueServiceName();
+    auto service = startService(name, false);
+    if (service == nullptr) return std::nullopt;
+    ChildProcess client([=](Channel& channel) { return bindAndIdle(channel, name); });
+    if (!client.channel().receiveValue(kSetupTimeout)) return std::nullopt;
+    const int64_t serviceBefore = cpuNanosOf(service->pid());
+    std::this_thread::sleep_for(std::chrono::seconds(seconds));
+    const int64_t serviceNanos = cpuNanosOf(service->pid()) - serviceBefore;
+    client.channel().sendValue(1);
+    const std::optional<int64_t> clientNanos = client.channel().receiveValue(kResultTimeout);
+    if (!clientNanos) return std::nullopt;
+    return static_cast<double>(*clientNanos + serviceNanos) / 1e6;
 }
 
 std::optional<double> oneWayPerSecond(bool pinned, int messages) {

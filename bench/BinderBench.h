@@ -15,6 +15,12 @@ namespace binder {
 
 // Median round trip of a synchronous transaction carrying 16 bytes each way.
 std::optional<double> roundTripMicros(bool pinned, int iterations);
+// CPU microseconds per call, client and service together, at one call per
+// millisecond.
+std::optional<double> pacedCpuMicros(bool pinned, int calls);
+// CPU milliseconds a bound client and its service use together while both
+// stay idle for `seconds`.
+std::optional<double> idlePairCpuMillis(int seconds);
 // One-way 16-byte transactions per second to one object.
 std::optional<double> oneWayPerSecond(bool pinned, int messages);
 // Synchronous calls per second of `clients` processes calling one service.

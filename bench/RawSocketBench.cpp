@@ -52,6 +52,16 @@ std::unique_ptr<ChildProcess> startEcho(const SocketPair& pair, bool pinned) {
     });
 }
 
+// A caller on the pair's first end, placed like its echo.
+template <typename Work>
+std::unique_ptr<ChildProcess> startCaller(const SocketPair& pair, bool pinned, Work work) {
+    return std::make_unique<ChildProcess>([&pair, pinned, work](Channel& channel) {
+        close(pair.ends[1]);
+        if (pinned) pinToFirstCpu();
+        return work(pair.ends[0], channel);
+    });
+}
+
 int measureRoundTrips(int fd, int iterations, Channel& channel) {
     for (int i = 0; i < kWarmUp; ++i) {
         if (!roundTrip(fd)) return 1;
@@ -96,14 +106,22 @@ std::optional<double> roundTripMicros(bool pinned, int iterations) {
     SocketPair pair;
     if (!pair.valid()) return std::nullopt;
     auto echo = startEcho(pair, pinned);
-    ChildProcess caller([&](Channel& channel) {
-        close(pair.ends[1]);
-        if (pinned) pinToFirstCpu();
-        return measureRoundTrips(pair.ends[0], iterations, channel);
+    auto caller = startCaller(pair, pinned, [iterations](int fd, Channel& channel) {
+        return measureRoundTrips(fd, iterations, channel);
     });
-    const std::optional<int64_t> medianNanos = caller.channel().receiveValue(kResultTimeout);
+    const std::optional<int64_t> medianNanos = caller->channel().receiveValue(kResultTimeout);
     if (!medianNanos) return std::nullopt;
     return static_cast<double>(*medianNanos) / 1000.0;
+}
+
+std::optional<double> pacedCpuMicros(bool pinned, int roundTrips) {
+    SocketPair pair;
+    if (!pair.valid()) return std::nullopt;
+    auto echo = startEcho(pair, pinned);
+    auto caller = startCaller(pair, pinned, [roundTrips](int fd, Channel& channel) {
+        return runPacedWhenTold(channel, roundTrips, [fd] { return roundTrip(fd); }) ? 0 : 1;
+    });
+    return pacedCpuMicrosPerOperation(*caller, echo->pid(), roundTrips);
 }
 
 std::optional<double> oneWayPerSecond(bool pinned, int messages) {

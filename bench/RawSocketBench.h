@@ -11,6 +11,9 @@ namespace raw {
 
 // Median round trip of one 16-byte request and its 16-byte answer.
 std::optional<double> roundTripMicros(bool pinned, int iterations);
+// CPU microseconds per round trip, both processes together, at one round
+// trip per millisecond.
+std::optional<double> pacedCpuMicros(bool pinned, int roundTrips);
 // 16-byte messages per second from one sender to one receiver.
 std::optional<double> oneWayPerSecond(bool pinned, int messages);
 // Round trips per second of `pairs` independent ping-pong pairs together.

@@ -21,11 +21,20 @@ const char* verdict(bool met) {
 }  // namespace
 
 void Report::addLatency(const std::string& what, std::optional<double> binderMicros,
-                        std::optional<double> rawMicros, double maxRatio, int rawTimes) {
+                        std::optional<double> rawMicros, double maxRatio, int rawTimes,
+                        std::optional<double> floorMicros) {
     const std::string rawPattern =
         rawTimes == 1 ? "%.1f us" : std::to_string(rawTimes) + " x %.1f us";
-    Row row{what, formatOr(binderMicros, "%.1f us"), formatOr(rawMicros, rawPattern.c_str()),
-            "-",  format("<= %.1fx raw", maxRatio),  "-"};
+    Row row{what,
+            formatOr(binderMicros, "%.1f us"),
+            formatOr(rawMicros, rawPattern.c_str()),
+            "-",
+            "-",
+            format("<= %.1fx raw", maxRatio),
+            "-"};
+    if (binderMicros && floorMicros && *floorMicros > 0) {
+        row.floor = format("%.2fx", *binderMicros / (rawTimes * *floorMicros));
+    }
     if (binderMicros && rawMicros && *rawMicros > 0) {
         const double ratio = *binderMicros / (rawTimes * *rawMicros);
         row.ratio = format("%.2fx", ratio);
@@ -40,6 +49,7 @@ void Report::addThroughput(const std::string& what, std::optional<double> binder
             binderPerSecond ? format("%.0f k/s", *binderPerSecond / 1000) : "failed",
             rawPerSecond ? format("%.0f k/s", *rawPerSecond / 1000) : "failed",
             "-",
+            "-",
             format(">= %.1fx raw", minRatio),
             "-"};
     if (binderPerSecond && rawPerSecond && *rawPerSecond > 0) {
@@ -50,23 +60,19 @@ void Report::addThroughput(const std::string& what, std::optional<double> binder
     mRows.push_back(row);
 }
 
-void Report::addDeathNotice(std::optional<double> millis, double maxMillis) {
-    Row row{"death notice after SIGKILL",
-            formatOr(millis, "%.2f ms"),
-            "-",
-            "-",
-            format("<= %.0f ms", maxMillis),
-            "-"};
+void Report::addMillisWithin(const std::string& what, std::optional<double> millis,
+                             double maxMillis) {
+    Row row{what, formatOr(millis, "%.2f ms"), "-", "-", "-", format("<= %.0f ms", maxMillis), "-"};
     if (millis) row.verdict = verdict(*millis <= maxMillis);
     mRows.push_back(row);
 }
 
 void Report::addMillis(const std::string& what, std::optional<double> millis) {
-    mRows.push_back({what, formatOr(millis, "%.2f ms"), "-", "-", "-", "-"});
+    mRows.push_back({what, formatOr(millis, "%.2f ms"), "-", "-", "-", "-", "-"});
 }
 
 void Report::addHeading(const std::string& text) {
-    mRows.push_back({text, "", "", "", "", ""});
+    mRows.push_back({text, "", "", "", "", "", ""});
 }
 
 bool Report::complete() const {
@@ -77,11 +83,12 @@ bool Report::complete() const {
 }
 
 void Report::print() const {
-    const char* layout = "%-40s %12s %12s %7s %14s  %s\n";
-    printf(layout, "measurement (medians)", "binder", "raw socket", "ratio", "target", "");
+    const char* layout = "%-44s %12s %12s %7s %9s %14s  %s\n";
+    printf(layout, "measurement (medians)", "binder", "raw socket", "ratio", "vs floor", "target",
+           "");
     for (const Row& row : mRows) {
         printf(layout, row.what.c_str(), row.binder.c_str(), row.raw.c_str(), row.ratio.c_str(),
-               row.target.c_str(), row.verdict.c_str());
+               row.floor.c_str(), row.target.c_str(), row.verdict.c_str());
     }
 }
 

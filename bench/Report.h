@@ -11,13 +11,16 @@
 class Report {
   public:
     // Lower is better: met when binder <= maxRatio * rawTimes * raw. With
-    // rawTimes above 1, binder is compared with that many raw operations.
+    // rawTimes above 1, binder is compared with that many raw operations
+    // (and floors). The floor, when given, is shown as a ratio too.
     void addLatency(const std::string& what, std::optional<double> binderMicros,
-                    std::optional<double> rawMicros, double maxRatio, int rawTimes = 1);
+                    std::optional<double> rawMicros, double maxRatio, int rawTimes = 1,
+                    std::optional<double> floorMicros = std::nullopt);
     // Higher is better: met when binder >= minRatio * raw.
     void addThroughput(const std::string& what, std::optional<double> binderPerSecond,
                        std::optional<double> rawPerSecond, double minRatio);
-    void addDeathNotice(std::optional<double> millis, double maxMillis);
+    // Met when at most `maxMillis`.
+    void addMillisWithin(const std::string& what, std::optional<double> millis, double maxMillis);
     // A figure without a baseline or a target.
     void addMillis(const std::string& what, std::optional<double> millis);
     // A line that names the block of rows below it.
@@ -35,6 +38,7 @@ class Report {
         std::string binder;
         std::string raw;
         std::string ratio;
+        std::string floor;
         std::string target;
         std::string verdict;
     };

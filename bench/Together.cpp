@@ -26,3 +26,14 @@ std::optional<double> operationsPerSecond(
     if (lastEnd <= firstStart) return std::nullopt;
     return static_cast<double>(totalOperations) * 1e9 / static_cast<double>(lastEnd - firstStart);
 }
+
+std::optional<double> pacedCpuMicrosPerOperation(tvtest::ChildProcess& client, pid_t server,
+                                                 int operations) {
+    if (!client.channel().receiveValue(kSetupTimeout)) return std::nullopt;
+    const int64_t serverBefore = cpuNanosOf(server);
+    client.channel().sendValue(1);
+    const std::optional<int64_t> clientNanos = client.channel().receiveValue(kWorkTimeout);
+    if (!clientNanos || operations <= 0) return std::nullopt;
+    const int64_t serverNanos = cpuNanosOf(server) - serverBefore;
+    return static_cast<double>(*clientNanos + serverNanos) / 1000.0 / operations;
+}

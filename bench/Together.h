@@ -1,6 +1,7 @@
 #pragma once
 
 #include <stdint.h>
+#include <time.h>
 
 #include <chrono>
 #include <memory>
@@ -27,3 +28,31 @@ bool runWhenTold(tvtest::Channel& channel, Work work) {
     const int64_t end = monotonicNanos();
     return channel.sendValue(start) && channel.sendValue(end);
 }
+
+// Paced work: one operation every millisecond, the way a client that calls
+// now and then does; what matters is the CPU each operation costs.
+
+// The client's side: reports ready, waits for the go, does `operations` one
+// per millisecond, and reports the CPU time it used meanwhile.
+template <typename Operation>
+bool runPacedWhenTold(tvtest::Channel& channel, int operations, Operation operation) {
+    if (!channel.sendValue(1) || !channel.receiveValue(std::chrono::seconds(30))) return false;
+    const int64_t cpuBefore = ownCpuNanos();
+    timespec next;
+    clock_gettime(CLOCK_MONOTONIC, &next);
+    for (int i = 0; i < operations; ++i) {
+        if (!operation()) return false;
+        next.tv_nsec += 1000000;
+        if (next.tv_nsec >= 1000000000) {
+            next.tv_nsec -= 1000000000;
+            ++next.tv_sec;
+        }
+        clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &next, nullptr);
+    }
+    return channel.sendValue(ownCpuNanos() - cpuBefore);
+}
+
+// The driver's side: CPU microseconds per operation of the paced client and
+// of the process `server` it talks to, together; empty when the client failed.
+std::optional<double> pacedCpuMicrosPerOperation(tvtest::ChildProcess& client, pid_t server,
+                                                 int operations);

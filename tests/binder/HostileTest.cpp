@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <stddef.h>
 #include <string.h>
+#include <sys/mman.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -24,6 +25,7 @@
 #include "TestService.h"
 #include "TestSupport.h"
 #include "runtime/Runtime.h"
+#include "shm/ShmChannel.h"
 #include "wire/FlatObject.h"
 #include "wire/Frame.h"
 #include "wire/SocketDirectory.h"
@@ -487,6 +489,49 @@ TEST_F(HostilePeers, LargeBodiesAndQueuedDescriptorsStayWithinTheSendersShare) {
 }
 
 // Runs the rest of the child as the unprivileged "nobody".
+// The child adopts the memory a peer offers with its HELLO; a peer that then
+// scribbles on it loses that connection, and the child serves on.
+TEST_F(HostilePeers, APeerThatScribblesOnSharedMemoryLosesThatConnectionOnly) {
+    namespace shm = android::tvbinder::shm;
+    shm::ShmChannelOptions options;
+    options.ringBytes = 64 * 1024;
+    std::unique_ptr<shm::ShmChannel> ring;
+    ASSERT_EQ(android::NO_ERROR, shm::ShmChannel::create(options, &ring));
+    RawConnection raw(endpoint);
+    ring->setPollWaker([&raw] {
+        const FrameHeader wake = RawConnection::makeHeader(FrameKind::kWake);
+        raw.send(&wake, sizeof wake);
+    });
+    FrameHeader hello = RawConnection::makeHeader(FrameKind::kHello);
+    hello.argument = ownEndpoint();
+    raw.sendFrame(hello, {}, {ring->regionFd()});
+
+    FrameHeader ping = transactionTo(child.binder(), IBinder::PING_TRANSACTION);
+    const iovec part{&ping, sizeof ping};
+    ASSERT_EQ(android::NO_ERROR, ring->send(&part, 1, Clock::now() + 5s));
+    shm::BufferSink sink;
+    size_t length = 0;
+    ASSERT_EQ(android::NO_ERROR, ring->receive(&sink, &length, Clock::now() + 20s));
+    FrameHeader reply{};
+    ASSERT_EQ(sizeof reply, length);
+    memcpy(&reply, sink.data(), sizeof reply);
+    EXPECT_EQ(static_cast<uint32_t>(FrameKind::kReply), reply.kind);
+    EXPECT_EQ(0, reply.status);
+
+    // A tail far beyond the ring, then a wake-up.
+    const size_t size = shm::regionBytes(options.ringBytes);
+    void* base = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, ring->regionFd(), 0);
+    ASSERT_NE(MAP_FAILED, base);
+    auto* control =
+        reinterpret_cast<shm::DirectionControl*>(static_cast<uint8_t*>(base) + shm::kControlOffset);
+    control[0].tail.fetch_add(uint64_t{1} << 40);
+    const FrameHeader wake = RawConnection::makeHeader(FrameKind::kWake);
+    raw.send(&wake, sizeof wake);
+    EXPECT_TRUE(raw.endsWithin(20s));
+    munmap(base, size);
+    expectStillServing();
+}
+
 bool becomeAnotherUser() {
     return setresgid(65534, 65534, 65534) == 0 && setresuid(65534, 65534, 65534) == 0;
 }

@@ -7,14 +7,17 @@
 #include <binder/Parcel.h>
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <future>
 #include <string>
+#include <thread>
 #include <vector>
 
+#include "ProcSupport.h"
 #include "ServedChild.h"
 #include "TestService.h"
 #include "TestSupport.h"
@@ -204,6 +207,18 @@ TEST(Replies, AnErrorSetOnTheReplyIsTheCallersResult) {
         EXPECT_EQ(error, status);
     }
     EXPECT_EQ(5, callInt(child.binder(), TestService::ECHO, 5));
+}
+
+// Waiting costs no CPU: a client and its service, bound and left alone, sleep.
+TEST(Idle, ABoundClientAndItsServiceUseAlmostNoCpu) {
+    ServedChild child;
+    ASSERT_TRUE(child.ready());
+    for (int32_t i = 0; i < 100; ++i) ASSERT_EQ(i, callInt(child.binder(), TestService::ECHO, i));
+    std::this_thread::sleep_for(100ms);  // the service stops lingering on the connection
+    auto used = [&] { return tvproc::cpuTime(child.pid()) + tvproc::cpuTime(getpid()); };
+    const auto before = used();
+    std::this_thread::sleep_for(2s);
+    EXPECT_LT((used() - before).count(), 50) << "ms of CPU used by an idle pair in 2 s";
 }
 
 // Answers ECHO with the id of the thread that ran it.

@@ -382,6 +382,8 @@ TEST(ShmChannelTest, ShutdownWakesASleepingReceiverAndABlockedSender) {
     EXPECT_LT(Clock::now() - start, 5s);
     EXPECT_EQ(DEAD_OBJECT, received);
     EXPECT_EQ(DEAD_OBJECT, sent);
+    // The peer's sends fail too: nothing would read them.
+    EXPECT_EQ(DEAD_OBJECT, sendText(pair.adopter.get(), pattern(10, 0)));
 }
 
 }  // namespace

@@ -52,6 +52,8 @@ enum class LockRank : uint8_t {
     kCallConnections,  // CallConnections: idle call connections
     kAccepted,         // AcceptedConnections: the accepted connections
     kAcceptor,         // Acceptor: listeners watched, the spare descriptor
+    kChannelSend,      // ShmFrameChannel: one sender at a time on its ring
+    kChannelReceive,   // ShmFrameChannel: one receiver at a time on its ring
     kExports,          // ExportTable
     kProxies,          // ProxyTable: revives and retires proxies
     kAccounts,         // PeerAccounts

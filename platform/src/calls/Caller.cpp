@@ -139,19 +139,21 @@ status_t Caller::receiveReply(const Session& session, Parcel* reply, ChainMailbo
     // may come on a connection that nobody else would read.
     StandInScope standIn(mPool, mailbox);
     for (;;) {
-        if (standIn.active()) {
+        Frame frame;
+        status_t status = connection.receive(&frame, !standIn.active());
+        if (status == WOULD_BLOCK) {
+            // Only after a receive found nothing does the connection's
+            // descriptor tell the next frame (shared memory wakes it then).
             const int events = mPool.hasIdleThreads() ? -1 : mPool.readableFd();
             pollfd waiters[3] = {{connection.readableFd(), POLLIN, 0},
                                  {mailbox.fd(), POLLIN, 0},
                                  {events, POLLIN, 0}};
-            if (poll(waiters, 3, -1) < 0) continue;  // EINTR
-            if ((waiters[1].revents & POLLIN) != 0) serveHandedCalls(mailbox);
-            if ((waiters[2].revents & POLLIN) != 0) mPool.standIn();
-            if (waiters[0].revents == 0) continue;
+            if (poll(waiters, 3, -1) > 0) {
+                if ((waiters[1].revents & POLLIN) != 0) serveHandedCalls(mailbox);
+                if ((waiters[2].revents & POLLIN) != 0) mPool.standIn();
+            }
+            continue;
         }
-        Frame frame;
-        status_t status = connection.receive(&frame, !standIn.active());
-        if (status == WOULD_BLOCK) continue;
         if (status == NO_ERROR) status = frame.validate();
         if (status != NO_ERROR) {
             connection.markBroken();

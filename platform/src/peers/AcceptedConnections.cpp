@@ -3,7 +3,9 @@
 #include "peers/AcceptedConnections.h"
 
 #include <log/log.h>
+#include <sys/epoll.h>
 
+#include "threads/PoolTask.h"
 #include "threads/ThreadPool.h"
 
 namespace android {
@@ -15,6 +17,25 @@ namespace {
 // back to epoll: a stream of calls or one-ways then costs one receive each,
 // not a wake-up each.
 constexpr int kLingerMs = 2;
+
+// A frame that came in shared memory while the connection was out of epoll:
+// no wake-up tells it, so it is delivered as a task, which a thread waiting
+// for a reply may take (the frame may be a call of its chain).
+class PendingFrame : public PoolTask {
+  public:
+    PendingFrame(ThreadPool& pool, sp<AcceptedConnection> connection)
+        : mPool(pool), mConnection(std::move(connection)) {}
+    void run() override { mConnection->onEvent(EPOLLIN); }
+    bool standsIn() const override { return true; }
+    void runStandingIn() override {
+        if (mConnection->onEventStandingIn(EPOLLIN)) return;
+        mPool.post(new WorkTask([connection = mConnection] { connection->onEvent(EPOLLIN); }));
+    }
+
+  private:
+    ThreadPool& mPool;
+    const sp<AcceptedConnection> mConnection;
+};
 
 }  // namespace
 
@@ -50,7 +71,13 @@ void AcceptedConnections::rearm(const sp<AcceptedConnection>& connection) {
         drop(connection);
         return;
     }
+    // A frame that came in shared memory meanwhile is told by no wake-up.
+    const bool framePending = connection->connection().prepareToPoll();
     connection->handOff();
+    if (framePending) {
+        mPool.post(new PendingFrame(mPool, connection));
+        return;
+    }
     mPool.rearm(connection.get(), connection->connection().fd());
 }
 

@@ -17,6 +17,10 @@ void Introductions::onReadable(const sp<AcceptedConnection>& connection) {
         mAccepted.rearm(connection);
         return;
     }
+    // A HELLO may bring the region that frames take from now on.
+    if (status == NO_ERROR && frame.kind() == FrameKind::kHello && frame.fds().size() == 1) {
+        status = connection->connection().acceptSharedMemory(frame.takeFirstFd());
+    }
     if (status == NO_ERROR) status = frame.validate();
     if (status != NO_ERROR) {
         if (status == BAD_VALUE) ALOGW("malformed frame from pid %d", connection->peerPid());

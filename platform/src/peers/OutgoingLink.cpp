@@ -51,6 +51,8 @@ OutgoingLink::Opened OutgoingLink::obtain() {
     // Registered with the link published, so that drop() always follows;
     // the registration holds the peer.
     mPeer.incStrong(this);
+    // Acknowledgements read before epoll tells are read by the sender itself.
+    (void)fresh.connection->prepareToPoll();
     mPool.add(this, fresh.connection->fd());
     return {fresh, NO_ERROR};
 }
@@ -90,6 +92,12 @@ void OutgoingLink::rearm(const End& end) {
         LockGuard guard(mLock);
         if (mEnd.connection != end.connection) return;
         waiting = !mPendingReleases.empty();
+    }
+    if (end.connection->prepareToPoll()) {
+        // An acknowledgement came in shared memory that no wake-up will tell.
+        const sp<Peer> keep(&mPeer);
+        mPool.post(new WorkTask([keep, this] { onEvent(EPOLLIN); }));
+        return;
     }
     mPool.rearm(this, end.connection->fd(), waiting);
 }

@@ -115,8 +115,11 @@ Peer::Connected Peer::connect(bool asLink) {
     OutgoingFrame hello = OutgoingFrame::make(FrameKind::kHello);
     hello.header.argument = mOwnEndpoint;
     hello.header.flags = asLink ? kHelloLink : 0;
+    const int region = connection->offerSharedMemory();
+    if (region >= 0) hello.fds.push_back(region);
     status = connection->send(hello);
     if (status != NO_ERROR) return {nullptr, status};
+    connection->startSharedMemory();
     return {connection, NO_ERROR};
 }
 

@@ -63,6 +63,7 @@ struct DirectionControl {
     alignas(kCacheLine) std::atomic<uint64_t> head;      // consumer: end of consumed records
     alignas(kCacheLine) std::atomic<uint32_t> consumer;  // WaiterState of the consumer
     std::atomic<uint32_t> consumerCpu;  // currentCpu() where it last woke up: a hint
+    std::atomic<uint32_t> closed;       // consumer: non-zero once it reads no more
     alignas(kCacheLine) std::atomic<uint32_t> producer;  // WaiterState of a producer out of space
 };
 

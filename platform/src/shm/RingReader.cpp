@@ -15,7 +15,8 @@ RingReader::RingReader(DirectionControl* control, const uint8_t* data, size_t ri
     : mControl(control), mData(data), mRingBytes(ringBytes), mMaxMessage(maxMessage) {}
 
 bool RingReader::hasData() const {
-    return mControl->tail.load(std::memory_order_seq_cst) != mHead;
+    const uint64_t consumed = mConsumed.load(std::memory_order_relaxed);
+    return mControl->tail.load(std::memory_order_seq_cst) != consumed;
 }
 
 status_t RingReader::read(MessageSink* sink, size_t* length) {
@@ -80,6 +81,7 @@ void RingReader::copyOut(size_t position, uint8_t* out, size_t length) const {
 
 void RingReader::release(uint64_t head) {
     mHead = head;
+    mConsumed.store(head, std::memory_order_relaxed);
     // seq_cst store, then seq_cst load of the producer's word: the mirror of
     // the producer's publish(), for a producer waiting for space.
     mControl->head.store(head, std::memory_order_seq_cst);

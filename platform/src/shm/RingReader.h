@@ -3,6 +3,8 @@
 #include <stddef.h>
 #include <stdint.h>
 
+#include <atomic>
+
 #include "MessageSink.h"
 #include "RegionLayout.h"
 
@@ -35,6 +37,8 @@ class RingReader {
 
     std::atomic<uint32_t>* consumerWord() { return &mControl->consumer; }
     std::atomic<uint32_t>* consumerCpu() { return &mControl->consumerCpu; }
+    // Tells the producer that nothing more will be read.
+    void close() { mControl->closed.store(1, std::memory_order_release); }
 
   private:
     // The next record's header, checked against the published bytes.
@@ -49,6 +53,9 @@ class RingReader {
     const size_t mRingBytes;
     const size_t mMaxMessage;
     uint64_t mHead = 0;
+    // mHead for hasData(), which another thread of this process may call
+    // while the reader reads (a pool about to wait in epoll).
+    std::atomic<uint64_t> mConsumed{0};
     bool mCorrupted = false;
     // The message being assembled.
     uint8_t* mMessage = nullptr;

@@ -63,7 +63,7 @@ void RingWriter::copyIn(size_t position, GatherCursor* source, size_t length) {
 WaiterState RingWriter::publish() {
     // seq_cst store, then seq_cst load of the consumer's word: paired with
     // the consumer's store of kSleeping and re-load of the tail, one of the
-    // two sides sees the other's store (see docs/shm-data-path.md).
+    // two sides sees the other's store (see docs/transport.md, "Waking up").
     mControl->tail.store(mTail, std::memory_order_seq_cst);
     std::atomic<uint32_t>& consumer = mControl->consumer;
     const uint32_t seen = consumer.load(std::memory_order_seq_cst);

@@ -52,6 +52,9 @@ class RingWriter {
     std::atomic<uint32_t>* producerWord() { return &mControl->producer; }
     std::atomic<uint32_t>* consumerWord() { return &mControl->consumer; }
     std::atomic<uint32_t>* consumerCpu() { return &mControl->consumerCpu; }
+    // The consumer shut its end down (it closed the connection): nothing
+    // sent will be read.
+    bool consumerClosed() const { return mControl->closed.load(std::memory_order_acquire) != 0; }
 
   private:
     void copyIn(size_t position, GatherCursor* source, size_t length);

@@ -52,7 +52,7 @@ ShmChannel::ShmChannel(std::unique_ptr<ShmRegion> region, int outgoing,
 ShmChannel::~ShmChannel() = default;
 
 status_t ShmChannel::send(const iovec* parts, size_t count, Clock::time_point deadline) {
-    if (mShutdown.load(std::memory_order_acquire)) return DEAD_OBJECT;
+    if (mShutdown.load(std::memory_order_acquire) || mWriter.consumerClosed()) return DEAD_OBJECT;
     if (broken()) return kPeerCorrupted;
     GatherCursor source(parts, count);
     const size_t length = source.remaining();
@@ -155,6 +155,13 @@ status_t ShmChannel::tryReceive(MessageSink* sink, size_t* length) {
     return status;
 }
 
+status_t ShmChannel::waitReadable(Clock::time_point deadline) {
+    if (mReader.hasData()) return NO_ERROR;
+    if (mShutdown.load(std::memory_order_acquire)) return DEAD_OBJECT;
+    auto ready = [this] { return mReader.hasData(); };
+    return waitFor(mReader.consumerWord(), mReader.consumerCpu(), ready, deadline);
+}
+
 bool ShmChannel::armPolling() {
     // The same order as a futex sleep: state first, then the re-check.
     mReader.consumerWord()->store(kPolling, std::memory_order_seq_cst);
@@ -207,6 +214,7 @@ bool ShmChannel::spinFor(Ready ready) {
 
 void ShmChannel::shutdown() {
     mShutdown.store(true, std::memory_order_seq_cst);
+    mReader.close();
     for (std::atomic<uint32_t>* word : {mReader.consumerWord(), mWriter.producerWord()}) {
         word->store(kWoken, std::memory_order_seq_cst);
         futexWake(word, INT_MAX);

@@ -61,12 +61,16 @@ class ShmChannel {
 
     // The region's memfd, for the creator to send to the peer at set-up.
     int regionFd() const { return mRegion->fd(); }
+    // Closes the region's memfd once sent (creator) or right after adopt():
+    // the mapping stays. Before the channel is shared between threads.
+    void closeRegionFd() { mRegion->closeFd(); }
     size_t ringBytes() const { return mRegion->ringBytes(); }
 
     // Sends one message made of `parts`. Waits for room until `deadline`; a
     // message that fits the ring times out cleanly (nothing written), a longer
     // one that stalls half-way breaks the channel. TIMED_OUT, DEAD_OBJECT after
-    // shutdown, kPeerCorrupted, BAD_VALUE for an empty or oversized message.
+    // either end's shutdown, kPeerCorrupted, BAD_VALUE for an empty or
+    // oversized message.
     status_t send(const iovec* parts, size_t count, Clock::time_point deadline);
     // Receives one message into `sink` (see RingReader::read), waiting until
     // `deadline`. A message begun when the wait times out is kept; continue it
@@ -74,6 +78,11 @@ class ShmChannel {
     status_t receive(MessageSink* sink, size_t* length, Clock::time_point deadline);
     // receive() without waiting: WOULD_BLOCK when no whole message is there.
     status_t tryReceive(MessageSink* sink, size_t* length);
+    // Waits until published bytes wait to be read, without reading them:
+    // NO_ERROR, TIMED_OUT, or DEAD_OBJECT after shutdown.
+    status_t waitReadable(Clock::time_point deadline);
+    // Whether published bytes wait to be read (unchecked: a hint).
+    bool hasData() const { return mReader.hasData(); }
 
     // For a pool that waits in epoll: what the sender calls when it finds the
     // receiver polling (for example a kick on the connection's socket, sent
@@ -88,7 +97,8 @@ class ShmChannel {
     // idle connection; called by its sender (not while another thread sends).
     void trim();
 
-    // Wakes every thread waiting on this end; later calls fail with DEAD_OBJECT.
+    // Wakes every thread waiting on this end; later calls fail with
+    // DEAD_OBJECT, and so do the peer's sends from then on.
     void shutdown();
     bool broken() const { return mBroken.load(std::memory_order_acquire); }
 

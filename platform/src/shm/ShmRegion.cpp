@@ -73,6 +73,8 @@ status_t ShmRegion::map(int fd, size_t ringBytes, std::unique_ptr<ShmRegion>* ou
         close(fd);
         return status;
     }
+    // A child made by fork() would write its parent's rings beside it.
+    madvise(base, regionBytes(ringBytes), MADV_DONTFORK);
     out->reset(new ShmRegion(fd, static_cast<uint8_t*>(base), ringBytes));
     return NO_ERROR;
 }
@@ -82,7 +84,12 @@ ShmRegion::ShmRegion(int fd, uint8_t* base, size_t ringBytes)
 
 ShmRegion::~ShmRegion() {
     munmap(mBase, regionBytes(mRingBytes));
-    close(mFd);
+    closeFd();
+}
+
+void ShmRegion::closeFd() {
+    if (mFd >= 0) close(mFd);
+    mFd = -1;
 }
 
 DirectionControl* ShmRegion::control(int direction) const {
@@ -94,8 +101,9 @@ DirectionControl* ShmRegion::control(int direction) const {
 
 void ShmRegion::discard(int direction, size_t from) const {
     const size_t start = kDataOffset + mRingBytes * static_cast<size_t>(direction) + from;
-    fallocate(mFd, FALLOC_FL_PUNCH_HOLE | FALLOC_FL_KEEP_SIZE, static_cast<off_t>(start),
-              static_cast<off_t>(mRingBytes - from));
+    // Through the mapping, so that it works once the memfd is closed: on a
+    // shared memory mapping this punches a hole in the file, as fallocate would.
+    madvise(mBase + start, mRingBytes - from, MADV_REMOVE);
 }
 
 uint8_t* ShmRegion::data(int direction) const {

@@ -18,7 +18,11 @@ namespace shm {
 // and growing and that its size is the one its header implies, so the peer can
 // never make a mapped page disappear (no SIGBUS) nor make us map too little.
 //
-// Owned by its ShmChannel; immutable after construction, so any thread may use it.
+// The mapping is not inherited by a child made by fork(): a child never talks
+// on its parent's connections.
+//
+// Owned by its ShmChannel; immutable once its memfd is closed, so any thread may
+// use it.
 class ShmRegion {
   public:
     // A new region with rings of `ringBytes` per direction (a power of two
@@ -32,8 +36,13 @@ class ShmRegion {
     ShmRegion(const ShmRegion&) = delete;
     ShmRegion& operator=(const ShmRegion&) = delete;
 
-    // The memfd, to send to the peer at set-up; the region keeps it open.
+    // The memfd, to send to the peer at set-up; the region keeps it open
+    // until closeFd() (-1 after): the mapping does not need it.
     int fd() const { return mFd; }
+    // Closes the memfd once it is no longer needed (sent, or adopted): a
+    // connection then costs no descriptor for its region. Before the region
+    // is shared between threads.
+    void closeFd();
     size_t ringBytes() const { return mRingBytes; }
     DirectionControl* control(int direction) const;
     // Gives the pages of a direction's ring from `from` on back to the system;
@@ -45,7 +54,7 @@ class ShmRegion {
     ShmRegion(int fd, uint8_t* base, size_t ringBytes);
     static status_t map(int fd, size_t ringBytes, std::unique_ptr<ShmRegion>* out);
 
-    const int mFd;
+    int mFd;
     uint8_t* const mBase;
     const size_t mRingBytes;
 };

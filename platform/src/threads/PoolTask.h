@@ -13,6 +13,12 @@ namespace tvbinder {
 class PoolTask : public virtual RefBase {
   public:
     virtual void run() = 0;
+    // True for a task that a thread waiting for a reply may take in the
+    // pool's stead (ThreadPool::standIn).
+    virtual bool standsIn() const { return false; }
+    // Runs it on such a thread: handles what needs no application code and
+    // no wait, and posts the rest for a pool thread.
+    virtual void runStandingIn() {}
 };
 
 // One-off work (a death to handle, releases to flush) as a task; what it

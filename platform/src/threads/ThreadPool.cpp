@@ -78,6 +78,23 @@ sp<PoolTask> ThreadPool::takePosted() {
     return task;
 }
 
+void ThreadPool::runPostedStandingIn() {
+    std::vector<sp<PoolTask>> taken;
+    {
+        LockGuard guard(mTaskLock);
+        for (auto it = mPosted.begin(); it != mPosted.end();) {
+            if (!(*it)->standsIn()) {
+                ++it;
+                continue;
+            }
+            taken.push_back(std::move(*it));
+            it = mPosted.erase(it);
+            mPostedCount.fetch_sub(1);
+        }
+    }
+    for (const sp<PoolTask>& task : taken) task->runStandingIn();
+}
+
 void ThreadPool::runPosted() {
     while (hasPostedTasks()) {
         sp<PoolTask> task = takePosted();
@@ -195,6 +212,7 @@ void ThreadPool::standIn() {
     if (source == &mWake) {
         // Posted tasks are for pool threads: a free one gets the wake-up.
         mWake.onEvent(event.events);
+        runPostedStandingIn();
         if (hasPostedTasks() && hasIdleThreads()) wakeOne();
         return;
     }

@@ -102,6 +102,10 @@ class ThreadPool {
     void onEventTaken();
     void wakeOne();
     sp<PoolTask> takePosted();
+    // Takes the posted tasks that a stand-in may run, out of turn (each
+    // concerns a source that nothing else touches until it ran), and runs
+    // them.
+    void runPostedStandingIn();
 
     ScopedFd mEpoll;
     ScopedFd mWakeFd;  // eventfd, registered one-shot

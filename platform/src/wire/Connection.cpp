@@ -74,8 +74,28 @@ bool Connection::refusesConnections(const std::string& address) {
     return error == ECONNREFUSED || error == ENOENT;
 }
 
+int Connection::offerSharedMemory() {
+    if (!ShmFrameChannel::offered()) return -1;
+    mShm = ShmFrameChannel::create(mSocket, mFd.get(), mPeerPid);
+    return mShm != nullptr ? mShm->regionFd() : -1;
+}
+
+void Connection::startSharedMemory() {
+    if (mShm == nullptr) return;
+    mShm->closeRegionFd();
+    mChannel = mShm.get();
+}
+
+status_t Connection::acceptSharedMemory(int regionFd) {
+    mShm = ShmFrameChannel::adopt(regionFd, mSocket, mFd.get(), mPeerPid);
+    if (mShm == nullptr) return BAD_VALUE;
+    mChannel = mShm.get();
+    return NO_ERROR;
+}
+
 void Connection::shutDown() {
     shutdown(mFd.get(), SHUT_RDWR);
+    if (mShm != nullptr) mShm->shutdown();
 }
 
 }  // namespace tvbinder

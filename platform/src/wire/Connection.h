@@ -5,11 +5,13 @@
 #include <utils/RefBase.h>
 
 #include <atomic>
+#include <memory>
 #include <string>
 
 #include "base/TransportFds.h"
 #include "wire/FrameChannel.h"
 #include "wire/PeerAccounts.h"
+#include "wire/ShmFrameChannel.h"
 #include "wire/SocketChannel.h"
 
 namespace android {
@@ -17,7 +19,8 @@ namespace tvbinder {
 
 // One SOCK_SEQPACKET connection between two processes: its socket, the
 // credentials the kernel gave for the process at the other end, and the path
-// its frames take (FrameChannel: the socket itself). Knows nothing of what
+// its frames take (FrameChannel): the socket itself, or memory the two
+// processes share (ShmFrameChannel), set up with HELLO. Knows nothing of what
 // travels on it: the peer it speaks to and what it is for are its owner's
 // business. Held by whoever uses it; any thread.
 class Connection : public RefBase {
@@ -54,6 +57,20 @@ class Connection : public RefBase {
     // accepted connection's process). Set before the first frame is read.
     void chargeBodiesTo(const sp<PeerAccount>& account) { mSocket.chargeBodiesTo(account); }
 
+    // The connecting side, before its HELLO: a region for the peer to adopt,
+    // to send with the HELLO; -1 when frames keep to the socket.
+    int offerSharedMemory();
+    // Once the HELLO with the region went: frames take it from now on.
+    void startSharedMemory();
+    // The accepting side: the region received with the HELLO (taken, and
+    // closed in any case). BAD_VALUE when it is not a valid region.
+    [[nodiscard]] status_t acceptSharedMemory(int regionFd);
+    // These three before the connection is shared with another thread.
+
+    // Before the connection goes back to epoll: true when a frame came that
+    // no wake-up of the socket will tell; read it now.
+    [[nodiscard]] bool prepareToPoll() { return mShm != nullptr && mShm->prepareToPoll(); }
+
     [[nodiscard]] status_t send(const OutgoingFrame& frame, int waitMs = kSendTimeoutMs) {
         return mChannel->send(frame, waitMs);
     }
@@ -67,8 +84,8 @@ class Connection : public RefBase {
     // Set once the connection must not be used again.
     void markBroken() { mBroken.store(true, std::memory_order_release); }
     bool broken() const { return mBroken.load(std::memory_order_acquire); }
-    // Shuts the socket down both ways: the peer, and the thread that holds
-    // the connection's event, learn at once. Never blocks.
+    // Shuts the socket (and the shared memory) down both ways: the peer, and
+    // the thread that holds the connection's event, learn at once. Never blocks.
     void shutDown();
 
   private:
@@ -79,7 +96,8 @@ class Connection : public RefBase {
     const uid_t mPeerUid;
     std::atomic<bool> mBroken{false};
     SocketChannel mSocket;
-    FrameChannel* const mChannel = &mSocket;
+    std::unique_ptr<ShmFrameChannel> mShm;
+    FrameChannel* mChannel = &mSocket;
 };
 
 }  // namespace tvbinder

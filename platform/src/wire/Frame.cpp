@@ -86,6 +86,29 @@ status_t Frame::validate() const {
     return fdRecords == mFds.size() ? NO_ERROR : BAD_VALUE;
 }
 
+bool Frame::headerWithinLimits(uint32_t layouts) const {
+    return (header.layout & ~layouts) == 0 && header.dataSize <= kMaxTransactionSize &&
+           header.objectCount <= header.dataSize / sizeof(FlatObject) &&
+           header.objectCount <= kMaxObjectsPerFrame;
+}
+
+status_t Frame::copyInlineBody(const uint8_t* body, size_t size) {
+    if (size != frameBodySize(header)) return BAD_VALUE;
+    uint8_t* data = allocateData(header.dataSize);
+    if (data == nullptr) return NO_MEMORY;
+    memcpy(data, body, header.dataSize);
+    if (header.objectCount > 0) {
+        offsets.resize(header.objectCount);
+        memcpy(offsets.data(), body + header.dataSize, header.objectCount * sizeof(uint32_t));
+    }
+    return NO_ERROR;
+}
+
+bool OutgoingFrame::withinLimits() const {
+    return header.dataSize <= kMaxTransactionSize && fds.size() <= kMaxFdObjects &&
+           offsets.size() <= kMaxObjectsPerFrame;
+}
+
 OutgoingFrame OutgoingFrame::make(FrameKind kind) {
     OutgoingFrame frame;
     frame.header.magic = kFrameMagic;

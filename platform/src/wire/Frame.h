@@ -29,6 +29,9 @@ enum class FrameKind : uint32_t {
     kAck = 7,            // argument: one-way bytes consumed on this link so far
     kAckRequest = 8,     // the sender's budget is spent: acknowledge now
     kChainExtended = 9,  // to a waiting caller: its chain reaches a third process
+    // Shared-memory connections only, never seen above the channel:
+    kOnSocket = 10,  // in the ring: the next frame is the one waiting on the socket
+    kWake = 11,      // on the socket: look at the ring
 };
 
 struct FrameHeader {
@@ -117,6 +120,13 @@ class Frame {
     // the descriptors received one for one.
     [[nodiscard]] status_t validate() const;
 
+    // Whether a received header is within the transport's limits, before
+    // anything is allocated for it; `layouts`: the layout bits allowed.
+    [[nodiscard]] bool headerWithinLimits(uint32_t layouts) const;
+    // Fills data and offsets from the `size` bytes that followed the header:
+    // BAD_VALUE unless they are exactly the body the header announces.
+    [[nodiscard]] status_t copyInlineBody(const uint8_t* body, size_t size);
+
     FrameHeader header{};
     std::vector<uint32_t> offsets;
     // A body that came in a memfd counts against its sender's share until
@@ -139,6 +149,8 @@ struct OutgoingFrame {
     std::vector<int> fds;
 
     static OutgoingFrame make(FrameKind kind);
+    // Whether it is within what a receiver accepts (sizes, objects, descriptors).
+    bool withinLimits() const;
 };
 
 }  // namespace tvbinder

@@ -93,8 +93,7 @@ status_t SocketChannel::send(const OutgoingFrame& frame, int waitMs) {
     FrameHeader header = frame.header;
     header.objectCount = static_cast<uint32_t>(frame.offsets.size());
     const size_t bodySize = frameBodySize(header);
-    if (header.dataSize > kMaxTransactionSize || frame.fds.size() > kMaxFdObjects ||
-        frame.offsets.size() > kMaxObjectsPerFrame) {
+    if (!frame.withinLimits()) {
         ALOGW("refusing to send a frame of %zu bytes with %zu objects and %zu descriptors",
               bodySize, frame.offsets.size(), frame.fds.size());
         return BAD_VALUE;
@@ -213,11 +212,7 @@ status_t SocketChannel::parse(const msghdr& message, size_t n, const uint8_t* bu
     }
     memcpy(&out->header, buffer, sizeof(FrameHeader));
     const FrameHeader& header = out->header;
-    if ((header.layout & ~kLayoutBodyInMemfd) != 0 || header.dataSize > kMaxTransactionSize ||
-        header.objectCount > header.dataSize / sizeof(FlatObject) ||
-        header.objectCount > kMaxObjectsPerFrame) {
-        return BAD_VALUE;
-    }
+    if (!out->headerWithinLimits(kLayoutBodyInMemfd)) return BAD_VALUE;
     if ((header.layout & kLayoutBodyInMemfd) != 0) {
         if (n != sizeof(FrameHeader) || out->fds().empty()) return BAD_VALUE;
         const int raw = out->takeFirstFd();
@@ -234,16 +229,7 @@ status_t SocketChannel::parse(const msghdr& message, size_t n, const uint8_t* bu
         ::close(raw);
         return status;
     }
-    if (n != sizeof(FrameHeader) + frameBodySize(header)) return BAD_VALUE;
-    uint8_t* data = out->allocateData(header.dataSize);
-    if (data == nullptr) return NO_MEMORY;
-    memcpy(data, buffer + sizeof(FrameHeader), header.dataSize);
-    if (header.objectCount > 0) {
-        out->offsets.resize(header.objectCount);
-        memcpy(out->offsets.data(), buffer + sizeof(FrameHeader) + header.dataSize,
-               header.objectCount * sizeof(uint32_t));
-    }
-    return NO_ERROR;
+    return out->copyInlineBody(buffer + sizeof(FrameHeader), n - sizeof(FrameHeader));
 }
 
 status_t SocketChannel::readMemfdBody(int memfd, Frame* out) {

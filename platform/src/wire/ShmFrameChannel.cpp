@@ -1,0 +1,303 @@
+#define LOG_TAG "tvbinder"
+
+#include "wire/ShmFrameChannel.h"
+
+#include <errno.h>
+#include <log/log.h>
+#include <poll.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <chrono>
+
+namespace android {
+namespace tvbinder {
+
+namespace {
+
+using Clock = shm::ShmChannel::Clock;
+
+// Frames up to an inline frame's size take the ring; larger bodies keep to a
+// memfd on the socket, charged to the sender's share as before.
+constexpr size_t kMaxRingFrame = kMaxInlineFrame;
+// Per direction, well above a link's one-way budget: the budget, not the
+// ring, refuses one-ways. Only what is used becomes resident; small frames
+// keep to the ring's first 64 KiB.
+constexpr size_t kRingBytes = size_t{1} << 20;
+static_assert(kRingBytes >= 2 * kOneWayBudget, "a link's ring must hold its one-way budget");
+// A receive that waits looks at the socket for a hang-up this often.
+constexpr auto kHangUpCheck = std::chrono::milliseconds(50);
+// A frame found on the socket before its marker: an honest sender writes the
+// marker right after it.
+constexpr auto kMarkerWait = std::chrono::milliseconds(100);
+
+shm::ShmChannelOptions ringOptions() {
+    shm::ShmChannelOptions options;
+    options.ringBytes = kRingBytes;
+    options.maxMessage = kMaxRingFrame;
+    return options;
+}
+
+Clock::time_point deadlineIn(int waitMs) {
+    return Clock::now() + std::chrono::milliseconds(std::max(waitMs, 0));
+}
+
+FrameHeader controlHeader(FrameKind kind) {
+    return OutgoingFrame::make(kind).header;
+}
+
+bool isControl(const FrameHeader& header, FrameKind kind) {
+    return header.magic == kFrameMagic && header.kind == static_cast<uint32_t>(kind);
+}
+
+}  // namespace
+
+bool ShmFrameChannel::offered() {
+    static const bool offered = [] {
+        const char* path = getenv("TVBINDER_DATA_PATH");
+        return path == nullptr || strcmp(path, "socket") != 0;
+    }();
+    return offered;
+}
+
+std::unique_ptr<ShmFrameChannel> ShmFrameChannel::create(SocketChannel& socket, int fd,
+                                                         pid_t peerPid) {
+    std::unique_ptr<shm::ShmChannel> ring;
+    const status_t status = shm::ShmChannel::create(ringOptions(), &ring);
+    if (status != NO_ERROR) {
+        ALOGW("no shared memory for a connection to pid %d (%d): it keeps to its socket", peerPid,
+              status);
+        return nullptr;
+    }
+    return std::unique_ptr<ShmFrameChannel>(
+        new ShmFrameChannel(std::move(ring), socket, fd, peerPid));
+}
+
+std::unique_ptr<ShmFrameChannel> ShmFrameChannel::adopt(int regionFd, SocketChannel& socket, int fd,
+                                                        pid_t peerPid) {
+    std::unique_ptr<shm::ShmChannel> ring;
+    if (shm::ShmChannel::adopt(regionFd, ringOptions(), &ring) != NO_ERROR) {
+        ALOGW("pid %d offered memory that is not a sealed region", peerPid);
+        return nullptr;
+    }
+    ring->closeRegionFd();
+    return std::unique_ptr<ShmFrameChannel>(
+        new ShmFrameChannel(std::move(ring), socket, fd, peerPid));
+}
+
+ShmFrameChannel::ShmFrameChannel(std::unique_ptr<shm::ShmChannel> ring, SocketChannel& socket,
+                                 int fd, pid_t peerPid)
+    : mRing(std::move(ring)),
+      mSocket(socket),
+      mFd(fd),
+      mPeerPid(peerPid),
+      mGeneration(TransportFds::generation()) {
+    // Without waiting: a full socket is readable already.
+    mRing->setPollWaker([fd] {
+        const FrameHeader wake = controlHeader(FrameKind::kWake);
+        (void)::send(fd, &wake, sizeof wake, MSG_DONTWAIT | MSG_NOSIGNAL);
+    });
+}
+
+ShmFrameChannel::~ShmFrameChannel() {
+    // In a child made by fork() the region is not mapped, and its addresses
+    // may be in use for something else: nothing of it is touched.
+    if (stale()) (void)mRing.release();
+}
+
+// ---- Sending ----
+
+status_t ShmFrameChannel::send(const OutgoingFrame& frame, int waitMs) {
+    if (stale()) return DEAD_OBJECT;
+    const size_t size =
+        sizeof(FrameHeader) + frame.header.dataSize + frame.offsets.size() * sizeof(uint32_t);
+    LockGuard guard(mSendLock);
+    if (!frame.fds.empty() || size > kMaxRingFrame || !frame.withinLimits()) {
+        return sendOnSocket(frame, waitMs);
+    }
+    return sendOnRing(frame, waitMs);
+}
+
+status_t ShmFrameChannel::sendOnRing(const OutgoingFrame& frame, int waitMs) {
+    FrameHeader header = frame.header;
+    header.objectCount = static_cast<uint32_t>(frame.offsets.size());
+    iovec parts[3];
+    size_t count = 0;
+    parts[count++] = {&header, sizeof header};
+    if (header.dataSize > 0) parts[count++] = {const_cast<uint8_t*>(frame.data), header.dataSize};
+    if (!frame.offsets.empty()) {
+        parts[count++] = {const_cast<uint32_t*>(frame.offsets.data()),
+                          frame.offsets.size() * sizeof(uint32_t)};
+    }
+    return writeRing(parts, count, waitMs);
+}
+
+// The frame on the socket first, then its marker: the receiver that meets
+// the marker finds the frame already there.
+status_t ShmFrameChannel::sendOnSocket(const OutgoingFrame& frame, int waitMs) {
+    const status_t status = mSocket.send(frame, waitMs);
+    if (status != NO_ERROR) return status;
+    FrameHeader marker = controlHeader(FrameKind::kOnSocket);
+    const iovec part{&marker, sizeof marker};
+    const status_t marked = writeRing(&part, 1, waitMs);
+    if (marked == NO_ERROR) return NO_ERROR;
+    // A frame without its place in the ring: the order is lost, and so is
+    // the connection.
+    shutdown();
+    return DEAD_OBJECT;
+}
+
+status_t ShmFrameChannel::writeRing(const iovec* parts, size_t count, int waitMs) {
+    const status_t status = mRing->send(parts, count, deadlineIn(waitMs));
+    switch (status) {
+        case NO_ERROR:
+        case DEAD_OBJECT:
+            return status;
+        case TIMED_OUT:
+            return WOULD_BLOCK;
+        default:
+            ALOGW("pid %d broke the rules of the memory it shares with this process", mPeerPid);
+            (void)corrupted(status);
+            return DEAD_OBJECT;
+    }
+}
+
+// ---- Receiving ----
+
+status_t ShmFrameChannel::receive(Frame* out, bool block) {
+    if (stale()) return DEAD_OBJECT;
+    if (!block) {
+        LockGuard guard(mReceiveLock);
+        return receiveNow(out);
+    }
+    for (;;) {
+        {
+            LockGuard guard(mReceiveLock);
+            const status_t status = takeFrame(out);
+            if (status != WOULD_BLOCK) return status;
+        }
+        // Sleeps on the ring; now and then a look at the socket for a hang-up.
+        if (mRing->waitReadable(Clock::now() + kHangUpCheck) == NO_ERROR) continue;
+        LockGuard guard(mReceiveLock);
+        const status_t status = receiveNow(out);
+        if (status != WOULD_BLOCK) return status;
+    }
+}
+
+size_t ShmFrameChannel::receiveWaiting(Frame* out, status_t* statuses, size_t max) {
+    if (stale()) {
+        statuses[0] = DEAD_OBJECT;
+        return 1;
+    }
+    LockGuard guard(mReceiveLock);
+    size_t count = 0;
+    while (count < std::min(max, kReceiveBatch)) {
+        const status_t status = receiveNow(&out[count]);
+        if (status == WOULD_BLOCK) break;
+        statuses[count++] = status;
+        if (status != NO_ERROR) break;
+    }
+    return count;
+}
+
+bool ShmFrameChannel::waitReadable(int timeoutMs) {
+    if (stale()) return true;
+    const Clock::time_point deadline = deadlineIn(timeoutMs);
+    for (;;) {
+        const Clock::time_point slice = std::min(deadline, Clock::now() + kHangUpCheck);
+        if (mRing->waitReadable(slice) != TIMED_OUT) return true;
+        // A WAKE, a frame or a hang-up waiting on the socket.
+        pollfd socket{mFd, POLLIN, 0};
+        if (poll(&socket, 1, 0) > 0) return true;
+        if (slice >= deadline) return false;
+    }
+}
+
+bool ShmFrameChannel::prepareToPoll() {
+    return !stale() && mRing->armPolling();
+}
+
+status_t ShmFrameChannel::receiveNow(Frame* out) {
+    for (;;) {
+        status_t status = takeFrame(out);
+        if (status != WOULD_BLOCK) return status;
+        bool frameFirst = false;
+        status = skipWakeUps(&frameFirst);
+        // What the peer completed before it hung up is still read.
+        if (status == DEAD_OBJECT) return takeFrame(out);
+        if (frameFirst) {
+            if (mRing->waitReadable(Clock::now() + kMarkerWait) != TIMED_OUT) continue;
+            ALOGW("pid %d sent a frame on its socket without its place in the ring", mPeerPid);
+            return corrupted(BAD_VALUE);
+        }
+        if (!mRing->armPolling()) return WOULD_BLOCK;
+    }
+}
+
+status_t ShmFrameChannel::takeFrame(Frame* out) {
+    size_t length = 0;
+    const status_t status = mRing->tryReceive(&mSink, &length);
+    if (status == WOULD_BLOCK || status == DEAD_OBJECT) return status;
+    if (status != NO_ERROR) {
+        ALOGW("pid %d broke the rules of the memory it shares with this process", mPeerPid);
+        return corrupted(status);
+    }
+    if (length < sizeof(FrameHeader)) return corrupted(BAD_VALUE);
+    // The copy is what is checked: the peer may be changing the ring meanwhile.
+    memcpy(&out->header, mSink.data(), sizeof(FrameHeader));
+    if (isControl(out->header, FrameKind::kOnSocket)) {
+        if (length != sizeof(FrameHeader)) return corrupted(BAD_VALUE);
+        return takeSocketFrame(out);
+    }
+    if (!out->headerWithinLimits(0)) return corrupted(BAD_VALUE);
+    const status_t copied =
+        out->copyInlineBody(mSink.data() + sizeof(FrameHeader), length - sizeof(FrameHeader));
+    return copied == BAD_VALUE ? corrupted(copied) : copied;
+}
+
+status_t ShmFrameChannel::takeSocketFrame(Frame* out) {
+    bool frameFirst = false;
+    const status_t status = skipWakeUps(&frameFirst);
+    if (status != NO_ERROR) return status;
+    if (!frameFirst) {
+        ALOGW("pid %d marked a frame in the ring that is not on its socket", mPeerPid);
+        return corrupted(BAD_VALUE);
+    }
+    out->header = FrameHeader{};
+    const status_t received = mSocket.receive(out, false);
+    return received == WOULD_BLOCK ? corrupted(BAD_VALUE) : received;
+}
+
+status_t ShmFrameChannel::skipWakeUps(bool* frameFirst) {
+    for (;;) {
+        FrameHeader head;
+        const ssize_t n = recv(mFd, &head, sizeof head, MSG_PEEK | MSG_DONTWAIT);
+        if (n < 0 && errno == EINTR) continue;
+        if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) return NO_ERROR;
+        if (n <= 0) {
+            mRing->shutdown();
+            return DEAD_OBJECT;
+        }
+        if (n != sizeof head || !isControl(head, FrameKind::kWake)) {
+            *frameFirst = true;
+            return NO_ERROR;
+        }
+        // Consumed whole: descriptors a lying peer attached are closed.
+        (void)recv(mFd, &head, sizeof head, MSG_DONTWAIT);
+    }
+}
+
+// The ring cannot be trusted any more: nothing more is read from it.
+status_t ShmFrameChannel::corrupted(status_t status) {
+    mRing->shutdown();
+    return status == DEAD_OBJECT ? DEAD_OBJECT : BAD_VALUE;
+}
+
+void ShmFrameChannel::shutdown() {
+    if (!stale()) mRing->shutdown();
+}
+
+}  // namespace tvbinder
+}  // namespace android

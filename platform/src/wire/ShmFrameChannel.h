@@ -1,0 +1,94 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <memory>
+
+#include "base/Locks.h"
+#include "base/TransportFds.h"
+#include "shm/MessageSink.h"
+#include "shm/ShmChannel.h"
+#include "wire/FrameChannel.h"
+#include "wire/SocketChannel.h"
+
+namespace android {
+namespace tvbinder {
+
+// The shared-memory path of a connection: frames go through a ring per
+// direction in a sealed region the two processes map (shm::ShmChannel). The
+// socket stays for what the ring does not carry: frames with descriptors or
+// with bodies beyond an inline frame go on the socket, a marker taking their
+// place in the ring so that one order holds; a pool that waits in epoll is
+// woken by a WAKE frame on the socket (sent without waiting); hang-ups show
+// on the socket, and shut the ring down. What is read from the ring is copied
+// out before it is checked, and a peer that breaks the ring's rules loses
+// this connection only.
+//
+// Made by its Connection (the connecting side creates the region and sends
+// it with HELLO, the accepting side adopts it) and owned by it. Any thread:
+// sends are serialised by a lock of their own, receives by another; a
+// receive that waits holds neither.
+class ShmFrameChannel final : public FrameChannel {
+  public:
+    // Whether the connections this process makes offer shared memory:
+    // TVBINDER_DATA_PATH=socket keeps them all on the socket.
+    static bool offered();
+    // A new region; null when it cannot be made (the socket path then).
+    static std::unique_ptr<ShmFrameChannel> create(SocketChannel& socket, int fd, pid_t peerPid);
+    // The region the connecting side sent: takes `regionFd` and closes it.
+    // Null when it is not a region made by create().
+    static std::unique_ptr<ShmFrameChannel> adopt(int regionFd, SocketChannel& socket, int fd,
+                                                  pid_t peerPid);
+    ~ShmFrameChannel() override;
+
+    // The region's memfd until closeRegionFd(): for the HELLO that carries it.
+    int regionFd() const { return mRing->regionFd(); }
+    void closeRegionFd() { mRing->closeRegionFd(); }
+
+    [[nodiscard]] status_t send(const OutgoingFrame& frame, int waitMs) override;
+    [[nodiscard]] status_t receive(Frame* out, bool block) override;
+    size_t receiveWaiting(Frame* out, status_t* statuses, size_t max) override;
+    [[nodiscard]] bool waitReadable(int timeoutMs) override;
+    int readableFd() const override { return mFd; }
+
+    // Before the connection goes back to epoll: asks the peer to wake the
+    // socket for the next frame. True when a frame came meanwhile, for which
+    // no wake-up will come: read it now.
+    [[nodiscard]] bool prepareToPoll();
+    // Wakes every waiter; frames complete in the ring can still be read, then
+    // receives end with DEAD_OBJECT and sends fail.
+    void shutdown();
+
+  private:
+    ShmFrameChannel(std::unique_ptr<shm::ShmChannel> ring, SocketChannel& socket, int fd,
+                    pid_t peerPid);
+
+    // A child made by fork() has neither the mapping nor the socket.
+    bool stale() const { return TransportFds::generation() != mGeneration; }
+    status_t sendOnRing(const OutgoingFrame& frame, int waitMs) TV_REQUIRES(mSendLock);
+    status_t sendOnSocket(const OutgoingFrame& frame, int waitMs) TV_REQUIRES(mSendLock);
+    status_t writeRing(const iovec* parts, size_t count, int waitMs) TV_REQUIRES(mSendLock);
+    // One frame if one waits, else WOULD_BLOCK with the peer asked to wake
+    // the socket.
+    status_t receiveNow(Frame* out) TV_REQUIRES(mReceiveLock);
+    // The next frame of the ring (or the socket frame it stands for).
+    status_t takeFrame(Frame* out) TV_REQUIRES(mReceiveLock);
+    status_t takeSocketFrame(Frame* out) TV_REQUIRES(mReceiveLock);
+    // Consumes WAKE frames at the head of the socket. DEAD_OBJECT when the
+    // peer hung up (the ring is shut down then); *frameFirst when a frame
+    // waits there before its marker.
+    status_t skipWakeUps(bool* frameFirst) TV_REQUIRES(mReceiveLock);
+    status_t corrupted(status_t status);
+
+    std::unique_ptr<shm::ShmChannel> mRing;
+    SocketChannel& mSocket;
+    const int mFd;
+    const pid_t mPeerPid;
+    const unsigned mGeneration;
+    Mutex mSendLock{LockRank::kChannelSend};
+    Mutex mReceiveLock{LockRank::kChannelReceive};
+    shm::BufferSink mSink TV_GUARDED_BY(mReceiveLock);
+};
+
+}  // namespace tvbinder
+}  // namespace android
