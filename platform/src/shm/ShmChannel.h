@@ -68,10 +68,17 @@ class ShmChannel {
 
     // Sends one message made of `parts`. Waits for room until `deadline`; a
     // message that fits the ring times out cleanly (nothing written), a longer
-    // one that stalls half-way breaks the channel. TIMED_OUT, DEAD_OBJECT after
+    // one that stalls half-way breaks the channel: it waits until `deadline`
+    // for room, and as long again after each record it got in. TIMED_OUT, DEAD_OBJECT after
     // either end's shutdown, kPeerCorrupted, BAD_VALUE for an empty or
     // oversized message.
     status_t send(const iovec* parts, size_t count, Clock::time_point deadline);
+    // Sends `head`, a message that fits the ring, and right behind it the
+    // message made of `parts`, published together with the first record of
+    // it: nothing is written unless both fit, or, for a longer second one,
+    // the first and a record of it. Then as send().
+    status_t sendHeaded(const iovec& head, const iovec* parts, size_t count,
+                        Clock::time_point deadline);
     // Receives one message into `sink` (see RingReader::read), waiting until
     // `deadline`. A message begun when the wait times out is kept; continue it
     // with the same sink.
@@ -106,6 +113,7 @@ class ShmChannel {
     ShmChannel(std::unique_ptr<ShmRegion> region, int outgoing, const ShmChannelOptions& options);
 
     void rewindIfEmpty(size_t bytes);
+    status_t checkSendable(size_t length) const;
     status_t sendWhole(GatherCursor* source, size_t length, Clock::time_point deadline);
     status_t sendStreamed(GatherCursor* source, Clock::time_point deadline);
     status_t waitForRoom(size_t bytes, Clock::time_point deadline);
