@@ -51,6 +51,10 @@ ShmChannel::ShmChannel(std::unique_ptr<ShmRegion> region, int outgoing,
 
 ShmChannel::~ShmChannel() = default;
 
+ShmChannel::Clock::duration ShmChannel::patienceTill(Clock::time_point deadline) {
+    return std::max<Clock::duration>(deadline - Clock::now(), Clock::duration::zero());
+}
+
 status_t ShmChannel::checkSendable(size_t length) const {
     if (mShutdown.load(std::memory_order_acquire) || mWriter.consumerClosed()) return DEAD_OBJECT;
     if (broken()) return kPeerCorrupted;
@@ -63,7 +67,7 @@ status_t ShmChannel::send(const iovec* parts, size_t count, Clock::time_point de
     const status_t status = checkSendable(source.remaining());
     if (status != NO_ERROR) return status;
     const size_t whole = sizeof(RecordHeader) + alignRecord(source.remaining());
-    if (whole > mWriter.ringBytes()) return sendStreamed(&source, deadline);
+    if (whole > mWriter.ringBytes()) return sendStreamed(&source, deadline, patienceTill(deadline));
     rewindIfEmpty(whole);
     return sendWhole(&source, whole, deadline);
 }
@@ -79,6 +83,7 @@ status_t ShmChannel::sendHeaded(const iovec& head, const iovec* parts, size_t co
     const size_t whole = headBytes + sizeof(RecordHeader) + alignRecord(source.remaining());
     const size_t ring = mWriter.ringBytes();
     const bool streamed = whole > ring;
+    const Clock::duration patience = patienceTill(deadline);
     const size_t first = streamed ? std::min(ring, headBytes + kStreamChunk) : whole;
     rewindIfEmpty(first);
     status = waitForRoom(first, deadline);
@@ -86,7 +91,7 @@ status_t ShmChannel::sendHeaded(const iovec& head, const iovec* parts, size_t co
     const auto headLength = static_cast<uint32_t>(headSource.remaining());
     // Published with the first record of the second message, which now fits.
     mWriter.append(&headSource, headLength, headLength);
-    status = streamed ? sendStreamed(&source, deadline)
+    status = streamed ? sendStreamed(&source, deadline, patience)
                       : sendWhole(&source, whole - headBytes, deadline);
     // A first message without the second: the reader could not go on.
     return status == NO_ERROR ? status : breakWith(status);
@@ -119,12 +124,12 @@ status_t ShmChannel::sendWhole(GatherCursor* source, size_t bytes, Clock::time_p
 
 // Records published one by one, so that the reader can copy out while the
 // next one goes in.
-status_t ShmChannel::sendStreamed(GatherCursor* source, Clock::time_point deadline) {
+// The wait is for progress: a reader that keeps copying out keeps the message
+// going, however long it is; `patience` is how long it may stop.
+status_t ShmChannel::sendStreamed(GatherCursor* source, Clock::time_point deadline,
+                                  Clock::duration patience) {
     const size_t chunk = std::min(mWriter.ringBytes() / 4, kStreamChunk);
     const size_t length = source->remaining();
-    // The wait is for progress: a reader that keeps copying out keeps the
-    // message going, however long it is.
-    const Clock::duration patience = std::max<Clock::duration>(deadline - Clock::now(), {});
     while (source->remaining() > 0) {
         const size_t rest = sizeof(RecordHeader) + alignRecord(source->remaining());
         status_t status = waitForRoom(std::min(rest, chunk), deadline);

@@ -115,7 +115,9 @@ class ShmChannel {
     void rewindIfEmpty(size_t bytes);
     status_t checkSendable(size_t length) const;
     status_t sendWhole(GatherCursor* source, size_t length, Clock::time_point deadline);
-    status_t sendStreamed(GatherCursor* source, Clock::time_point deadline);
+    static Clock::duration patienceTill(Clock::time_point deadline);
+    status_t sendStreamed(GatherCursor* source, Clock::time_point deadline,
+                          Clock::duration patience);
     status_t waitForRoom(size_t bytes, Clock::time_point deadline);
     void publishAndWake();
     // Waits until ready() on the futex word `own`; a receiver also publishes

@@ -18,7 +18,8 @@ namespace tvbinder {
 // One message on a connection. Small frames are a single SOCK_SEQPACKET
 // message: header, data, then the offsets of the embedded object records.
 // Larger ones carry only the header; data and offsets follow in a sealed
-// memfd passed as the frame's first descriptor.
+// memfd passed as the frame's first descriptor, or, on a shared-memory
+// connection, as the ring's next message.
 enum class FrameKind : uint32_t {
     kHello = 1,          // argument: sender's endpoint
     kHelloAnswer = 2,    // argument: sender's endpoint (context listener only)
