@@ -267,12 +267,9 @@ status_t ShmFrameChannel::receiveNow(Frame* out) {
 status_t ShmFrameChannel::takeFrame(Frame* out) {
     if (mLargeBody.active()) return takeLargeBody(out);
     size_t length = 0;
-    const status_t status = mRing->tryReceive(&mSink, &length);
-    if (status == WOULD_BLOCK || status == DEAD_OBJECT) return status;
-    if (status != NO_ERROR) {
-        ALOGW("pid %d broke the rules of the memory it shares with this process", mPeerPid);
-        return corrupted(status);
-    }
+    const status_t status =
+        takeMessage(&mSink, &length, "broke the rules of the memory it shares with this process");
+    if (status != NO_ERROR) return status;
     if (length < sizeof(FrameHeader)) return corrupted(BAD_VALUE);
     // The copy is what is checked: the peer may be changing the ring meanwhile.
     memcpy(&out->header, mSink.data(), sizeof(FrameHeader));
@@ -310,13 +307,16 @@ status_t ShmFrameChannel::startLargeBody(const FrameHeader& header) {
 
 status_t ShmFrameChannel::takeLargeBody(Frame* out) {
     size_t length = 0;
-    const status_t status = mRing->tryReceive(&mLargeBody, &length);
-    if (status == WOULD_BLOCK || status == DEAD_OBJECT) return status;
-    if (status != NO_ERROR) {
-        ALOGW("pid %d sent a body that is not the one its header announced", mPeerPid);
-        return corrupted(status);
-    }
-    return mLargeBody.finish(out);
+    const status_t status =
+        takeMessage(&mLargeBody, &length, "sent a body that is not the one its header announced");
+    return status == NO_ERROR ? mLargeBody.finish(out) : status;
+}
+
+status_t ShmFrameChannel::takeMessage(shm::MessageSink* sink, size_t* length, const char* breach) {
+    const status_t status = mRing->tryReceive(sink, length);
+    if (status == NO_ERROR || status == WOULD_BLOCK || status == DEAD_OBJECT) return status;
+    ALOGW("pid %d %s", mPeerPid, breach);
+    return corrupted(status);
 }
 
 void ShmFrameChannel::LargeBody::start(const FrameHeader& header, BodyCharge charge, bool kept) {

@@ -79,6 +79,10 @@ class ShmFrameChannel final : public FrameChannel {
     // The next frame of the ring (or the socket frame it stands for).
     status_t takeFrame(Frame* out) TV_REQUIRES(mReceiveLock);
     status_t takeSocketFrame(Frame* out) TV_REQUIRES(mReceiveLock);
+    // One message of the ring into `sink`; a broken rule, logged as
+    // `breach`, ends the channel.
+    status_t takeMessage(shm::MessageSink* sink, size_t* length, const char* breach)
+        TV_REQUIRES(mReceiveLock);
     // The header of a large frame: charges its body and readies mLargeBody.
     status_t startLargeBody(const FrameHeader& header) TV_REQUIRES(mReceiveLock);
     status_t takeLargeBody(Frame* out) TV_REQUIRES(mReceiveLock);
