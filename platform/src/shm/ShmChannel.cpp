@@ -47,12 +47,13 @@ ShmChannel::ShmChannel(std::unique_ptr<ShmRegion> region, int outgoing,
       mOutgoing(outgoing),
       mMaxMessage(std::min<size_t>(options.maxMessage, UINT32_MAX)),
       mSpin(options.spin),
-      mSleepSlice(options.sleepSlice) {}
+      mSleepSlice(options.sleepSlice),
+      mStreamPatience(options.streamPatience) {}
 
 ShmChannel::~ShmChannel() = default;
 
-ShmChannel::Clock::duration ShmChannel::patienceTill(Clock::time_point deadline) {
-    return std::max<Clock::duration>(deadline - Clock::now(), Clock::duration::zero());
+ShmChannel::Clock::duration ShmChannel::patienceTill(Clock::time_point deadline) const {
+    return std::max<Clock::duration>(deadline - Clock::now(), mStreamPatience);
 }
 
 status_t ShmChannel::checkSendable(size_t length) const {

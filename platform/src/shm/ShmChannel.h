@@ -31,6 +31,10 @@ struct ShmChannelOptions {
     // The longest single futex sleep. Wake-ups do not depend on it; it bounds
     // what a peer that scribbles on our futex word can delay a shutdown() by.
     std::chrono::nanoseconds sleepSlice = std::chrono::milliseconds(250);
+    // A message streamed half-way waits at least this long for each bit of
+    // room, whatever the send's own wait: a reader that was only
+    // descheduled for a moment must not cost the connection.
+    std::chrono::nanoseconds streamPatience = std::chrono::milliseconds(0);
 };
 
 // One process's end of a connection's shared-memory data path: a ring out
@@ -69,7 +73,8 @@ class ShmChannel {
     // Sends one message made of `parts`. Waits for room until `deadline`; a
     // message that fits the ring times out cleanly (nothing written), a longer
     // one that stalls half-way breaks the channel: it waits until `deadline`
-    // for room, and as long again after each record it got in. TIMED_OUT, DEAD_OBJECT after
+    // for room, and as long again (or the stream patience, if longer) after
+    // each record it got in. TIMED_OUT, DEAD_OBJECT after
     // either end's shutdown, kPeerCorrupted, BAD_VALUE for an empty or
     // oversized message.
     status_t send(const iovec* parts, size_t count, Clock::time_point deadline);
@@ -115,7 +120,7 @@ class ShmChannel {
     void rewindIfEmpty(size_t bytes);
     status_t checkSendable(size_t length) const;
     status_t sendWhole(GatherCursor* source, size_t length, Clock::time_point deadline);
-    static Clock::duration patienceTill(Clock::time_point deadline);
+    Clock::duration patienceTill(Clock::time_point deadline) const;
     status_t sendStreamed(GatherCursor* source, Clock::time_point deadline,
                           Clock::duration patience);
     status_t waitForRoom(size_t bytes, Clock::time_point deadline);
@@ -136,6 +141,7 @@ class ShmChannel {
     const size_t mMaxMessage;
     const std::chrono::nanoseconds mSpin;
     const std::chrono::nanoseconds mSleepSlice;
+    const std::chrono::nanoseconds mStreamPatience;
     PollWaker mPollWaker;
     std::atomic<bool> mShutdown{false};
     std::atomic<bool> mBroken{false};

@@ -28,6 +28,11 @@ constexpr size_t kMaxBody = kMaxTransactionSize + kMaxObjectsPerFrame * sizeof(u
 // keep to the ring's first 64 KiB.
 constexpr size_t kRingBytes = size_t{1} << 20;
 static_assert(kRingBytes >= 2 * kOneWayBudget, "a link's ring must hold its one-way budget");
+// What a large body streaming through the ring waits for each bit of room at
+// least, also for answers and one-ways (whose sends wait 5 ms): the reader
+// may be descheduled for a while; one that stops for longer costs the
+// connection, and frees the send lock.
+constexpr auto kStreamPatience = std::chrono::milliseconds(500);
 // A receive that waits looks at the socket for a hang-up this often.
 constexpr auto kHangUpCheck = std::chrono::milliseconds(50);
 // A frame found on the socket before its marker: an honest sender writes the
@@ -38,6 +43,7 @@ shm::ShmChannelOptions ringOptions() {
     shm::ShmChannelOptions options;
     options.ringBytes = kRingBytes;
     options.maxMessage = std::max(kMaxRingFrame, kMaxBody);
+    options.streamPatience = kStreamPatience;
     return options;
 }
 
@@ -137,7 +143,8 @@ status_t ShmFrameChannel::sendOnRing(const OutgoingFrame& frame, int waitMs) {
 // The header, then the body as a message of its own: the receiver charges
 // the body to this process's share before it allocates room for it. The
 // send lock is held while the body streams in, as long as the receiver copies
-// it out; a receiver that stops for the send's wait ends the connection.
+// it out; a receiver that stops for the send's wait (kStreamPatience at
+// least, once the body has begun) ends the connection.
 status_t ShmFrameChannel::sendLargeOnRing(const OutgoingFrame& frame, int waitMs) {
     FrameHeader header = frame.header;
     header.objectCount = static_cast<uint32_t>(frame.offsets.size());
