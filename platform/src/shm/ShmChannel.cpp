@@ -48,7 +48,8 @@ ShmChannel::ShmChannel(std::unique_ptr<ShmRegion> region, int outgoing,
       mMaxMessage(std::min<size_t>(options.maxMessage, UINT32_MAX)),
       mSpin(options.spin),
       mSleepSlice(options.sleepSlice),
-      mStreamPatience(options.streamPatience) {}
+      mStreamPatience(options.streamPatience),
+      mStreamLimit(options.streamLimit) {}
 
 ShmChannel::~ShmChannel() = default;
 
@@ -131,6 +132,8 @@ status_t ShmChannel::sendStreamed(GatherCursor* source, Clock::time_point deadli
                                   Clock::duration patience) {
     const size_t chunk = std::min(mWriter.ringBytes() / 4, kStreamChunk);
     const size_t length = source->remaining();
+    const Clock::time_point latest =
+        Clock::now() + std::max<Clock::duration>(patience, mStreamLimit);
     while (source->remaining() > 0) {
         const size_t rest = sizeof(RecordHeader) + alignRecord(source->remaining());
         status_t status = waitForRoom(std::min(rest, chunk), deadline);
@@ -145,7 +148,7 @@ status_t ShmChannel::sendStreamed(GatherCursor* source, Clock::time_point deadli
         const auto remaining = static_cast<uint32_t>(source->remaining());
         mWriter.append(source, static_cast<uint32_t>(payload), remaining);
         publishAndWake();
-        deadline = std::max(deadline, Clock::now() + patience);
+        deadline = std::min(latest, std::max(deadline, Clock::now() + patience));
     }
     return NO_ERROR;
 }

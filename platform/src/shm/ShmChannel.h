@@ -35,6 +35,9 @@ struct ShmChannelOptions {
     // room, whatever the send's own wait: a reader that was only
     // descheduled for a moment must not cost the connection.
     std::chrono::nanoseconds streamPatience = std::chrono::milliseconds(0);
+    // How long a streamed message may take in all, however it moves: a
+    // reader that trickles cannot hold the sender for longer.
+    std::chrono::nanoseconds streamLimit = std::chrono::seconds(10);
 };
 
 // One process's end of a connection's shared-memory data path: a ring out
@@ -142,6 +145,7 @@ class ShmChannel {
     const std::chrono::nanoseconds mSpin;
     const std::chrono::nanoseconds mSleepSlice;
     const std::chrono::nanoseconds mStreamPatience;
+    const std::chrono::nanoseconds mStreamLimit;
     PollWaker mPollWaker;
     std::atomic<bool> mShutdown{false};
     std::atomic<bool> mBroken{false};
