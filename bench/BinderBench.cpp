@@ -89,20 +89,27 @@ sp<IBinder> findService(const std::string& name) {
     return android::defaultServiceManager()->getService(String16(name.c_str()));
 }
 
-int measureRoundTrips(Channel& channel, const std::string& name, int iterations, bool pinned) {
+// Calls `code` with `request` (a 16-byte payload when empty).
+int measureRoundTrips(Channel& channel, const std::string& name, int iterations, bool pinned,
+                      uint32_t code = EchoService::ECHO, size_t bytes = 0) {
     if (pinned) pinToFirstCpu();
     sp<IBinder> service = findService(name);
     if (service == nullptr) return 1;
     Parcel request;
-    writePayload(request);
+    if (bytes == 0) {
+        writePayload(request);
+    } else {
+        const std::vector<uint8_t> body(bytes, 'b');
+        request.write(body.data(), body.size());
+    }
     for (int i = 0; i < kWarmUp; ++i) {
-        if (!call(service, EchoService::ECHO, request)) return 1;
+        if (!call(service, code, request)) return 1;
     }
     std::vector<int64_t> samples;
     samples.reserve(static_cast<size_t>(iterations));
     for (int i = 0; i < iterations; ++i) {
         const int64_t start = monotonicNanos();
-        if (!call(service, EchoService::ECHO, request)) return 1;
+        if (!call(service, code, request)) return 1;
         samples.push_back(monotonicNanos() - start);
     }
     return channel.sendValue(median(std::move(samples))) ? 0 : 1;
@@ -238,11 +245,17 @@ bool bindClients(std::vector<std::unique_ptr<ChildProcess>>* clients, const std:
 }  // namespace
 
 std::optional<double> roundTripMicros(bool pinned, int iterations) {
+    return bodyCallMicros(pinned, 0, iterations);
+}
+
+std::optional<double> bodyCallMicros(bool pinned, size_t bytes, int iterations) {
     const std::string name = uniqueServiceName();
     auto service = startService(name, pinned);
     if (service == nullptr) return std::nullopt;
-    ChildProcess client(
-        [=](Channel& channel) { return measureRoundTrips(channel, name, iterations, pinned); });
+    const uint32_t code = bytes == 0 ? EchoService::ECHO : EchoService::TAKE_BODY;
+    ChildProcess client([=](Channel& channel) {
+        return measureRoundTrips(channel, name, iterations, pinned, code, bytes);
+    });
     const std::optional<int64_t> medianNanos = client.channel().receiveValue(kResultTimeout);
     if (!medianNanos) return std::nullopt;
     return static_cast<double>(*medianNanos) / 1000.0;

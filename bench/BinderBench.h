@@ -1,6 +1,7 @@
 #pragma once
 
 #include <stddef.h>
+#include <stdint.h>
 
 #include <optional>
 #include <vector>
@@ -15,6 +16,9 @@ namespace binder {
 
 // Median round trip of a synchronous transaction carrying 16 bytes each way.
 std::optional<double> roundTripMicros(bool pinned, int iterations);
+// Median round trip of a synchronous transaction carrying `bytes` there and
+// 16 bytes back.
+std::optional<double> bodyCallMicros(bool pinned, size_t bytes, int iterations);
 // CPU microseconds per call, client and service together, at one call per
 // millisecond.
 std::optional<double> pacedCpuMicros(bool pinned, int calls);

@@ -4,6 +4,8 @@
 #include <chrono>
 #include <thread>
 
+#include "BenchOptions.h"
+
 using android::NO_ERROR;
 using android::Parcel;
 using android::status_t;
@@ -27,6 +29,10 @@ status_t EchoService::onTransact(uint32_t code, const Parcel& data, Parcel* repl
         }
         case AWAIT_COUNT:
             return awaitCount(data, reply);
+        case TAKE_BODY: {
+            static const char answer[kPayloadSize] = "got-the-body!!!";
+            return reply == nullptr ? android::BAD_VALUE : reply->write(answer, sizeof answer);
+        }
         case SLOW_ECHO:
             std::this_thread::sleep_for(kSlowEchoDelay);
             return echo(data, reply);

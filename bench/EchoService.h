@@ -19,6 +19,8 @@ class EchoService : public android::BBinder {
         AWAIT_COUNT,
         // Answers after a few milliseconds, to keep pool threads busy.
         SLOW_ECHO,
+        // Answers 16 bytes, whatever the request carries.
+        TAKE_BODY,
     };
 
   protected:

@@ -38,6 +38,16 @@ int echoUntilClosed(int fd) {
     return 0;
 }
 
+// Reads requests of `bytes` and answers each with kPayloadSize bytes.
+int answerBodiesUntilClosed(int fd, size_t bytes) {
+    std::vector<char> body(bytes);
+    char answer[kPayloadSize] = "got-the-body!!!";
+    while (tvproc::readFully(fd, body.data(), bytes)) {
+        if (!tvproc::writeFully(fd, answer, sizeof answer)) return 1;
+    }
+    return 0;
+}
+
 bool roundTrip(int fd) {
     char payload[kPayloadSize] = "ping-pong-bytes";
     return tvproc::writeFully(fd, payload, sizeof payload) &&
@@ -62,18 +72,25 @@ std::unique_ptr<ChildProcess> startCaller(const SocketPair& pair, bool pinned, W
     });
 }
 
-int measureRoundTrips(int fd, int iterations, Channel& channel) {
+template <typename RoundTrip>
+int measureRoundTrips(int iterations, Channel& channel, RoundTrip roundTrip) {
     for (int i = 0; i < kWarmUp; ++i) {
-        if (!roundTrip(fd)) return 1;
+        if (!roundTrip()) return 1;
     }
     std::vector<int64_t> samples;
     samples.reserve(static_cast<size_t>(iterations));
     for (int i = 0; i < iterations; ++i) {
         const int64_t start = monotonicNanos();
-        if (!roundTrip(fd)) return 1;
+        if (!roundTrip()) return 1;
         samples.push_back(monotonicNanos() - start);
     }
     return channel.sendValue(median(std::move(samples))) ? 0 : 1;
+}
+
+std::optional<double> medianMicros(ChildProcess& caller) {
+    const std::optional<int64_t> medianNanos = caller.channel().receiveValue(kResultTimeout);
+    if (!medianNanos) return std::nullopt;
+    return static_cast<double>(*medianNanos) / 1000.0;
 }
 
 int receiveMessages(int fd, int messages) {
@@ -107,11 +124,28 @@ std::optional<double> roundTripMicros(bool pinned, int iterations) {
     if (!pair.valid()) return std::nullopt;
     auto echo = startEcho(pair, pinned);
     auto caller = startCaller(pair, pinned, [iterations](int fd, Channel& channel) {
-        return measureRoundTrips(fd, iterations, channel);
+        return measureRoundTrips(iterations, channel, [fd] { return roundTrip(fd); });
     });
-    const std::optional<int64_t> medianNanos = caller->channel().receiveValue(kResultTimeout);
-    if (!medianNanos) return std::nullopt;
-    return static_cast<double>(*medianNanos) / 1000.0;
+    return medianMicros(*caller);
+}
+
+std::optional<double> bodyRoundTripMicros(bool pinned, size_t bytes, int iterations) {
+    SocketPair pair;
+    if (!pair.valid()) return std::nullopt;
+    ChildProcess receiver([&pair, pinned, bytes](Channel&) {
+        close(pair.ends[0]);
+        if (pinned) pinToFirstCpu();
+        return answerBodiesUntilClosed(pair.ends[1], bytes);
+    });
+    auto caller = startCaller(pair, pinned, [iterations, bytes](int fd, Channel& channel) {
+        std::vector<char> body(bytes, 'b');
+        char answer[kPayloadSize];
+        return measureRoundTrips(iterations, channel, [&] {
+            return tvproc::writeFully(fd, body.data(), bytes) &&
+                   tvproc::readFully(fd, answer, sizeof answer);
+        });
+    });
+    return medianMicros(*caller);
 }
 
 std::optional<double> pacedCpuMicros(bool pinned, int roundTrips) {

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <stddef.h>
+
 #include <optional>
 
 #include "BenchOptions.h"
@@ -11,6 +13,8 @@ namespace raw {
 
 // Median round trip of one 16-byte request and its 16-byte answer.
 std::optional<double> roundTripMicros(bool pinned, int iterations);
+// Median round trip of a request of `bytes` and a 16-byte answer.
+std::optional<double> bodyRoundTripMicros(bool pinned, size_t bytes, int iterations);
 // CPU microseconds per round trip, both processes together, at one round
 // trip per millisecond.
 std::optional<double> pacedCpuMicros(bool pinned, int roundTrips);

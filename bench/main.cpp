@@ -5,6 +5,7 @@
 #include <string.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <optional>
 #include <string>
 
@@ -36,6 +37,8 @@ constexpr double kMaxFloorRatio = 1.0;
 // Notifications carry more than a bare one-way (a class name, the addressed
 // client, a look-up of its handle on each side), so less is asked of them.
 constexpr double kMinNotificationRatio = 1.2;
+// A call carrying a large body costs no more than a raw socket moving it.
+constexpr double kMaxBodyCallRatio = 1.0;
 // A call now and then costs no more CPU than a raw round trip at that pace.
 constexpr double kMaxPacedCpuRatio = 1.0;
 // An idle bound pair: under 10 ms of CPU in 10 s.
@@ -96,6 +99,28 @@ Floors measureRoundTrips(const BenchOptions& options, Report* report) {
                            kMaxFloorRatio);
     }
     return floors;
+}
+
+// A call carrying a body there and 16 bytes back, beside a raw socket moving
+// the same bytes.
+void measureLargeBodies(const BenchOptions& options, Report* report) {
+    struct Body {
+        const char* name;
+        size_t bytes;
+        int calls;
+    };
+    const Body bodies[] = {{"64 KiB", size_t{64} << 10, options.bodyCalls},
+                           {"1 MiB", size_t{1} << 20, std::max(options.bodyCalls / 5, 1)}};
+    for (bool pinned : {true, false}) {
+        const char* placement = placementOf(pinned);
+        for (const Body& body : bodies) {
+            fprintf(stderr, "calls carrying %s, %s...\n", body.name, placement);
+            report->addLatency(std::string("call carrying ") + body.name + ", " + placement,
+                               binder::bodyCallMicros(pinned, body.bytes, body.calls),
+                               raw::bodyRoundTripMicros(pinned, body.bytes, body.calls),
+                               kMaxBodyCallRatio);
+        }
+    }
 }
 
 void measureCpu(const BenchOptions& options, Report* report) {
@@ -218,6 +243,7 @@ int main(int argc, char** argv) {
         return report.complete() ? 0 : 1;
     }
     const Floors floors = measureRoundTrips(options, &report);
+    measureLargeBodies(options, &report);
     measureCpu(options, &report);
     measureThroughput(options, &report);
     fprintf(stderr, "death notices...\n");

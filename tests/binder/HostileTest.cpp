@@ -133,8 +133,41 @@ TVTEST_CHILD_ROLE(connection_flood) {
     return reportAndHold(std::to_string(connections.size()));
 }
 
+// A raw connection whose frames go through a ring it offers with its HELLO.
+struct RingConnection {
+    RingConnection(uint64_t endpoint, size_t ringBytes) : raw(endpoint) {
+        android::tvbinder::shm::ShmChannelOptions options;
+        options.ringBytes = ringBytes;
+        if (android::tvbinder::shm::ShmChannel::create(options, &ring) != android::NO_ERROR) return;
+        ring->setPollWaker([this] {
+            const FrameHeader wake = RawConnection::makeHeader(FrameKind::kWake);
+            raw.send(&wake, sizeof wake);
+        });
+        FrameHeader hello = RawConnection::makeHeader(FrameKind::kHello);
+        hello.argument = ownEndpoint();
+        raw.sendFrame(hello, {}, {ring->regionFd()});
+    }
+    // The status of the reply that comes within `timeout`; 1 when none does.
+    int32_t replyStatus(std::chrono::milliseconds timeout) {
+        android::tvbinder::shm::BufferSink sink;
+        size_t length = 0;
+        FrameHeader reply{};
+        if (ring->receive(&sink, &length, Clock::now() + timeout) != android::NO_ERROR ||
+            length < sizeof reply) {
+            return 1;
+        }
+        memcpy(&reply, sink.data(), sizeof reply);
+        return reply.kind == static_cast<uint32_t>(FrameKind::kReply) ? reply.status : 1;
+    }
+
+    RawConnection raw;
+    std::unique_ptr<android::tvbinder::shm::ShmChannel> ring;
+};
+
 // On args[1] connections, calls BARRIER on the object named args[0] with a
-// body of the largest size: each call waits in the child while its body is held.
+// body of the largest size: each call waits in the child while its body is
+// held. With args[2] "ring", the bodies stream through rings, and it says
+// how many calls were refused for want of the sender's share.
 TVTEST_CHILD_ROLE(large_bodies) {
     if (args.size() < 2) return 2;
     const android::sp<IBinder> target = lookUpAsAClient(args[0]);
@@ -142,12 +175,32 @@ TVTEST_CHILD_ROLE(large_bodies) {
     const int32_t parties = 1000;
     Bytes start(sizeof(parties));
     memcpy(start.data(), &parties, sizeof(parties));
-    const int body = sealedMemfd(start, kMaxTransactionSize);
     FrameHeader header = transactionTo(target, TestService::BARRIER);
-    header.layout = kLayoutBodyInMemfd;
     header.dataSize = kMaxTransactionSize;
+    const int count = std::stoi(args[1]);
+    if (args.size() > 2 && args[2] == "ring") {
+        header.layout = kLayoutBodyInRing;
+        Bytes body(kMaxTransactionSize);
+        memcpy(body.data(), start.data(), start.size());
+        const iovec head{&header, sizeof header};
+        const iovec part{body.data(), body.size()};
+        std::vector<std::unique_ptr<RingConnection>> calls;
+        for (int i = 0; i < count; ++i) {
+            calls.push_back(std::make_unique<RingConnection>(endpointOf(target), 1 << 20));
+            if (calls.back()->ring == nullptr ||
+                calls.back()->ring->sendHeaded(head, &part, 1, Clock::now() + 20s) !=
+                    android::NO_ERROR) {
+                return 4;
+            }
+        }
+        int refused = 0;
+        for (auto& call : calls) refused += call->replyStatus(2s) == android::NO_MEMORY ? 1 : 0;
+        return reportAndHold("refused " + std::to_string(refused));
+    }
+    const int body = sealedMemfd(start, kMaxTransactionSize);
+    header.layout = kLayoutBodyInMemfd;
     std::vector<std::unique_ptr<RawConnection>> calls;
-    for (int i = 0; i < std::stoi(args[1]); ++i) {
+    for (int i = 0; i < count; ++i) {
         calls.push_back(std::make_unique<RawConnection>(endpointOf(target)));
         calls.back()->hello(ownEndpoint());
         calls.back()->sendFrame(header, {}, {body});
@@ -475,16 +528,22 @@ TEST_F(HostilePeers, LargeBodiesAndQueuedDescriptorsStayWithinTheSendersShare) {
         perBody = std::max<size_t>(grown, kMaxTransactionSize / 1024);
         residentBefore = tvproc::residentKib(child.pid());
     }
-    tvproc::PeakWatch peak(child.pid());
-    tvtest::ChildProcess hostile("large_bodies", std::vector<std::string>{child.name(), "14"});
-    EXPECT_EQ("sent", hostile.readLine());
-    auto legitimate = callsDuring(child.binder(), 3s);
-    expectServedThroughout(legitimate, child);
-    peak.stop();
-    // The budget admits two at once; the rest is room for the allocator
-    // (a sanitizer keeps freed bodies a while).
-    EXPECT_LT(peak.residentKib(), residentBefore + 6 * perBody)
-        << "KiB resident at the peak, " << perBody << " KiB for one body";
+    // In sealed memfds, then streamed through rings: either way the budget
+    // admits two at once, and the bodies refused are never allocated.
+    std::vector<std::unique_ptr<tvtest::ChildProcess>> hostiles;
+    for (const std::string path : {"memfd", "ring"}) {
+        tvproc::PeakWatch peak(child.pid());
+        hostiles.push_back(std::make_unique<tvtest::ChildProcess>(
+            "large_bodies", std::vector<std::string>{child.name(), "6", path}));
+        EXPECT_EQ(path == "ring" ? "refused 4" : "sent", hostiles.back()->readLine(60s)) << path;
+        auto legitimate = callsDuring(child.binder(), 3s);
+        expectServedThroughout(legitimate, child);
+        peak.stop();
+        // The rest is room for the allocator (a sanitizer keeps freed bodies a while).
+        EXPECT_LT(peak.residentKib(), residentBefore + 6 * perBody)
+            << path << ": KiB resident at the peak, " << perBody << " KiB for one body";
+        residentBefore = tvproc::residentKib(child.pid());
+    }
     expectStillServing();
 }
 
@@ -493,33 +552,19 @@ TEST_F(HostilePeers, LargeBodiesAndQueuedDescriptorsStayWithinTheSendersShare) {
 // scribbles on it loses that connection, and the child serves on.
 TEST_F(HostilePeers, APeerThatScribblesOnSharedMemoryLosesThatConnectionOnly) {
     namespace shm = android::tvbinder::shm;
-    shm::ShmChannelOptions options;
-    options.ringBytes = 64 * 1024;
-    std::unique_ptr<shm::ShmChannel> ring;
-    ASSERT_EQ(android::NO_ERROR, shm::ShmChannel::create(options, &ring));
-    RawConnection raw(endpoint);
-    ring->setPollWaker([&raw] {
-        const FrameHeader wake = RawConnection::makeHeader(FrameKind::kWake);
-        raw.send(&wake, sizeof wake);
-    });
-    FrameHeader hello = RawConnection::makeHeader(FrameKind::kHello);
-    hello.argument = ownEndpoint();
-    raw.sendFrame(hello, {}, {ring->regionFd()});
+    constexpr size_t kRingBytes = 64 * 1024;
+    RingConnection connection(endpoint, kRingBytes);
+    ASSERT_NE(nullptr, connection.ring);
+    std::unique_ptr<shm::ShmChannel>& ring = connection.ring;
+    RawConnection& raw = connection.raw;
 
     FrameHeader ping = transactionTo(child.binder(), IBinder::PING_TRANSACTION);
     const iovec part{&ping, sizeof ping};
     ASSERT_EQ(android::NO_ERROR, ring->send(&part, 1, Clock::now() + 5s));
-    shm::BufferSink sink;
-    size_t length = 0;
-    ASSERT_EQ(android::NO_ERROR, ring->receive(&sink, &length, Clock::now() + 20s));
-    FrameHeader reply{};
-    ASSERT_EQ(sizeof reply, length);
-    memcpy(&reply, sink.data(), sizeof reply);
-    EXPECT_EQ(static_cast<uint32_t>(FrameKind::kReply), reply.kind);
-    EXPECT_EQ(0, reply.status);
+    EXPECT_EQ(0, connection.replyStatus(20s));
 
     // A tail far beyond the ring, then a wake-up.
-    const size_t size = shm::regionBytes(options.ringBytes);
+    const size_t size = shm::regionBytes(kRingBytes);
     void* base = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, ring->regionFd(), 0);
     ASSERT_NE(MAP_FAILED, base);
     auto* control =

@@ -15,6 +15,10 @@ namespace shm {
 class MessageSink {
   public:
     virtual ~MessageSink() = default;
+    // Whether to keep a message of `length` bytes (1 to the channel's
+    // maximum): one not kept is consumed without being copied, and the read
+    // that consumes its last record reports it as received.
+    virtual bool accept(size_t /*length*/) { return true; }
     // A buffer of at least `length` bytes (1 to the channel's maximum) that
     // stays valid until the read that completes the message returns. nullptr
     // refuses the message, which ends the channel (it cannot be skipped).
@@ -22,10 +26,12 @@ class MessageSink {
 };
 
 // A sink that keeps one growing buffer, reused from message to message
-// without being cleared.
+// without being cleared; messages beyond `maxLength` are refused.
 class BufferSink : public MessageSink {
   public:
+    explicit BufferSink(size_t maxLength = SIZE_MAX) : mMaxLength(maxLength) {}
     uint8_t* reserve(size_t length) override {
+        if (length > mMaxLength) return nullptr;
         if (length > mCapacity) {
             mBuffer.reset(new uint8_t[length]);
             mCapacity = length;
@@ -37,6 +43,7 @@ class BufferSink : public MessageSink {
     size_t size() const { return mSize; }
 
   private:
+    const size_t mMaxLength;
     std::unique_ptr<uint8_t[]> mBuffer;
     size_t mCapacity = 0;
     size_t mSize = 0;

@@ -30,15 +30,18 @@ status_t RingReader::read(MessageSink* sink, size_t* length) {
             release(mHead + sizeof header + header.payload);
             continue;
         }
-        if (status == NO_ERROR && mMessage == nullptr) status = startMessage(header, sink);
+        if (status == NO_ERROR && !mInMessage) status = startMessage(header, sink);
         if (status != NO_ERROR) return fail(status);
-        const size_t position = static_cast<size_t>((mHead + sizeof header) % mRingBytes);
-        copyOut(position, mMessage + mFilled, header.payload);
+        if (mMessage != nullptr) {
+            const size_t position = static_cast<size_t>((mHead + sizeof header) % mRingBytes);
+            copyOut(position, mMessage + mFilled, header.payload);
+        }
         mFilled += header.payload;
         release(mHead + sizeof header + alignRecord(header.payload));
         if (mFilled == mMessageLength) {
             *length = mMessageLength;
             mMessage = nullptr;
+            mInMessage = false;
             return NO_ERROR;
         }
     }
@@ -53,21 +56,24 @@ status_t RingReader::takeHeader(uint64_t tail, RecordHeader* header) {
     if (header->remaining == kSkipToWrap) {
         // Only between messages, exactly to the wrap, and only over published bytes.
         const size_t toWrap = mRingBytes - position - sizeof *header;
-        return mMessage == nullptr && header->payload == toWrap &&
-                       mRingBytes - position <= published
+        return !mInMessage && header->payload == toWrap && mRingBytes - position <= published
                    ? NO_ERROR
                    : kPeerCorrupted;
     }
     const size_t expected = mMessageLength - mFilled;  // what a continuation must announce
     const bool fits = sizeof *header + alignRecord(header->payload) <= published;
-    const bool continues = mMessage == nullptr || header->remaining == expected;
+    const bool continues = !mInMessage || header->remaining == expected;
     return fits && continues && header->payload <= header->remaining ? NO_ERROR : kPeerCorrupted;
 }
 
 status_t RingReader::startMessage(const RecordHeader& header, MessageSink* sink) {
     if (header.remaining == 0 || header.remaining > mMaxMessage) return kPeerCorrupted;
-    mMessage = sink->reserve(header.remaining);
-    if (mMessage == nullptr) return NO_MEMORY;
+    // A message not kept is only skipped: nothing is allocated for it.
+    if (sink->accept(header.remaining)) {
+        mMessage = sink->reserve(header.remaining);
+        if (mMessage == nullptr) return NO_MEMORY;
+    }
+    mInMessage = true;
     mMessageLength = header.remaining;
     mFilled = 0;
     return NO_ERROR;
@@ -93,6 +99,7 @@ void RingReader::release(uint64_t head) {
 status_t RingReader::fail(status_t status) {
     mCorrupted = true;
     mMessage = nullptr;
+    mInMessage = false;
     return status;
 }
 

@@ -24,7 +24,8 @@ class RingReader {
     RingReader(DirectionControl* control, const uint8_t* data, size_t ringBytes, size_t maxMessage);
 
     // Consumes what has been published, up to the end of one message.
-    // NO_ERROR: a whole message of *length bytes is in the sink's buffer.
+    // NO_ERROR: a whole message of *length bytes is in the sink's buffer
+    // (or was skipped, when the sink did not accept it).
     // WOULD_BLOCK: no whole message yet; a message begun stays in the buffer
     // the sink gave, to be continued by the next read with the same sink.
     // kPeerCorrupted: the producer broke the rules. NO_MEMORY: the sink refused.
@@ -57,7 +58,8 @@ class RingReader {
     // while the reader reads (a pool about to wait in epoll).
     std::atomic<uint64_t> mConsumed{0};
     bool mCorrupted = false;
-    // The message being assembled.
+    // The message being assembled (or skipped: mMessage null).
+    bool mInMessage = false;
     uint8_t* mMessage = nullptr;
     size_t mMessageLength = 0;
     size_t mFilled = 0;

@@ -47,21 +47,56 @@ ShmChannel::ShmChannel(std::unique_ptr<ShmRegion> region, int outgoing,
       mOutgoing(outgoing),
       mMaxMessage(std::min<size_t>(options.maxMessage, UINT32_MAX)),
       mSpin(options.spin),
-      mSleepSlice(options.sleepSlice) {}
+      mSleepSlice(options.sleepSlice),
+      mStreamPatience(options.streamPatience),
+      mStreamLimit(options.streamLimit) {}
 
 ShmChannel::~ShmChannel() = default;
 
-status_t ShmChannel::send(const iovec* parts, size_t count, Clock::time_point deadline) {
+ShmChannel::Clock::duration ShmChannel::patienceTill(Clock::time_point deadline) const {
+    return std::max<Clock::duration>(deadline - Clock::now(), mStreamPatience);
+}
+
+status_t ShmChannel::checkSendable(size_t length) const {
     if (mShutdown.load(std::memory_order_acquire) || mWriter.consumerClosed()) return DEAD_OBJECT;
     if (broken()) return kPeerCorrupted;
-    GatherCursor source(parts, count);
-    const size_t length = source.remaining();
     // The peer's limit is taken to be ours: beyond it, it would drop the connection.
-    if (length == 0 || length > mMaxMessage) return BAD_VALUE;
-    const size_t whole = sizeof(RecordHeader) + alignRecord(length);
-    if (whole > mWriter.ringBytes()) return sendStreamed(&source, deadline);
+    return length == 0 || length > mMaxMessage ? BAD_VALUE : NO_ERROR;
+}
+
+status_t ShmChannel::send(const iovec* parts, size_t count, Clock::time_point deadline) {
+    GatherCursor source(parts, count);
+    const status_t status = checkSendable(source.remaining());
+    if (status != NO_ERROR) return status;
+    const size_t whole = sizeof(RecordHeader) + alignRecord(source.remaining());
+    if (whole > mWriter.ringBytes()) return sendStreamed(&source, deadline, patienceTill(deadline));
     rewindIfEmpty(whole);
     return sendWhole(&source, whole, deadline);
+}
+
+status_t ShmChannel::sendHeaded(const iovec& head, const iovec* parts, size_t count,
+                                Clock::time_point deadline) {
+    GatherCursor headSource(&head, 1);
+    GatherCursor source(parts, count);
+    status_t status = checkSendable(source.remaining());
+    if (status == NO_ERROR) status = checkSendable(headSource.remaining());
+    if (status != NO_ERROR) return status;
+    const size_t headBytes = sizeof(RecordHeader) + alignRecord(headSource.remaining());
+    const size_t whole = headBytes + sizeof(RecordHeader) + alignRecord(source.remaining());
+    const size_t ring = mWriter.ringBytes();
+    const bool streamed = whole > ring;
+    const Clock::duration patience = patienceTill(deadline);
+    const size_t first = streamed ? std::min(ring, headBytes + kStreamChunk) : whole;
+    rewindIfEmpty(first);
+    status = waitForRoom(first, deadline);
+    if (status != NO_ERROR) return status;
+    const auto headLength = static_cast<uint32_t>(headSource.remaining());
+    // Published with the first record of the second message, which now fits.
+    mWriter.append(&headSource, headLength, headLength);
+    status = streamed ? sendStreamed(&source, deadline, patience)
+                      : sendWhole(&source, whole - headBytes, deadline);
+    // A first message without the second: the reader could not go on.
+    return status == NO_ERROR ? status : breakWith(status);
 }
 
 // Back to the front of an empty ring, when the message fits before where the
@@ -91,9 +126,14 @@ status_t ShmChannel::sendWhole(GatherCursor* source, size_t bytes, Clock::time_p
 
 // Records published one by one, so that the reader can copy out while the
 // next one goes in.
-status_t ShmChannel::sendStreamed(GatherCursor* source, Clock::time_point deadline) {
+// The wait is for progress: a reader that keeps copying out keeps the message
+// going, however long it is; `patience` is how long it may stop.
+status_t ShmChannel::sendStreamed(GatherCursor* source, Clock::time_point deadline,
+                                  Clock::duration patience) {
     const size_t chunk = std::min(mWriter.ringBytes() / 4, kStreamChunk);
     const size_t length = source->remaining();
+    const Clock::time_point latest =
+        Clock::now() + std::max<Clock::duration>(patience, mStreamLimit);
     while (source->remaining() > 0) {
         const size_t rest = sizeof(RecordHeader) + alignRecord(source->remaining());
         status_t status = waitForRoom(std::min(rest, chunk), deadline);
@@ -108,6 +148,7 @@ status_t ShmChannel::sendStreamed(GatherCursor* source, Clock::time_point deadli
         const auto remaining = static_cast<uint32_t>(source->remaining());
         mWriter.append(source, static_cast<uint32_t>(payload), remaining);
         publishAndWake();
+        deadline = std::min(latest, std::max(deadline, Clock::now() + patience));
     }
     return NO_ERROR;
 }

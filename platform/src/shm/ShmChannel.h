@@ -31,6 +31,13 @@ struct ShmChannelOptions {
     // The longest single futex sleep. Wake-ups do not depend on it; it bounds
     // what a peer that scribbles on our futex word can delay a shutdown() by.
     std::chrono::nanoseconds sleepSlice = std::chrono::milliseconds(250);
+    // A message streamed half-way waits at least this long for each bit of
+    // room, whatever the send's own wait: a reader that was only
+    // descheduled for a moment must not cost the connection.
+    std::chrono::nanoseconds streamPatience = std::chrono::milliseconds(0);
+    // How long a streamed message may take in all, however it moves: a
+    // reader that trickles cannot hold the sender for longer.
+    std::chrono::nanoseconds streamLimit = std::chrono::seconds(10);
 };
 
 // One process's end of a connection's shared-memory data path: a ring out
@@ -68,10 +75,18 @@ class ShmChannel {
 
     // Sends one message made of `parts`. Waits for room until `deadline`; a
     // message that fits the ring times out cleanly (nothing written), a longer
-    // one that stalls half-way breaks the channel. TIMED_OUT, DEAD_OBJECT after
+    // one that stalls half-way breaks the channel: it waits until `deadline`
+    // for room, and as long again (or the stream patience, if longer) after
+    // each record it got in. TIMED_OUT, DEAD_OBJECT after
     // either end's shutdown, kPeerCorrupted, BAD_VALUE for an empty or
     // oversized message.
     status_t send(const iovec* parts, size_t count, Clock::time_point deadline);
+    // Sends `head`, a message that fits the ring, and right behind it the
+    // message made of `parts`, published together with the first record of
+    // it: nothing is written unless both fit, or, for a longer second one,
+    // the first and a record of it. Then as send().
+    status_t sendHeaded(const iovec& head, const iovec* parts, size_t count,
+                        Clock::time_point deadline);
     // Receives one message into `sink` (see RingReader::read), waiting until
     // `deadline`. A message begun when the wait times out is kept; continue it
     // with the same sink.
@@ -106,8 +121,11 @@ class ShmChannel {
     ShmChannel(std::unique_ptr<ShmRegion> region, int outgoing, const ShmChannelOptions& options);
 
     void rewindIfEmpty(size_t bytes);
+    status_t checkSendable(size_t length) const;
     status_t sendWhole(GatherCursor* source, size_t length, Clock::time_point deadline);
-    status_t sendStreamed(GatherCursor* source, Clock::time_point deadline);
+    Clock::duration patienceTill(Clock::time_point deadline) const;
+    status_t sendStreamed(GatherCursor* source, Clock::time_point deadline,
+                          Clock::duration patience);
     status_t waitForRoom(size_t bytes, Clock::time_point deadline);
     void publishAndWake();
     // Waits until ready() on the futex word `own`; a receiver also publishes
@@ -126,6 +144,8 @@ class ShmChannel {
     const size_t mMaxMessage;
     const std::chrono::nanoseconds mSpin;
     const std::chrono::nanoseconds mSleepSlice;
+    const std::chrono::nanoseconds mStreamPatience;
+    const std::chrono::nanoseconds mStreamLimit;
     PollWaker mPollWaker;
     std::atomic<bool> mShutdown{false};
     std::atomic<bool> mBroken{false};

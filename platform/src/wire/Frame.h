@@ -18,7 +18,8 @@ namespace tvbinder {
 // One message on a connection. Small frames are a single SOCK_SEQPACKET
 // message: header, data, then the offsets of the embedded object records.
 // Larger ones carry only the header; data and offsets follow in a sealed
-// memfd passed as the frame's first descriptor.
+// memfd passed as the frame's first descriptor, or, on a shared-memory
+// connection, as the ring's next message.
 enum class FrameKind : uint32_t {
     kHello = 1,          // argument: sender's endpoint
     kHelloAnswer = 2,    // argument: sender's endpoint (context listener only)
@@ -51,6 +52,8 @@ static_assert(sizeof(FrameHeader) == 56, "FrameHeader is a fixed wire record");
 
 constexpr uint32_t kFrameMagic = 0x74766231;  // "tvb1"
 constexpr uint32_t kLayoutBodyInMemfd = 1;
+// Shared-memory connections: data and offsets follow as the ring's next message.
+constexpr uint32_t kLayoutBodyInRing = 2;
 // HELLO flag: the connection will carry only one-ways and releases.
 constexpr uint32_t kHelloLink = 1;
 // TRANSACTION flag: a one-way (IBinder::FLAG_ONEWAY).
@@ -106,6 +109,8 @@ class Frame {
 
     // Room for the data: `size` bytes, or null when memory ran out.
     uint8_t* allocateData(size_t size);
+    // Takes `data` (from malloc) as the data.
+    void adoptData(uint8_t* data) { mData.reset(data); }
     void addFd(int fd) { mFds.push_back(fd); }
     // Takes the first descriptor (a large body's memfd) out of the frame.
     int takeFirstFd();

@@ -19,14 +19,20 @@ namespace {
 
 using Clock = shm::ShmChannel::Clock;
 
-// Frames up to an inline frame's size take the ring; larger bodies keep to a
-// memfd on the socket, charged to the sender's share as before.
+// Frames up to an inline frame's size are one message of the ring; larger
+// ones are their header, then their body as the next message.
 constexpr size_t kMaxRingFrame = kMaxInlineFrame;
+constexpr size_t kMaxBody = kMaxTransactionSize + kMaxObjectsPerFrame * sizeof(uint32_t);
 // Per direction, well above a link's one-way budget: the budget, not the
 // ring, refuses one-ways. Only what is used becomes resident; small frames
 // keep to the ring's first 64 KiB.
 constexpr size_t kRingBytes = size_t{1} << 20;
 static_assert(kRingBytes >= 2 * kOneWayBudget, "a link's ring must hold its one-way budget");
+// What a large body streaming through the ring waits for each bit of room at
+// least, also for answers and one-ways (whose sends wait 5 ms): the reader
+// may be descheduled for a while; one that stops for longer costs the
+// connection, and frees the send lock.
+constexpr auto kStreamPatience = std::chrono::milliseconds(500);
 // A receive that waits looks at the socket for a hang-up this often.
 constexpr auto kHangUpCheck = std::chrono::milliseconds(50);
 // A frame found on the socket before its marker: an honest sender writes the
@@ -36,7 +42,8 @@ constexpr auto kMarkerWait = std::chrono::milliseconds(100);
 shm::ShmChannelOptions ringOptions() {
     shm::ShmChannelOptions options;
     options.ringBytes = kRingBytes;
-    options.maxMessage = kMaxRingFrame;
+    options.maxMessage = std::max(kMaxRingFrame, kMaxBody);
+    options.streamPatience = kStreamPatience;
     return options;
 }
 
@@ -114,9 +121,8 @@ status_t ShmFrameChannel::send(const OutgoingFrame& frame, int waitMs) {
     const size_t size =
         sizeof(FrameHeader) + frame.header.dataSize + frame.offsets.size() * sizeof(uint32_t);
     LockGuard guard(mSendLock);
-    if (!frame.fds.empty() || size > kMaxRingFrame || !frame.withinLimits()) {
-        return sendOnSocket(frame, waitMs);
-    }
+    if (!frame.fds.empty() || !frame.withinLimits()) return sendOnSocket(frame, waitMs);
+    if (size > kMaxRingFrame) return sendLargeOnRing(frame, waitMs);
     return sendOnRing(frame, waitMs);
 }
 
@@ -132,6 +138,32 @@ status_t ShmFrameChannel::sendOnRing(const OutgoingFrame& frame, int waitMs) {
                           frame.offsets.size() * sizeof(uint32_t)};
     }
     return writeRing(parts, count, waitMs);
+}
+
+// The header, then the body as a message of its own: the receiver charges
+// the body to this process's share before it allocates room for it. The
+// send lock is held while the body streams in, as long as the receiver copies
+// it out; a receiver that stops for the send's wait (kStreamPatience at
+// least, once the body has begun) ends the connection.
+status_t ShmFrameChannel::sendLargeOnRing(const OutgoingFrame& frame, int waitMs) {
+    FrameHeader header = frame.header;
+    header.objectCount = static_cast<uint32_t>(frame.offsets.size());
+    header.layout |= kLayoutBodyInRing;
+    const iovec head{&header, sizeof header};
+    iovec parts[2];
+    size_t count = 0;
+    if (header.dataSize > 0) parts[count++] = {const_cast<uint8_t*>(frame.data), header.dataSize};
+    if (!frame.offsets.empty()) {
+        parts[count++] = {const_cast<uint32_t*>(frame.offsets.data()),
+                          frame.offsets.size() * sizeof(uint32_t)};
+    }
+    const status_t status = mRing->sendHeaded(head, parts, count, deadlineIn(waitMs));
+    if (status != NO_ERROR && mRing->broken()) {
+        // Half a frame in the ring: the order is lost, and so is the connection.
+        shutdown();
+        return DEAD_OBJECT;
+    }
+    return writeRingStatus(status);
 }
 
 // The frame on the socket first, then its marker: the receiver that meets
@@ -150,7 +182,10 @@ status_t ShmFrameChannel::sendOnSocket(const OutgoingFrame& frame, int waitMs) {
 }
 
 status_t ShmFrameChannel::writeRing(const iovec* parts, size_t count, int waitMs) {
-    const status_t status = mRing->send(parts, count, deadlineIn(waitMs));
+    return writeRingStatus(mRing->send(parts, count, deadlineIn(waitMs)));
+}
+
+status_t ShmFrameChannel::writeRingStatus(status_t status) {
     switch (status) {
         case NO_ERROR:
         case DEAD_OBJECT:
@@ -237,13 +272,11 @@ status_t ShmFrameChannel::receiveNow(Frame* out) {
 }
 
 status_t ShmFrameChannel::takeFrame(Frame* out) {
+    if (mLargeBody.active()) return takeLargeBody(out);
     size_t length = 0;
-    const status_t status = mRing->tryReceive(&mSink, &length);
-    if (status == WOULD_BLOCK || status == DEAD_OBJECT) return status;
-    if (status != NO_ERROR) {
-        ALOGW("pid %d broke the rules of the memory it shares with this process", mPeerPid);
-        return corrupted(status);
-    }
+    const status_t status =
+        takeMessage(&mSink, &length, "broke the rules of the memory it shares with this process");
+    if (status != NO_ERROR) return status;
     if (length < sizeof(FrameHeader)) return corrupted(BAD_VALUE);
     // The copy is what is checked: the peer may be changing the ring meanwhile.
     memcpy(&out->header, mSink.data(), sizeof(FrameHeader));
@@ -251,10 +284,75 @@ status_t ShmFrameChannel::takeFrame(Frame* out) {
         if (length != sizeof(FrameHeader)) return corrupted(BAD_VALUE);
         return takeSocketFrame(out);
     }
-    if (!out->headerWithinLimits(0)) return corrupted(BAD_VALUE);
+    if (!out->headerWithinLimits(kLayoutBodyInRing)) return corrupted(BAD_VALUE);
+    if ((out->header.layout & kLayoutBodyInRing) != 0) {
+        if (length != sizeof(FrameHeader)) return corrupted(BAD_VALUE);
+        const status_t started = startLargeBody(out->header);
+        return started == NO_ERROR ? takeLargeBody(out) : started;
+    }
     const status_t copied =
         out->copyInlineBody(mSink.data() + sizeof(FrameHeader), length - sizeof(FrameHeader));
     return copied == BAD_VALUE ? corrupted(copied) : copied;
+}
+
+status_t ShmFrameChannel::startLargeBody(const FrameHeader& header) {
+    const size_t bodySize = frameBodySize(header);
+    if (bodySize + sizeof(FrameHeader) <= kMaxRingFrame) return corrupted(BAD_VALUE);
+    BodyCharge charge;
+    const sp<PeerAccount>& account = mSocket.account();
+    if (account != nullptr) {
+        if (!account->takeBody(bodySize)) {
+            ALOGW("pid %d sent more large frames at once than its share", mPeerPid);
+            mLargeBody.start(header, BodyCharge(), false);
+            return NO_ERROR;
+        }
+        charge = BodyCharge(account, bodySize);
+    }
+    mLargeBody.start(header, std::move(charge), true);
+    return NO_ERROR;
+}
+
+status_t ShmFrameChannel::takeLargeBody(Frame* out) {
+    size_t length = 0;
+    const status_t status =
+        takeMessage(&mLargeBody, &length, "sent a body that is not the one its header announced");
+    return status == NO_ERROR ? mLargeBody.finish(out) : status;
+}
+
+status_t ShmFrameChannel::takeMessage(shm::MessageSink* sink, size_t* length, const char* breach) {
+    const status_t status = mRing->tryReceive(sink, length);
+    if (status == NO_ERROR || status == WOULD_BLOCK || status == DEAD_OBJECT) return status;
+    ALOGW("pid %d %s", mPeerPid, breach);
+    return corrupted(status);
+}
+
+void ShmFrameChannel::LargeBody::start(const FrameHeader& header, BodyCharge charge, bool kept) {
+    mActive = true;
+    mHeader = header;
+    mHeader.layout = 0;
+    mCharge = std::move(charge);
+    mData.reset(kept ? static_cast<uint8_t*>(malloc(frameBodySize(header))) : nullptr);
+    if (mData == nullptr) mCharge = BodyCharge();
+}
+
+uint8_t* ShmFrameChannel::LargeBody::reserve(size_t length) {
+    // Another length than announced: refused, which ends the connection.
+    return length == frameBodySize(mHeader) ? mData.get() : nullptr;
+}
+
+status_t ShmFrameChannel::LargeBody::finish(Frame* out) {
+    mActive = false;
+    out->header = mHeader;
+    if (mData == nullptr) return NO_MEMORY;
+    // Data, then the offsets: the data keeps the buffer (and the offsets' room).
+    out->offsets.resize(mHeader.objectCount);
+    if (mHeader.objectCount > 0) {
+        memcpy(out->offsets.data(), mData.get() + mHeader.dataSize,
+               mHeader.objectCount * sizeof(uint32_t));
+    }
+    out->adoptData(mData.release());
+    out->charge = std::move(mCharge);
+    return NO_ERROR;
 }
 
 status_t ShmFrameChannel::takeSocketFrame(Frame* out) {

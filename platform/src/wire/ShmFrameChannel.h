@@ -1,5 +1,6 @@
 #pragma once
 
+#include <stdlib.h>
 #include <sys/types.h>
 
 #include <memory>
@@ -15,10 +16,12 @@ namespace android {
 namespace tvbinder {
 
 // The shared-memory path of a connection: frames go through a ring per
-// direction in a sealed region the two processes map (shm::ShmChannel). The
-// socket stays for what the ring does not carry: frames with descriptors or
-// with bodies beyond an inline frame go on the socket, a marker taking their
-// place in the ring so that one order holds; a pool that waits in epoll is
+// direction in a sealed region the two processes map (shm::ShmChannel). A
+// frame larger than an inline frame goes as its header, then its body as a
+// message of its own (streamed when longer than the ring), charged to the
+// sender's share before the receiver allocates it. The socket stays for what
+// the ring does not carry: frames with descriptors go on the socket, a marker
+// taking their place in the ring so that one order holds; a pool that waits in
 // woken by a WAKE frame on the socket (sent without waiting); hang-ups show
 // on the socket, and shut the ring down. What is read from the ring is copied
 // out before it is checked, and a peer that breaks the ring's rules loses
@@ -66,14 +69,23 @@ class ShmFrameChannel final : public FrameChannel {
     // A child made by fork() has neither the mapping nor the socket.
     bool stale() const { return TransportFds::generation() != mGeneration; }
     status_t sendOnRing(const OutgoingFrame& frame, int waitMs) TV_REQUIRES(mSendLock);
+    status_t sendLargeOnRing(const OutgoingFrame& frame, int waitMs) TV_REQUIRES(mSendLock);
     status_t sendOnSocket(const OutgoingFrame& frame, int waitMs) TV_REQUIRES(mSendLock);
     status_t writeRing(const iovec* parts, size_t count, int waitMs) TV_REQUIRES(mSendLock);
+    status_t writeRingStatus(status_t status) TV_REQUIRES(mSendLock);
     // One frame if one waits, else WOULD_BLOCK with the peer asked to wake
     // the socket.
     status_t receiveNow(Frame* out) TV_REQUIRES(mReceiveLock);
     // The next frame of the ring (or the socket frame it stands for).
     status_t takeFrame(Frame* out) TV_REQUIRES(mReceiveLock);
     status_t takeSocketFrame(Frame* out) TV_REQUIRES(mReceiveLock);
+    // One message of the ring into `sink`; a broken rule, logged as
+    // `breach`, ends the channel.
+    status_t takeMessage(shm::MessageSink* sink, size_t* length, const char* breach)
+        TV_REQUIRES(mReceiveLock);
+    // The header of a large frame: charges its body and readies mLargeBody.
+    status_t startLargeBody(const FrameHeader& header) TV_REQUIRES(mReceiveLock);
+    status_t takeLargeBody(Frame* out) TV_REQUIRES(mReceiveLock);
     // Consumes WAKE frames at the head of the socket. DEAD_OBJECT when the
     // peer hung up (the ring is shut down then); *frameFirst when a frame
     // waits there before its marker.
@@ -87,7 +99,31 @@ class ShmFrameChannel final : public FrameChannel {
     const unsigned mGeneration;
     Mutex mSendLock{LockRank::kChannelSend};
     Mutex mReceiveLock{LockRank::kChannelReceive};
-    shm::BufferSink mSink TV_GUARDED_BY(mReceiveLock);
+    // Inline frames; larger messages here are a broken rule.
+    shm::BufferSink mSink TV_GUARDED_BY(mReceiveLock){kMaxInlineFrame};
+    // The large body being read, its header having come: kept from one
+    // receive to the next while it streams in.
+    class LargeBody final : public shm::MessageSink {
+      public:
+        bool active() const { return mActive; }
+        // Expects the body `header` announces; `charge` paid for it. Without
+        // a charge (the share is spent) or memory, the body is skipped.
+        void start(const FrameHeader& header, BodyCharge charge, bool kept);
+        bool accept(size_t) override { return mData != nullptr; }
+        uint8_t* reserve(size_t length) override;
+        // The frame once its body is in: NO_MEMORY (header only) when skipped.
+        status_t finish(Frame* out);
+
+      private:
+        struct Free {
+            void operator()(uint8_t* data) const { free(data); }
+        };
+        bool mActive = false;
+        FrameHeader mHeader{};
+        BodyCharge mCharge;
+        std::unique_ptr<uint8_t, Free> mData;
+    };
+    LargeBody mLargeBody TV_GUARDED_BY(mReceiveLock);
 };
 
 }  // namespace tvbinder

@@ -23,6 +23,8 @@ class SocketChannel final : public FrameChannel {
     // Large bodies received from now on are charged to `account`. Set before
     // the first frame is read.
     void chargeBodiesTo(const sp<PeerAccount>& account) { mAccount = account; }
+    // Where large bodies are charged; null when nowhere.
+    const sp<PeerAccount>& account() const { return mAccount; }
 
     [[nodiscard]] status_t send(const OutgoingFrame& frame, int waitMs) override;
     [[nodiscard]] status_t receive(Frame* out, bool block) override;
