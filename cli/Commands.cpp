@@ -29,8 +29,8 @@ struct Entry {
 // The pid of a master's sub-service, as its carrier tells it; -1 when it does not answer.
 int subServicePid(const sp<android::IBinder>& master, const std::string& name) {
     JsonValue status;
-    sp<android::IBinder> subService = ContextInspector::subService(master, name);
-    if (!ContextInspector::carrierStatus(subService, &status)) return -1;
+    sp<android::IBinder> subService = ContextView::subService(master, name);
+    if (!ContextView::carrierStatus(subService, &status)) return -1;
     return static_cast<int>(status["pid"].number(-1));
 }
 
@@ -44,13 +44,13 @@ std::vector<std::pair<std::string, int>> subServicesOf(const sp<android::IBinder
     return subServices;
 }
 
-Entry describe(ContextInspector& context, android::IServiceManager::Registration registration) {
+Entry describe(ContextView& context, android::IServiceManager::Registration registration) {
     Entry entry;
     entry.registration = std::move(registration);
     const std::string name = android::String8(entry.registration.name).string();
     sp<android::IBinder> object = context.object(name);
     JsonValue status;
-    if (ContextInspector::carrierStatus(object, &status) && status["kind"].string() == "service") {
+    if (ContextView::carrierStatus(object, &status) && status["kind"].string() == "service") {
         entry.kind = "service";
         entry.clients = status["clients"].elements().size();
         entry.subServices = subServicesOf(object, status);
@@ -118,7 +118,7 @@ std::string contextName() {
     return name != nullptr && name[0] != '\0' ? name : "default";
 }
 
-int listNames(ContextInspector& context, const CommandLine& line) {
+int listNames(ContextView& context, const CommandLine& line) {
     std::vector<Entry> entries;
     for (auto& registration : context.registrations()) {
         entries.push_back(describe(context, std::move(registration)));
@@ -133,7 +133,7 @@ int listNames(ContextInspector& context, const CommandLine& line) {
     return 0;
 }
 
-int showStatus(ContextInspector& context, const CommandLine& line) {
+int showStatus(ContextView& context, const CommandLine& line) {
     const std::string& name = line.operands.at(0);
     sp<android::IBinder> object = context.object(name);
     JsonValue status;
@@ -141,7 +141,7 @@ int showStatus(ContextInspector& context, const CommandLine& line) {
         fprintf(stderr, "tavrin: no %s in context %s\n", name.c_str(), contextName().c_str());
         return 1;
     }
-    if (!ContextInspector::carrierStatus(object, &status) || status["kind"].string() != "service") {
+    if (!ContextView::carrierStatus(object, &status) || status["kind"].string() != "service") {
         fprintf(stderr, "tavrin: %s is not a tavrin service\n", name.c_str());
         return 1;
     }
@@ -178,7 +178,7 @@ int showStatus(ContextInspector& context, const CommandLine& line) {
     return 0;
 }
 
-int ping(ContextInspector& context, const CommandLine& line) {
+int ping(ContextView& context, const CommandLine& line) {
     const std::string& name = line.operands.at(0);
     sp<android::IBinder> object = context.object(name);
     if (object == nullptr) {
@@ -192,7 +192,7 @@ int ping(ContextInspector& context, const CommandLine& line) {
         auto status = std::make_shared<android::status_t>(android::TIMED_OUT);
         const auto start = std::chrono::steady_clock::now();
         runBounded([object, status] { *status = object->pingBinder(); },
-                   ContextInspector::kAnswerTimeout);
+                   ContextView::kAnswerTimeout);
         const double millis = millisSince(start);
         if (*status != android::NO_ERROR) {
             printf("%s: seq=%ld no answer (%d)\n", name.c_str(), sequence, *status);
@@ -222,7 +222,7 @@ int waitFor(const CommandLine& line) {
         if (!forever && left.count() <= 0) break;
         const auto slice = forever ? std::chrono::milliseconds(60000)
                                    : std::min(left, std::chrono::milliseconds(60000));
-        ContextInspector context;
+        ContextView context;
         if (!context.connect()) {
             std::this_thread::sleep_for(std::min(slice, std::chrono::milliseconds(100)));
             continue;

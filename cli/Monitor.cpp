@@ -50,7 +50,7 @@ std::string recordJson(const JsonValue& record) {
 
 }  // namespace
 
-Monitor::Monitor(ContextInspector& context, const CommandLine& line)
+Monitor::Monitor(ContextView& context, const CommandLine& line)
     : mContext(context), mLine(line), mNames(line.operands.begin(), line.operands.end()) {}
 
 int Monitor::run() {
@@ -117,10 +117,10 @@ bool Monitor::refresh() {
 
 void Monitor::lookForSubServices(const Source& master) {
     JsonValue status;
-    if (!ContextInspector::carrierStatus(master.binder, &status)) return;
+    if (!ContextView::carrierStatus(master.binder, &status)) return;
     for (const JsonValue& subService : status["subServices"].elements()) {
         const std::string name = subService["name"].string();
-        sp<android::IBinder> binder = ContextInspector::subService(master.binder, name);
+        sp<android::IBinder> binder = ContextView::subService(master.binder, name);
         if (binder != nullptr) watch(name, binder, false);
     }
 }
@@ -131,14 +131,14 @@ void Monitor::watch(const std::string& name, const sp<android::IBinder>& binder,
     size_t end = 0;
     int pid = 0;
     int64_t next = 0;
-    if (!ContextInspector::dump(binder, {"--monitor", name, "-1"}, &text) ||
+    if (!ContextView::dump(binder, {"--monitor", name, "-1"}, &text) ||
         !takeHeader(text, &end, &pid, &next)) {
         mOthers.insert(binder);
         return;
     }
     mCursors.emplace(pid, next);  // a process watched already keeps its cursor
     JsonValue status;
-    const bool master = service && ContextInspector::carrierStatus(binder, &status) &&
+    const bool master = service && ContextView::carrierStatus(binder, &status) &&
                         status["kind"].string() == "service";
     mSources.emplace(binder.get(), Source{name, binder, pid, master});
     fprintf(stderr, "tavrin: watching %s (pid %d)\n", name.c_str(), pid);
@@ -149,7 +149,7 @@ bool Monitor::read(const Source& source, std::vector<JsonValue>* records) {
     std::string text;
     // The process's cursor: the records of all its carriers come through any of them.
     const std::string cursor = std::to_string(mCursors[source.pid]);
-    if (!ContextInspector::dump(source.binder, {"--monitor", source.name, cursor}, &text)) {
+    if (!ContextView::dump(source.binder, {"--monitor", source.name, cursor}, &text)) {
         return true;  // too slow this time
     }
     size_t end = 0;

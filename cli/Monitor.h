@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "CommandLine.h"
-#include "ContextInspector.h"
+#include "ContextView.h"
 #include "JsonValue.h"
 
 namespace tavrin_cli {
@@ -28,7 +28,7 @@ class Monitor {
     static constexpr std::chrono::milliseconds kReadPeriod{100};
     static constexpr std::chrono::milliseconds kRefreshPeriod{500};
 
-    Monitor(ContextInspector& context, const CommandLine& line);
+    Monitor(ContextView& context, const CommandLine& line);
     // 0 once --count records were shown or --timeout passed; 1 when the
     // context's service manager is gone.
     int run();
@@ -53,7 +53,7 @@ class Monitor {
     bool wanted(const JsonValue& record) const;
     void show(const JsonValue& record);
 
-    ContextInspector& mContext;
+    ContextView& mContext;
     const CommandLine& mLine;
     const std::set<std::string> mNames;  // empty: every service
     std::map<android::IBinder*, Source> mSources;

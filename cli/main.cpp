@@ -7,7 +7,7 @@
 #include "BoundedCall.h"
 #include "CommandLine.h"
 #include "Commands.h"
-#include "ContextInspector.h"
+#include "ContextView.h"
 #include "Monitor.h"
 
 using namespace tavrin_cli;
@@ -16,7 +16,7 @@ namespace {
 
 // The commands that need the context's service manager, which they never start.
 int runInContext(const CommandLine& line) {
-    ContextInspector context;
+    ContextView context;
     if (!context.connect()) {
         fprintf(stderr, "tavrin: no service manager serves context %s\n", contextName().c_str());
         return 1;

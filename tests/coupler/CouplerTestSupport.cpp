@@ -16,7 +16,7 @@
 #include <thread>
 
 #include "Announcer.h"
-#include "ContextInspector.h"
+#include "ContextView.h"
 #include "Discoverer.h"
 #include "IService.h"
 #include "ISubService.h"
@@ -298,7 +298,7 @@ std::vector<std::string> linesUntil(tvtest::ChildProcess& child, const std::stri
 
 int waitingIn(const std::string& name) {
     tavrin_cli::JsonValue status;
-    const bool answered = tavrin_cli::ContextInspector::carrierStatus(
+    const bool answered = tavrin_cli::ContextView::carrierStatus(
         android::defaultServiceManager()->checkService(android::String16(name.c_str())), &status);
     return answered ? static_cast<int>(status["waiting"].number()) : -1;
 }

@@ -24,7 +24,7 @@
 #include <thread>
 #include <vector>
 
-#include "ContextInspector.h"
+#include "ContextView.h"
 #include "CouplerTestSupport.h"
 #include "LogCapture.h"
 #include "ProcSupport.h"
@@ -196,7 +196,7 @@ TEST_F(Wire, ServiceAndSubServiceCodesAnswerExactlyAndNotificationsHaveTheirLayo
     const std::string subName = uniqueName("sub");
     tvtest::ChildProcess subService("subservice", {subName, mName});
     ASSERT_TRUE(awaitLine(subService, "published 0"));
-    sp<IBinder> carrier = tavrin_cli::ContextInspector::subService(mCarrier, subName);
+    sp<IBinder> carrier = tavrin_cli::ContextView::subService(mCarrier, subName);
     ASSERT_NE(carrier, nullptr);
 
     expectAnswer(carrier, ADD_NOTIFIER, {notifier}, {0});

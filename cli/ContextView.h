@@ -16,7 +16,7 @@ namespace tavrin_cli {
 // of themselves through the platform's dump request (CarrierDump's formats).
 // Every request to another process is bounded in time. Never starts a
 // service manager. Used by the command's main thread.
-class ContextInspector {
+class ContextView {
   public:
     static constexpr std::chrono::milliseconds kAnswerTimeout{3000};
 

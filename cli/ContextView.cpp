@@ -1,4 +1,4 @@
-#include "ContextInspector.h"
+#include "ContextView.h"
 
 #include <binder/Parcel.h>
 #include <binder/ProcessState.h>
@@ -52,7 +52,7 @@ std::string firstLineOf(const std::string& path) {
 
 }  // namespace
 
-bool ContextInspector::connect() {
+bool ContextView::connect() {
     sp<IBinder> context = android::ProcessState::self()->getContextObject(nullptr);
     if (context == nullptr) return false;
     auto answered = std::make_shared<std::atomic<bool>>(false);
@@ -63,15 +63,15 @@ bool ContextInspector::connect() {
     return true;
 }
 
-std::vector<android::IServiceManager::Registration> ContextInspector::registrations() {
+std::vector<android::IServiceManager::Registration> ContextView::registrations() {
     return mManager->listRegistrations();
 }
 
-sp<IBinder> ContextInspector::object(const std::string& name) {
+sp<IBinder> ContextView::object(const std::string& name) {
     return mManager->checkService(android::String16(name.c_str()));
 }
 
-sp<IBinder> ContextInspector::subService(const sp<IBinder>& master, const std::string& name) {
+sp<IBinder> ContextView::subService(const sp<IBinder>& master, const std::string& name) {
     auto found = std::make_shared<sp<IBinder>>();
     const bool answered = runBounded(
         [master, name, found] {
@@ -85,8 +85,8 @@ sp<IBinder> ContextInspector::subService(const sp<IBinder>& master, const std::s
     return answered ? *found : nullptr;
 }
 
-bool ContextInspector::dump(const sp<IBinder>& object, const std::vector<std::string>& args,
-                            std::string* text) {
+bool ContextView::dump(const sp<IBinder>& object, const std::vector<std::string>& args,
+                       std::string* text) {
     const auto deadline = std::chrono::steady_clock::now() + kAnswerTimeout;
     int pipeEnds[2];
     if (pipe2(pipeEnds, O_CLOEXEC) != 0) return false;
@@ -110,7 +110,7 @@ bool ContextInspector::dump(const sp<IBinder>& object, const std::vector<std::st
     return complete;
 }
 
-bool ContextInspector::carrierStatus(const sp<IBinder>& object, JsonValue* status) {
+bool ContextView::carrierStatus(const sp<IBinder>& object, JsonValue* status) {
     std::string text;
     return object != nullptr && dump(object, {}, &text) && JsonValue::parse(text, status) &&
            (*status)["kind"].type() == JsonValue::Type::kString;
