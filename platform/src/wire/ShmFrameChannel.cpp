@@ -55,6 +55,27 @@ FrameHeader controlHeader(FrameKind kind) {
     return OutgoingFrame::make(kind).header;
 }
 
+// The header a frame travels with in the ring, which counts its objects.
+FrameHeader ringHeader(const OutgoingFrame& frame) {
+    FrameHeader header = frame.header;
+    header.objectCount = static_cast<uint32_t>(frame.offsets.size());
+    return header;
+}
+
+// The frame's data and offsets, those it has, as parts of a ring message:
+// how many there are.
+size_t bodyParts(const OutgoingFrame& frame, iovec* parts) {
+    size_t count = 0;
+    if (frame.header.dataSize > 0) {
+        parts[count++] = {const_cast<uint8_t*>(frame.data), frame.header.dataSize};
+    }
+    if (!frame.offsets.empty()) {
+        parts[count++] = {const_cast<uint32_t*>(frame.offsets.data()),
+                          frame.offsets.size() * sizeof(uint32_t)};
+    }
+    return count;
+}
+
 bool isControl(const FrameHeader& header, FrameKind kind) {
     return header.magic == kFrameMagic && header.kind == static_cast<uint32_t>(kind);
 }
@@ -127,16 +148,10 @@ status_t ShmFrameChannel::send(const OutgoingFrame& frame, int waitMs) {
 }
 
 status_t ShmFrameChannel::sendOnRing(const OutgoingFrame& frame, int waitMs) {
-    FrameHeader header = frame.header;
-    header.objectCount = static_cast<uint32_t>(frame.offsets.size());
+    FrameHeader header = ringHeader(frame);
     iovec parts[3];
-    size_t count = 0;
-    parts[count++] = {&header, sizeof header};
-    if (header.dataSize > 0) parts[count++] = {const_cast<uint8_t*>(frame.data), header.dataSize};
-    if (!frame.offsets.empty()) {
-        parts[count++] = {const_cast<uint32_t*>(frame.offsets.data()),
-                          frame.offsets.size() * sizeof(uint32_t)};
-    }
+    parts[0] = {&header, sizeof header};
+    const size_t count = 1 + bodyParts(frame, parts + 1);
     return writeRing(parts, count, waitMs);
 }
 
@@ -146,17 +161,11 @@ status_t ShmFrameChannel::sendOnRing(const OutgoingFrame& frame, int waitMs) {
 // it out; a receiver that stops for the send's wait (kStreamPatience at
 // least, once the body has begun) ends the connection.
 status_t ShmFrameChannel::sendLargeOnRing(const OutgoingFrame& frame, int waitMs) {
-    FrameHeader header = frame.header;
-    header.objectCount = static_cast<uint32_t>(frame.offsets.size());
+    FrameHeader header = ringHeader(frame);
     header.layout |= kLayoutBodyInRing;
     const iovec head{&header, sizeof header};
     iovec parts[2];
-    size_t count = 0;
-    if (header.dataSize > 0) parts[count++] = {const_cast<uint8_t*>(frame.data), header.dataSize};
-    if (!frame.offsets.empty()) {
-        parts[count++] = {const_cast<uint32_t*>(frame.offsets.data()),
-                          frame.offsets.size() * sizeof(uint32_t)};
-    }
+    const size_t count = bodyParts(frame, parts);
     const status_t status = mRing->sendHeaded(head, parts, count, deadlineIn(waitMs));
     if (status != NO_ERROR && mRing->broken()) {
         // Half a frame in the ring: the order is lost, and so is the connection.
