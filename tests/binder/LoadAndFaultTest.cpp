@@ -292,7 +292,9 @@ TEST(DeathNotices, APeerThatExecsIsDeadToItsRecipientsCallersAndObjects) {
     EXPECT_TRUE(waitUntil([&] { return lent.promote() == nullptr; }))
         << "the object lent to the process is still held";
     EXPECT_EQ(1, recipient->calls.load());
-    EXPECT_EQ("sleep", tvproc::processNameOf(child.pid())) << "the process did not exec";
+    // The kernel closes the descriptors of an exec before it renames the process.
+    EXPECT_TRUE(waitUntil([&] { return tvproc::processNameOf(child.pid()) == "sleep"; }))
+        << "the process did not exec";
     child.process().kill(SIGKILL);
     EXPECT_NE(-1, child.process().wait());
 }
