@@ -15,11 +15,15 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <condition_variable>
 #include <functional>
+#include <future>
+#include <mutex>
 #include <random>
 #include <string>
 #include <vector>
 
+#include "ProcSupport.h"
 #include "RawPeer.h"
 #include "base/Locks.h"
 #include "calls/ChainRegistry.h"
@@ -449,6 +453,65 @@ TEST(PeerAccounts, EachProcessHasItsShareOfConnectionsLinksAndBodiesAndNewcomers
     }
     EXPECT_TRUE(account->takeBody(PeerAccounts::kBodyBudgetPerProcess));
     account->returnBody(PeerAccounts::kBodyBudgetPerProcess);
+}
+
+// Stands for a pool thread lingering on a connection: counts the pool's stops,
+// and those that came while no pool thread waited in epoll.
+class CountedLinger : public ThreadPool::Lingerer {
+  public:
+    explicit CountedLinger(ThreadPool& pool) : mPool(pool) {}
+    void stopLingering() override {
+        std::lock_guard<std::mutex> guard(mLock);
+        ++mStops;
+        if (!mPool.hasIdleThreads()) ++mStopsWithNoThreadWaiting;
+    }
+    int stops() {
+        std::lock_guard<std::mutex> guard(mLock);
+        return mStops;
+    }
+    int stopsWithNoThreadWaiting() {
+        std::lock_guard<std::mutex> guard(mLock);
+        return mStopsWithNoThreadWaiting;
+    }
+
+  private:
+    ThreadPool& mPool;
+    std::mutex mLock;
+    int mStops = 0;
+    int mStopsWithNoThreadWaiting = 0;
+};
+
+TEST(ThreadPoolLingers, EndAfterAPeriodOrAtOnceWhenTheLastFreeThreadTakesWork) {
+    // Pool threads never return: the pool outlives the test.
+    auto* pool = new ThreadPool;
+    ASSERT_EQ(NO_ERROR, pool->init());
+    CountedLinger unticked(*pool);
+    EXPECT_FALSE(pool->beginLinger(&unticked));  // no thread waits in epoll to tick
+    pool->setMaxThreads(0);
+    pool->start();
+    ASSERT_TRUE(tvproc::waitUntil([&] { return pool->hasIdleThreads(); }));
+
+    // Stopped once it lasted a period, and at each tick after until it ends.
+    CountedLinger ticked(*pool);
+    const auto begun = std::chrono::steady_clock::now();
+    ASSERT_TRUE(pool->beginLinger(&ticked));
+    ASSERT_TRUE(tvproc::waitUntil([&] { return ticked.stops() > 0; }));
+    EXPECT_GE(std::chrono::steady_clock::now() - begun,
+              std::chrono::milliseconds(ThreadPool::kLingerTickMs));
+    EXPECT_TRUE(tvproc::waitUntil([&] { return ticked.stops() > 1; }));
+    pool->endLinger(&ticked);
+
+    // The only thread, which cannot be replaced, takes work: nobody is left
+    // to tick, and the linger ends at once.
+    CountedLinger held(*pool);
+    ASSERT_TRUE(pool->beginLinger(&held));
+    std::promise<void> release;
+    std::shared_future<void> released = release.get_future().share();
+    pool->post(new WorkTask([released] { released.wait(); }));
+    EXPECT_TRUE(tvproc::waitUntil([&] { return held.stopsWithNoThreadWaiting() > 0; }));
+    pool->endLinger(&held);
+    release.set_value();
+    EXPECT_TRUE(tvproc::waitUntil([&] { return pool->hasIdleThreads(); }));
 }
 
 #if TVBINDER_CHECK_LOCKS

@@ -23,11 +23,11 @@ thread_local Held tHeld;
 
 const char* lockRankName(LockRank rank) {
     static const char* const kNames[] = {
-        "ProcessState",    "ContextManager", "Peer",          "PeerTable",    "OutgoingLink",
-        "CallConnections", "accepted",       "Acceptor",      "channel send", "channel receive",
-        "ExportTable",     "ProxyTable",     "PeerAccounts",  "pool threads", "pool tasks",
-        "one-ways",        "stall guard",    "ChainRegistry", "ChainMailbox", "SocketDirectory",
-        "descriptors",
+        "ProcessState",    "ContextManager", "Peer",         "PeerTable",     "OutgoingLink",
+        "CallConnections", "accepted",       "Acceptor",     "channel send",  "channel receive",
+        "ExportTable",     "ProxyTable",     "PeerAccounts", "pool threads",  "pool tasks",
+        "pool lingers",    "one-ways",       "stall guard",  "ChainRegistry", "ChainMailbox",
+        "SocketDirectory", "descriptors",
     };
     const size_t index = static_cast<size_t>(rank);
     return index < sizeof(kNames) / sizeof(kNames[0]) ? kNames[index] : "?";

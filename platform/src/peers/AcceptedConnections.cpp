@@ -13,10 +13,24 @@ namespace tvbinder {
 
 namespace {
 
-// How long a pool thread keeps reading a busy connection before handing it
-// back to epoll: a stream of calls or one-ways then costs one receive each,
-// not a wake-up each.
-constexpr int kLingerMs = 2;
+// A connection on its socket lingers in poll() this long.
+constexpr int kSocketLingerMs = 2;
+
+// A pool thread waiting for the next frame of a connection in shared
+// memory, with no timer: the pool stops it.
+class SharedMemoryLinger : public ThreadPool::Lingerer {
+  public:
+    explicit SharedMemoryLinger(Connection& connection) : mConnection(connection) {}
+    void stopLingering() override {
+        mStopped.store(true, std::memory_order_seq_cst);
+        mConnection.wakeWaiter();
+    }
+    bool waitReadable() { return mConnection.waitReadableUntil(mStopped); }
+
+  private:
+    Connection& mConnection;
+    std::atomic<bool> mStopped{false};
+};
 
 // A frame that came in shared memory while the connection was out of epoll:
 // no wake-up tells it, so it is delivered as a task, which a thread waiting
@@ -96,10 +110,19 @@ void AcceptedConnections::drop(const sp<AcceptedConnection>& connection) {
     connection->connection().shutDown();
 }
 
+// A stream of calls or one-ways then costs one receive each, not a way
+// through epoll each, as long as other pool threads are free for everything
+// else.
 bool AcceptedConnections::lingerOn(AcceptedConnection& connection) {
-    // Waiting a moment saves the next frame the way through epoll, as long
-    // as other pool threads are free for everything else.
-    return mPool.hasIdleThreads() && connection.connection().waitReadable(kLingerMs);
+    Connection& lingered = connection.connection();
+    if (!lingered.waitsWithoutTimer()) {
+        return mPool.hasIdleThreads() && lingered.waitReadable(kSocketLingerMs);
+    }
+    SharedMemoryLinger linger(lingered);
+    if (!mPool.beginLinger(&linger)) return false;
+    const bool readable = linger.waitReadable();
+    mPool.endLinger(&linger);
+    return readable;
 }
 
 }  // namespace tvbinder

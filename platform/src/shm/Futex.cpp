@@ -19,6 +19,11 @@ void futexWait(std::atomic<uint32_t>* word, uint32_t expected, std::chrono::nano
             0);
 }
 
+void futexWait(std::atomic<uint32_t>* word, uint32_t expected) {
+    syscall(SYS_futex, reinterpret_cast<uint32_t*>(word), FUTEX_WAIT, expected, nullptr, nullptr,
+            0);
+}
+
 void futexWake(std::atomic<uint32_t>* word, int waiters) {
     syscall(SYS_futex, reinterpret_cast<uint32_t*>(word), FUTEX_WAKE, waiters, nullptr, nullptr, 0);
 }

@@ -16,6 +16,9 @@ namespace shm {
 // it does not; may return early (a wake, a signal, a spurious return): the
 // caller re-checks what it waits for.
 void futexWait(std::atomic<uint32_t>* word, uint32_t expected, std::chrono::nanoseconds timeout);
+// The same with no time-out, which saves arming a timer: only for a sleeper
+// that a thread of this process is bound to wake.
+void futexWait(std::atomic<uint32_t>* word, uint32_t expected);
 
 // Wakes up to `waiters` threads sleeping on `word`.
 void futexWake(std::atomic<uint32_t>* word, int waiters);

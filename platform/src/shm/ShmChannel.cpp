@@ -203,6 +203,21 @@ status_t ShmChannel::waitReadable(Clock::time_point deadline) {
     return waitFor(mReader.consumerWord(), mReader.consumerCpu(), ready, deadline);
 }
 
+status_t ShmChannel::waitReadable(const std::atomic<bool>& stop) {
+    auto ready = [&] { return mReader.hasData() || stop.load(std::memory_order_seq_cst); };
+    const status_t status =
+        waitFor(mReader.consumerWord(), mReader.consumerCpu(), ready, kNoDeadline);
+    if (status != NO_ERROR || mReader.hasData()) return status;
+    return TIMED_OUT;
+}
+
+void ShmChannel::wakeReader() {
+    // Whatever the word holds: a peer that rewrites it must not keep our
+    // thread asleep. The sleeper takes kWoken for a spurious wake-up.
+    mReader.consumerWord()->store(kWoken, std::memory_order_seq_cst);
+    futexWake(mReader.consumerWord(), 1);
+}
+
 bool ShmChannel::armPolling() {
     // The same order as a futex sleep: state first, then the re-check.
     mReader.consumerWord()->store(kPolling, std::memory_order_seq_cst);
@@ -224,12 +239,16 @@ status_t ShmChannel::waitFor(std::atomic<uint32_t>* own, std::atomic<uint32_t>* 
             own->store(kRunning, std::memory_order_seq_cst);
             return shut ? DEAD_OBJECT : NO_ERROR;
         }
-        const Clock::time_point now = Clock::now();
-        if (now >= deadline) {
-            own->store(kRunning, std::memory_order_seq_cst);
-            return TIMED_OUT;
+        if (deadline == kNoDeadline) {
+            futexWait(own, kSleeping);
+        } else {
+            const Clock::time_point now = Clock::now();
+            if (now >= deadline) {
+                own->store(kRunning, std::memory_order_seq_cst);
+                return TIMED_OUT;
+            }
+            futexWait(own, kSleeping, std::min<Clock::duration>(deadline - now, mSleepSlice));
         }
-        futexWait(own, kSleeping, std::min<Clock::duration>(deadline - now, mSleepSlice));
         own->store(kRunning, std::memory_order_seq_cst);
         if (ownCpu != nullptr) ownCpu->store(currentCpu(), std::memory_order_relaxed);
     }

@@ -9,6 +9,7 @@
 #include <string.h>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
+#include <sys/timerfd.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -36,6 +37,9 @@ status_t ThreadPool::init() {
     mWakeFd = ScopedFd(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
     if (!mWakeFd.valid()) return -errno;
     add(&mWake, mWakeFd.get());
+    mTickFd = ScopedFd(timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK));
+    if (!mTickFd.valid()) return -errno;
+    add(&mTicker, mTickFd.get());
     return NO_ERROR;
 }
 
@@ -161,13 +165,20 @@ void ThreadPool::spawn(bool isMain) {
 
 void ThreadPool::onEventTaken() {
     if (mWaiting.fetch_sub(1) != 1) return;
+    bool spawnOne = false;
     {
         LockGuard guard(mLock);
         for (StandIn* standIn : mStandIns) standIn->onPoolBusy();
-        if (mSpawned >= mMaxThreads) return;
-        ++mSpawned;
+        spawnOne = mSpawned < mMaxThreads;
+        if (spawnOne) ++mSpawned;
     }
-    spawn(false);
+    if (spawnOne) {
+        spawn(false);
+        return;
+    }
+    // Nobody is left to tick, and a lingering thread is better used on
+    // whatever comes next.
+    stopAllLingers();
 }
 
 void ThreadPool::join(bool /*isMain*/) {
@@ -189,10 +200,77 @@ void ThreadPool::join(bool /*isMain*/) {
             }
             continue;
         }
+        auto* source = static_cast<EventSource*>(event.data.ptr);
+        if (source == &mTicker) {
+            // No work: the thread stays counted as waiting throughout.
+            mTicker.onEvent(event.events);
+            mWaiting.fetch_sub(1);
+            continue;
+        }
         onEventTaken();
-        static_cast<EventSource*>(event.data.ptr)->onEvent(event.events);
+        source->onEvent(event.events);
         runPosted();
     }
+}
+
+bool ThreadPool::beginLinger(Lingerer* lingerer) {
+    LockGuard guard(mLingerLock);
+    // Checked under the lock that stopAllLingers() takes once the count fell
+    // to 0: a linger that begins after it sees the count.
+    if (!hasIdleThreads()) return false;
+    mLingering.push_back({lingerer, mTicks, false});
+    if (!mTicking) setTicking(true);
+    return true;
+}
+
+void ThreadPool::endLinger(Lingerer* lingerer) {
+    LockGuard guard(mLingerLock);
+    auto it = std::find_if(mLingering.begin(), mLingering.end(),
+                           [lingerer](const Lingering& l) { return l.lingerer == lingerer; });
+    if (it != mLingering.end()) mLingering.erase(it);
+}
+
+void ThreadPool::setTicking(bool ticking) {
+    const timespec period{0, ticking ? kLingerTickMs * 1000000L : 0};
+    const itimerspec spec{period, period};
+    if (timerfd_settime(mTickFd.get(), 0, &spec, nullptr) != 0) {
+        ALOGE("cannot set the linger timer: %s", strerror(errno));
+    }
+    mTicking = ticking;
+}
+
+// A linger ends at the second tick after it began: it lasted a period at least.
+void ThreadPool::tickLingers() {
+    LockGuard guard(mLingerLock);
+    ++mTicks;
+    for (Lingering& lingering : mLingering) {
+        if (lingering.stopped || mTicks - lingering.sinceTick >= 2) {
+            lingering.stopped = true;
+            lingering.lingerer->stopLingering();
+        }
+    }
+    if (mLingering.empty() && mTicking) setTicking(false);
+}
+
+void ThreadPool::stopAllLingers() {
+    LockGuard guard(mLingerLock);
+    for (Lingering& lingering : mLingering) {
+        lingering.stopped = true;
+        lingering.lingerer->stopLingering();
+    }
+}
+
+void ThreadPool::LingerTicker::onEvent(uint32_t /*events*/) {
+    uint64_t expirations;
+    ssize_t drained = read(mPool.mTickFd.get(), &expirations, sizeof(expirations));
+    (void)drained;
+    mPool.tickLingers();
+    mPool.rearm(this, mPool.mTickFd.get());
+}
+
+bool ThreadPool::LingerTicker::onEventStandingIn(uint32_t events) {
+    onEvent(events);
+    return true;
 }
 
 void ThreadPool::addStandIn(StandIn* standIn) {

@@ -25,8 +25,9 @@ namespace tvbinder {
 // maximum. Work that is not an event (queued one-ways, death notices,
 // deferred releases) is posted as tasks: pool threads run them in the order
 // posted, woken through an eventfd. A thread waiting for a reply stands in
-// for the pool while no pool thread is free (standIn). Owned by the Runtime;
-// any thread.
+// for the pool while no pool thread is free (standIn). A thread done with a
+// source may linger on it with no timer of its own; the pool ends lingers
+// (beginLinger). Owned by the Runtime; any thread.
 class ThreadPool {
   public:
     static constexpr size_t kDefaultMaxThreads = 15;
@@ -42,6 +43,25 @@ class ThreadPool {
       protected:
         virtual ~StandIn() = default;
     };
+
+    // A pool thread that waits for the next frame of the source it just
+    // served with no timer of its own ("lingers"): arming a timer costs more
+    // than the rest of a round trip on one CPU. The pool stops it.
+    class Lingerer {
+      public:
+        // Ends the wait, from another thread; called again at each tick until
+        // endLinger(), in case a peer's scribbles kept the first call from
+        // waking it. Called under the pool's linger lock: must not wait.
+        virtual void stopLingering() = 0;
+
+      protected:
+        virtual ~Lingerer() = default;
+    };
+    // The pool ticks this often while a thread lingers; a linger ends at the
+    // second tick after it began, so it lasts one to two periods. Each tick
+    // wakes a thread: a stream of calls a millisecond apart keeps lingering,
+    // and pays a tick every tenth call.
+    static constexpr int kLingerTickMs = 10;
 
     ThreadPool() = default;
 
@@ -74,6 +94,14 @@ class ThreadPool {
     // Runs the calling thread as a pool thread. Never returns.
     void join(bool isMain);
 
+    // Lists `lingerer` until endLinger(): the pool stops it once it has
+    // lingered a tick period, or at once when the last thread waiting in
+    // epoll takes work and no other can be spawned. False, and nothing listed,
+    // when no other thread waits for work: the caller must not linger then.
+    [[nodiscard]] bool beginLinger(Lingerer* lingerer);
+    // The lingerer no longer waits: it is not stopped again.
+    void endLinger(Lingerer* lingerer);
+
     // Readable while an event waits: what a stand-in watches.
     int readableFd() const { return mEpoll.get(); }
     void addStandIn(StandIn* standIn);
@@ -95,6 +123,22 @@ class ThreadPool {
       private:
         ThreadPool& mPool;
     };
+    // The timerfd that ticks every kLingerTickMs while a thread lingers: one
+    // timer for all lingers, armed when the first begins.
+    class LingerTicker : public EventSource {
+      public:
+        explicit LingerTicker(ThreadPool& pool) : mPool(pool) {}
+        void onEvent(uint32_t events) override;
+        bool onEventStandingIn(uint32_t events) override;
+
+      private:
+        ThreadPool& mPool;
+    };
+    struct Lingering {
+        Lingerer* lingerer;
+        uint64_t sinceTick;
+        bool stopped;
+    };
 
     void spawn(bool isMain);
     // A waiting pool thread took work. The last one tells the stand-ins and
@@ -106,10 +150,15 @@ class ThreadPool {
     // concerns a source that nothing else touches until it ran), and runs
     // them.
     void runPostedStandingIn();
+    void tickLingers();
+    void stopAllLingers();
+    void setTicking(bool ticking) TV_REQUIRES(mLingerLock);
 
     ScopedFd mEpoll;
     ScopedFd mWakeFd;  // eventfd, registered one-shot
     Wake mWake{*this};
+    ScopedFd mTickFd;  // timerfd, registered one-shot
+    LingerTicker mTicker{*this};
     std::atomic<int> mWaiting{0};
     std::atomic<size_t> mPostedCount{0};
 
@@ -122,6 +171,11 @@ class ThreadPool {
     size_t mSpawned TV_GUARDED_BY(mLock) = 0;
     size_t mNamed TV_GUARDED_BY(mLock) = 0;
     std::vector<StandIn*> mStandIns TV_GUARDED_BY(mLock);
+
+    Mutex mLingerLock{LockRank::kPoolLingers};
+    std::vector<Lingering> mLingering TV_GUARDED_BY(mLingerLock);
+    uint64_t mTicks TV_GUARDED_BY(mLingerLock) = 0;
+    bool mTicking TV_GUARDED_BY(mLingerLock) = false;
 };
 
 }  // namespace tvbinder

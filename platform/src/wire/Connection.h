@@ -79,6 +79,13 @@ class Connection : public RefBase {
         return mChannel->receiveWaiting(out, statuses, max);
     }
     [[nodiscard]] bool waitReadable(int timeoutMs) { return mChannel->waitReadable(timeoutMs); }
+    // Shared memory only: waits for a frame with no timer until another
+    // thread sets `stop` and calls wakeWaiter(); see ShmFrameChannel.
+    bool waitsWithoutTimer() const { return mShm != nullptr; }
+    [[nodiscard]] bool waitReadableUntil(const std::atomic<bool>& stop) {
+        return mShm->waitReadableUntil(stop);
+    }
+    void wakeWaiter() { mShm->wakeWaiter(); }
     int readableFd() const { return mChannel->readableFd(); }
 
     // Set once the connection must not be used again.

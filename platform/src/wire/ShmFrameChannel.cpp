@@ -259,6 +259,14 @@ bool ShmFrameChannel::waitReadable(int timeoutMs) {
     }
 }
 
+bool ShmFrameChannel::waitReadableUntil(const std::atomic<bool>& stop) {
+    return stale() || mRing->waitReadable(stop) != TIMED_OUT;
+}
+
+void ShmFrameChannel::wakeWaiter() {
+    if (!stale()) mRing->wakeReader();
+}
+
 bool ShmFrameChannel::prepareToPoll() {
     return !stale() && mRing->armPolling();
 }
