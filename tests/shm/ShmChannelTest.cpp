@@ -3,10 +3,13 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <limits.h>
+#include <linux/futex.h>
 #include <poll.h>
 #include <stdlib.h>
 #include <sys/eventfd.h>
 #include <sys/mman.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -384,6 +387,36 @@ TEST(ShmChannelTest, ShutdownWakesASleepingReceiverAndABlockedSender) {
     EXPECT_EQ(DEAD_OBJECT, sent);
     // The peer's sends fail too: nothing would read them.
     EXPECT_EQ(DEAD_OBJECT, sendText(pair.adopter.get(), pattern(10, 0)));
+}
+
+// A peer may move whoever sleeps on our futex word onto a futex of its own,
+// which we cannot wake: a stop must reach the sleeper anyway.
+TEST(ShmChannelTest, AStoppedWaitEndsEvenWhenThePeerMovedItsSleeperAway) {
+    Pair pair = makePair();
+    PeerView peer(pair.creator->regionFd());
+    SleepStop stop;
+    std::atomic<status_t> waited{NO_ERROR};
+    std::atomic<bool> done{false};
+    std::thread sleeper([&] {
+        waited = pair.creator->waitReadable(stop);
+        done = true;
+    });
+    std::atomic<uint32_t>& word = peer.control(1).consumer;
+    std::atomic<uint32_t> elsewhere{0};
+    long moved = 0;
+    for (auto end = Clock::now() + kPatience; moved != 1 && Clock::now() < end;) {
+        moved = syscall(SYS_futex, &word, FUTEX_CMP_REQUEUE, 0, 1L, &elsewhere, kSleeping);
+        if (moved != 1) std::this_thread::sleep_for(1ms);  // not asleep yet
+    }
+    EXPECT_EQ(1, moved);
+    stop.stop();
+    for (auto end = Clock::now() + kPatience; !done && Clock::now() < end;) {
+        std::this_thread::sleep_for(1ms);
+    }
+    EXPECT_TRUE(done);
+    EXPECT_EQ(TIMED_OUT, waited);
+    syscall(SYS_futex, &elsewhere, FUTEX_WAKE, INT_MAX, nullptr, nullptr, 0);  // when it failed
+    sleeper.join();
 }
 
 }  // namespace

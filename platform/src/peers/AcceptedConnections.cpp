@@ -21,15 +21,12 @@ constexpr int kSocketLingerMs = 2;
 class SharedMemoryLinger : public ThreadPool::Lingerer {
   public:
     explicit SharedMemoryLinger(Connection& connection) : mConnection(connection) {}
-    void stopLingering() override {
-        mStopped.store(true, std::memory_order_seq_cst);
-        mConnection.wakeWaiter();
-    }
-    bool waitReadable() { return mConnection.waitReadableUntil(mStopped); }
+    void stopLingering() override { mStop.stop(); }
+    bool waitReadable() { return mConnection.waitReadableUntil(mStop); }
 
   private:
     Connection& mConnection;
-    std::atomic<bool> mStopped{false};
+    shm::SleepStop mStop;
 };
 
 // A frame that came in shared memory while the connection was out of epoll:

@@ -1,5 +1,7 @@
 #include "Futex.h"
 
+#include <errno.h>
+#include <limits.h>
 #include <linux/futex.h>
 #include <sched.h>
 #include <sys/syscall.h>
@@ -19,9 +21,23 @@ void futexWait(std::atomic<uint32_t>* word, uint32_t expected, std::chrono::nano
             0);
 }
 
-void futexWait(std::atomic<uint32_t>* word, uint32_t expected) {
-    syscall(SYS_futex, reinterpret_cast<uint32_t*>(word), FUTEX_WAIT, expected, nullptr, nullptr,
-            0);
+void SleepStop::stop() {
+    mWord.store(1, std::memory_order_seq_cst);
+    syscall(SYS_futex, reinterpret_cast<uint32_t*>(&mWord), FUTEX_WAKE_PRIVATE, INT_MAX, nullptr,
+            nullptr, 0);
+}
+
+void futexWait(std::atomic<uint32_t>* word, uint32_t expected, SleepStop& stop) {
+    futex_waitv waiters[2] = {};
+    waiters[0].val = expected;
+    waiters[0].uaddr = reinterpret_cast<uintptr_t>(word);
+    waiters[0].flags = FUTEX_32;
+    waiters[1].val = 0;
+    waiters[1].uaddr = reinterpret_cast<uintptr_t>(stop.word());
+    waiters[1].flags = FUTEX_32 | FUTEX_PRIVATE_FLAG;
+    if (syscall(SYS_futex_waitv, waiters, 2, 0, nullptr, CLOCK_MONOTONIC) < 0 && errno == ENOSYS) {
+        futexWait(word, expected, std::chrono::milliseconds(10));
+    }
 }
 
 void futexWake(std::atomic<uint32_t>* word, int waiters) {

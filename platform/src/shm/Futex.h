@@ -16,9 +16,25 @@ namespace shm {
 // it does not; may return early (a wake, a signal, a spurious return): the
 // caller re-checks what it waits for.
 void futexWait(std::atomic<uint32_t>* word, uint32_t expected, std::chrono::nanoseconds timeout);
-// The same with no time-out, which saves arming a timer: only for a sleeper
-// that a thread of this process is bound to wake.
-void futexWait(std::atomic<uint32_t>* word, uint32_t expected);
+// Ends a sleep that has no time-out, from another thread of this process.
+// Its word is private to the process: a peer that rewrites the shared word,
+// or requeues its sleepers elsewhere, cannot keep a stop from waking the
+// sleeper.
+class SleepStop {
+  public:
+    // Any thread: the sleeper sees the stop before it sleeps, or is woken.
+    void stop();
+    bool stopped() const { return mWord.load(std::memory_order_seq_cst) != 0; }
+    std::atomic<uint32_t>* word() { return &mWord; }
+
+  private:
+    std::atomic<uint32_t> mWord{0};
+};
+
+// Sleeps while *word holds `expected` and `stop` was not stopped, with no
+// time-out (arming a timer costs more than the rest of a round trip on one
+// CPU). Without futex_waitv (before Linux 5.16) it sleeps 10 ms at most.
+void futexWait(std::atomic<uint32_t>* word, uint32_t expected, SleepStop& stop);
 
 // Wakes up to `waiters` threads sleeping on `word`.
 void futexWake(std::atomic<uint32_t>* word, int waiters);

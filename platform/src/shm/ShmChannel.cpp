@@ -203,19 +203,12 @@ status_t ShmChannel::waitReadable(Clock::time_point deadline) {
     return waitFor(mReader.consumerWord(), mReader.consumerCpu(), ready, deadline);
 }
 
-status_t ShmChannel::waitReadable(const std::atomic<bool>& stop) {
-    auto ready = [&] { return mReader.hasData() || stop.load(std::memory_order_seq_cst); };
-    const status_t status =
-        waitFor(mReader.consumerWord(), mReader.consumerCpu(), ready, kNoDeadline);
+status_t ShmChannel::waitReadable(SleepStop& stop) {
+    auto ready = [&] { return mReader.hasData() || stop.stopped(); };
+    const status_t status = waitFor(mReader.consumerWord(), mReader.consumerCpu(), ready,
+                                    Clock::time_point::max(), &stop);
     if (status != NO_ERROR || mReader.hasData()) return status;
     return TIMED_OUT;
-}
-
-void ShmChannel::wakeReader() {
-    // Whatever the word holds: a peer that rewrites it must not keep our
-    // thread asleep. The sleeper takes kWoken for a spurious wake-up.
-    mReader.consumerWord()->store(kWoken, std::memory_order_seq_cst);
-    futexWake(mReader.consumerWord(), 1);
 }
 
 bool ShmChannel::armPolling() {
@@ -230,7 +223,7 @@ bool ShmChannel::armPolling() {
 // re-check (seq_cst loads), then sleep only while the word still says so.
 template <typename Ready>
 status_t ShmChannel::waitFor(std::atomic<uint32_t>* own, std::atomic<uint32_t>* ownCpu, Ready ready,
-                             Clock::time_point deadline) {
+                             Clock::time_point deadline, SleepStop* stop) {
     if (spinFor(ready)) return NO_ERROR;
     for (;;) {
         own->store(kSleeping, std::memory_order_seq_cst);
@@ -239,8 +232,8 @@ status_t ShmChannel::waitFor(std::atomic<uint32_t>* own, std::atomic<uint32_t>* 
             own->store(kRunning, std::memory_order_seq_cst);
             return shut ? DEAD_OBJECT : NO_ERROR;
         }
-        if (deadline == kNoDeadline) {
-            futexWait(own, kSleeping);
+        if (stop != nullptr) {
+            futexWait(own, kSleeping, *stop);
         } else {
             const Clock::time_point now = Clock::now();
             if (now >= deadline) {

@@ -10,6 +10,7 @@
 #include <functional>
 #include <memory>
 
+#include "Futex.h"
 #include "MessageSink.h"
 #include "RingReader.h"
 #include "RingWriter.h"
@@ -59,7 +60,6 @@ class ShmChannel {
     using Clock = std::chrono::steady_clock;
     // Asks the peer's pool to look at the ring: it waits in epoll, not on the futex.
     using PollWaker = std::function<void()>;
-    static constexpr Clock::time_point kNoDeadline = Clock::time_point::max();
 
     static status_t create(const ShmChannelOptions& options, std::unique_ptr<ShmChannel>* out);
     // Takes ownership of `regionFd`, received from the creator; see ShmRegion::adopt.
@@ -97,12 +97,9 @@ class ShmChannel {
     // Waits until published bytes wait to be read, without reading them:
     // NO_ERROR, TIMED_OUT, or DEAD_OBJECT after shutdown.
     status_t waitReadable(Clock::time_point deadline);
-    // The same with no timer: until `stop` is set and wakeReader() called,
-    // by another thread of this process (TIMED_OUT then).
-    status_t waitReadable(const std::atomic<bool>& stop);
-    // Wakes the thread waiting in waitReadable(stop) once `stop` is set.
-    // Any thread.
-    void wakeReader();
+    // The same with no timer, until another thread of this process stops
+    // it (TIMED_OUT then).
+    status_t waitReadable(SleepStop& stop);
     // Whether published bytes wait to be read (unchecked: a hint).
     bool hasData() const { return mReader.hasData(); }
 
@@ -135,12 +132,12 @@ class ShmChannel {
                           Clock::duration patience);
     status_t waitForRoom(size_t bytes, Clock::time_point deadline);
     void publishAndWake();
-    // Waits until ready() on the futex word `own`, with no timer when
-    // `deadline` is kNoDeadline; a receiver also publishes the CPU it wakes
-    // up on in `ownCpu`, for the peer's spinning.
+    // Waits until ready() on the futex word `own`, until `deadline`, or with
+    // no timer until `stop` when there is one; a receiver also publishes the
+    // CPU it wakes up on in `ownCpu`, for the peer's spinning.
     template <typename Ready>
     status_t waitFor(std::atomic<uint32_t>* own, std::atomic<uint32_t>* ownCpu, Ready ready,
-                     Clock::time_point deadline);
+                     Clock::time_point deadline, SleepStop* stop = nullptr);
     template <typename Ready>
     bool spinFor(Ready ready);
     status_t breakWith(status_t status);

@@ -218,8 +218,9 @@ bool ThreadPool::beginLinger(Lingerer* lingerer) {
     // Checked under the lock that stopAllLingers() takes once the count fell
     // to 0: a linger that begins after it sees the count.
     if (!hasIdleThreads()) return false;
+    // Without a tick nothing would end it.
+    if (!mTicking && !setTicking(true)) return false;
     mLingering.push_back({lingerer, mTicks, false});
-    if (!mTicking) setTicking(true);
     return true;
 }
 
@@ -230,13 +231,15 @@ void ThreadPool::endLinger(Lingerer* lingerer) {
     if (it != mLingering.end()) mLingering.erase(it);
 }
 
-void ThreadPool::setTicking(bool ticking) {
+bool ThreadPool::setTicking(bool ticking) {
     const timespec period{0, ticking ? kLingerTickMs * 1000000L : 0};
     const itimerspec spec{period, period};
     if (timerfd_settime(mTickFd.get(), 0, &spec, nullptr) != 0) {
         ALOGE("cannot set the linger timer: %s", strerror(errno));
+        return false;
     }
     mTicking = ticking;
+    return true;
 }
 
 // A linger ends at the second tick after it began: it lasted a period at least.
@@ -244,20 +247,20 @@ void ThreadPool::tickLingers() {
     LockGuard guard(mLingerLock);
     ++mTicks;
     for (Lingering& lingering : mLingering) {
-        if (lingering.stopped || mTicks - lingering.sinceTick >= 2) {
-            lingering.stopped = true;
-            lingering.lingerer->stopLingering();
-        }
+        if (mTicks - lingering.sinceTick >= 2) stop(lingering);
     }
-    if (mLingering.empty() && mTicking) setTicking(false);
+    if (mLingering.empty() && mTicking) (void)setTicking(false);
 }
 
 void ThreadPool::stopAllLingers() {
     LockGuard guard(mLingerLock);
-    for (Lingering& lingering : mLingering) {
-        lingering.stopped = true;
-        lingering.lingerer->stopLingering();
-    }
+    for (Lingering& lingering : mLingering) stop(lingering);
+}
+
+void ThreadPool::stop(Lingering& lingering) {
+    if (lingering.stopped) return;
+    lingering.stopped = true;
+    lingering.lingerer->stopLingering();
 }
 
 void ThreadPool::LingerTicker::onEvent(uint32_t /*events*/) {

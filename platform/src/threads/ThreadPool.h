@@ -49,9 +49,8 @@ class ThreadPool {
     // than the rest of a round trip on one CPU. The pool stops it.
     class Lingerer {
       public:
-        // Ends the wait, from another thread; called again at each tick until
-        // endLinger(), in case a peer's scribbles kept the first call from
-        // waking it. Called under the pool's linger lock: must not wait.
+        // Ends the wait, from another thread, once. Called under the pool's
+        // linger lock: must not wait.
         virtual void stopLingering() = 0;
 
       protected:
@@ -152,7 +151,8 @@ class ThreadPool {
     void runPostedStandingIn();
     void tickLingers();
     void stopAllLingers();
-    void setTicking(bool ticking) TV_REQUIRES(mLingerLock);
+    void stop(Lingering& lingering) TV_REQUIRES(mLingerLock);
+    bool setTicking(bool ticking) TV_REQUIRES(mLingerLock);
 
     ScopedFd mEpoll;
     ScopedFd mWakeFd;  // eventfd, registered one-shot

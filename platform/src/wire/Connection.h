@@ -80,12 +80,11 @@ class Connection : public RefBase {
     }
     [[nodiscard]] bool waitReadable(int timeoutMs) { return mChannel->waitReadable(timeoutMs); }
     // Shared memory only: waits for a frame with no timer until another
-    // thread sets `stop` and calls wakeWaiter(); see ShmFrameChannel.
+    // thread stops it; see ShmFrameChannel.
     bool waitsWithoutTimer() const { return mShm != nullptr; }
-    [[nodiscard]] bool waitReadableUntil(const std::atomic<bool>& stop) {
+    [[nodiscard]] bool waitReadableUntil(shm::SleepStop& stop) {
         return mShm->waitReadableUntil(stop);
     }
-    void wakeWaiter() { mShm->wakeWaiter(); }
     int readableFd() const { return mChannel->readableFd(); }
 
     // Set once the connection must not be used again.

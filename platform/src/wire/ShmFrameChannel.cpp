@@ -259,12 +259,8 @@ bool ShmFrameChannel::waitReadable(int timeoutMs) {
     }
 }
 
-bool ShmFrameChannel::waitReadableUntil(const std::atomic<bool>& stop) {
+bool ShmFrameChannel::waitReadableUntil(shm::SleepStop& stop) {
     return stale() || mRing->waitReadable(stop) != TIMED_OUT;
-}
-
-void ShmFrameChannel::wakeWaiter() {
-    if (!stale()) mRing->wakeReader();
 }
 
 bool ShmFrameChannel::prepareToPoll() {

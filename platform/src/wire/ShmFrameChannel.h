@@ -58,11 +58,9 @@ class ShmFrameChannel final : public FrameChannel {
     // socket for the next frame. True when a frame came meanwhile, for which
     // no wake-up will come: read it now.
     [[nodiscard]] bool prepareToPoll();
-    // Waits for a frame with no timer until `stop` is set and wakeWaiter()
-    // called, by another thread: true once a frame waits or the channel
-    // ended, false when stopped.
-    [[nodiscard]] bool waitReadableUntil(const std::atomic<bool>& stop);
-    void wakeWaiter();
+    // Waits for a frame with no timer until another thread stops it: true
+    // once a frame waits or the channel ended, false when stopped.
+    [[nodiscard]] bool waitReadableUntil(shm::SleepStop& stop);
     // Wakes every waiter; frames complete in the ring can still be read, then
     // receives end with DEAD_OBJECT and sends fail.
     void shutdown();
