@@ -80,15 +80,17 @@ int Connection::offerSharedMemory() {
     return mShm != nullptr ? mShm->regionFd() : -1;
 }
 
-void Connection::startSharedMemory() {
+void Connection::startSharedMemory(SleepTicker& ticker) {
     if (mShm == nullptr) return;
     mShm->closeRegionFd();
+    mShm->setSleepTicker(ticker);
     mChannel = mShm.get();
 }
 
-status_t Connection::acceptSharedMemory(int regionFd) {
+status_t Connection::acceptSharedMemory(int regionFd, SleepTicker& ticker) {
     mShm = ShmFrameChannel::adopt(regionFd, mSocket, mFd.get(), mPeerPid);
     if (mShm == nullptr) return BAD_VALUE;
+    mShm->setSleepTicker(ticker);
     mChannel = mShm.get();
     return NO_ERROR;
 }
