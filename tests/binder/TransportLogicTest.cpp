@@ -455,12 +455,12 @@ TEST(PeerAccounts, EachProcessHasItsShareOfConnectionsLinksAndBodiesAndNewcomers
     account->returnBody(PeerAccounts::kBodyBudgetPerProcess);
 }
 
-// Stands for a thread sleeping with no timer: counts the pool's stops, and
-// those that came while no pool thread waited in epoll.
-class CountedSleep : public SleepTicker::Sleeper {
+// Stands for a pool thread lingering on a connection: counts the pool's stops,
+// and those that came while no pool thread waited in epoll.
+class CountedLinger : public ThreadPool::Lingerer {
   public:
-    explicit CountedSleep(ThreadPool& pool) : mPool(pool) {}
-    void stopSleeping() override {
+    explicit CountedLinger(ThreadPool& pool) : mPool(pool) {}
+    void stopLingering() override {
         std::lock_guard<std::mutex> guard(mLock);
         ++mStops;
         if (!mPool.hasIdleThreads()) ++mStopsWithNoThreadWaiting;
@@ -481,35 +481,35 @@ class CountedSleep : public SleepTicker::Sleeper {
     int mStopsWithNoThreadWaiting = 0;
 };
 
-TEST(ThreadPoolTicks, EndSleepsAfterAPeriodOrAtOnceWhenTheLastFreeThreadTakesWork) {
+TEST(ThreadPoolLingers, EndAfterAPeriodOrAtOnceWhenTheLastFreeThreadTakesWork) {
     // Pool threads never return: the pool outlives the test.
     auto* pool = new ThreadPool;
     ASSERT_EQ(NO_ERROR, pool->init());
-    CountedSleep unticked(*pool);
-    EXPECT_FALSE(pool->beginSleep(&unticked, 2));  // no thread waits in epoll to tick
+    CountedLinger unticked(*pool);
+    EXPECT_FALSE(pool->beginLinger(&unticked));  // no thread waits in epoll to tick
     pool->setMaxThreads(0);
     pool->start();
     ASSERT_TRUE(tvproc::waitUntil([&] { return pool->hasIdleThreads(); }));
 
-    // Stopped at its second tick (a period after it began at least), once.
-    CountedSleep ticked(*pool);
+    // Stopped once it lasted a period, and once only.
+    CountedLinger ticked(*pool);
     const auto begun = std::chrono::steady_clock::now();
-    ASSERT_TRUE(pool->beginSleep(&ticked, 2));
+    ASSERT_TRUE(pool->beginLinger(&ticked));
     ASSERT_TRUE(tvproc::waitUntil([&] { return ticked.stops() > 0; }));
     EXPECT_GE(std::chrono::steady_clock::now() - begun,
-              std::chrono::milliseconds(ThreadPool::kSleepTickMs));
-    pool->endSleep(&ticked);
+              std::chrono::milliseconds(ThreadPool::kLingerTickMs));
+    pool->endLinger(&ticked);
     EXPECT_EQ(1, ticked.stops());
 
     // The only thread, which cannot be replaced, takes work: nobody is left
-    // to tick, and the sleep ends at once.
-    CountedSleep held(*pool);
-    ASSERT_TRUE(pool->beginSleep(&held, 2));
+    // to tick, and the linger ends at once.
+    CountedLinger held(*pool);
+    ASSERT_TRUE(pool->beginLinger(&held));
     std::promise<void> release;
     std::shared_future<void> released = release.get_future().share();
     pool->post(new WorkTask([released] { released.wait(); }));
     EXPECT_TRUE(tvproc::waitUntil([&] { return held.stopsWithNoThreadWaiting() > 0; }));
-    pool->endSleep(&held);
+    pool->endLinger(&held);
     release.set_value();
     EXPECT_TRUE(tvproc::waitUntil([&] { return pool->hasIdleThreads(); }));
 }

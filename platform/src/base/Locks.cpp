@@ -26,7 +26,7 @@ const char* lockRankName(LockRank rank) {
         "ProcessState",    "ContextManager", "Peer",         "PeerTable",     "OutgoingLink",
         "CallConnections", "accepted",       "Acceptor",     "channel send",  "channel receive",
         "ExportTable",     "ProxyTable",     "PeerAccounts", "pool threads",  "pool tasks",
-        "pool sleeps",     "one-ways",       "stall guard",  "ChainRegistry", "ChainMailbox",
+        "pool lingers",    "one-ways",       "stall guard",  "ChainRegistry", "ChainMailbox",
         "SocketDirectory", "descriptors",
     };
     const size_t index = static_cast<size_t>(rank);

@@ -59,7 +59,7 @@ enum class LockRank : uint8_t {
     kAccounts,         // PeerAccounts
     kPoolThreads,      // ThreadPool: thread counts
     kPoolTasks,        // ThreadPool: posted tasks
-    kPoolSleeps,       // ThreadPool: sleeps it ends (SleepTicker)
+    kPoolLingers,      // ThreadPool: threads lingering on a source
     kOneWays,          // OneWayScheduler: queues per object
     kStallGuard,       // LinkStallGuard: links held
     kChains,           // ChainRegistry: waiting threads, then their mailbox

@@ -13,10 +13,21 @@ namespace tvbinder {
 
 namespace {
 
-// A connection in shared memory lingers until the second tick of the sleep
-// ticker (10 to 20 ms); one on its socket lingers in poll() for 2 ms.
-constexpr unsigned kLingerTicks = 2;
+// A connection on its socket lingers in poll() this long.
 constexpr int kSocketLingerMs = 2;
+
+// A pool thread waiting for the next frame of a connection in shared
+// memory, with no timer: the pool stops it.
+class SharedMemoryLinger : public ThreadPool::Lingerer {
+  public:
+    explicit SharedMemoryLinger(Connection& connection) : mConnection(connection) {}
+    void stopLingering() override { mStop.stop(); }
+    bool waitReadable() { return mConnection.waitReadableUntil(mStop); }
+
+  private:
+    Connection& mConnection;
+    shm::SleepStop mStop;
+};
 
 // A frame that came in shared memory while the connection was out of epoll:
 // no wake-up tells it, so it is delivered as a task, which a thread waiting
@@ -100,8 +111,15 @@ void AcceptedConnections::drop(const sp<AcceptedConnection>& connection) {
 // through epoll each, as long as other pool threads are free for everything
 // else.
 bool AcceptedConnections::lingerOn(AcceptedConnection& connection) {
-    return mPool.hasIdleThreads() &&
-           connection.connection().waitBriefly(kLingerTicks, kSocketLingerMs);
+    Connection& lingered = connection.connection();
+    if (!lingered.waitsWithoutTimer()) {
+        return mPool.hasIdleThreads() && lingered.waitReadable(kSocketLingerMs);
+    }
+    SharedMemoryLinger linger(lingered);
+    if (!mPool.beginLinger(&linger)) return false;
+    const bool readable = linger.waitReadable();
+    mPool.endLinger(&linger);
+    return readable;
 }
 
 }  // namespace tvbinder

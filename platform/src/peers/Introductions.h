@@ -19,9 +19,8 @@ class PeerTable;
 // waiting for a reply that stand in for them. Owned by the Runtime.
 class Introductions : public AcceptedConnection::Handler {
   public:
-    Introductions(PeerTable& peers, AcceptedConnections& accepted, SleepTicker& ticker,
-                  uint64_t ownEndpoint)
-        : mPeers(peers), mAccepted(accepted), mTicker(ticker), mOwnEndpoint(ownEndpoint) {}
+    Introductions(PeerTable& peers, AcceptedConnections& accepted, uint64_t ownEndpoint)
+        : mPeers(peers), mAccepted(accepted), mOwnEndpoint(ownEndpoint) {}
 
     void onReadable(const sp<AcceptedConnection>& connection) override;
     // A HELLO runs no application code and waits for nothing.
@@ -35,7 +34,6 @@ class Introductions : public AcceptedConnection::Handler {
 
     PeerTable& mPeers;
     AcceptedConnections& mAccepted;
-    SleepTicker& mTicker;  // for the connections in shared memory
     const uint64_t mOwnEndpoint;
 };
 

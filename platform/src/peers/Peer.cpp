@@ -119,7 +119,7 @@ Peer::Connected Peer::connect(bool asLink) {
     if (region >= 0) hello.fds.push_back(region);
     status = connection->send(hello);
     if (status != NO_ERROR) return {nullptr, status};
-    connection->startSharedMemory(mPool);
+    connection->startSharedMemory();
     return {connection, NO_ERROR};
 }
 

@@ -80,7 +80,7 @@ class Runtime {
     LinkIntake mLinkIntake{mObjects, mExports, mOneWays};
     LinkStallGuard mStallGuard{mPool, mAccepted};
     LinkReader mLinkReader{mLinkIntake, mStallGuard, mAccepted, mPool};
-    Introductions mIntroductions{mPeers, mAccepted, mPool, mEndpoint};
+    Introductions mIntroductions{mPeers, mAccepted, mEndpoint};
     Acceptor mAcceptor{mPool, mAccounts, mAccepted, {mIntroductions, mCallReception, mLinkReader}};
     Listener mListener{false};
     ContextManager mContextManager;

@@ -178,7 +178,7 @@ void ThreadPool::onEventTaken() {
     }
     // Nobody is left to tick, and a lingering thread is better used on
     // whatever comes next.
-    stopAllSleeps();
+    stopAllLingers();
 }
 
 void ThreadPool::join(bool /*isMain*/) {
@@ -213,64 +213,65 @@ void ThreadPool::join(bool /*isMain*/) {
     }
 }
 
-bool ThreadPool::beginSleep(Sleeper* sleeper, unsigned ticks) {
-    LockGuard guard(mSleepLock);
-    // Checked under the lock that stopAllSleeps() takes once the count fell
-    // to 0: a sleep that begins after it sees the count.
+bool ThreadPool::beginLinger(Lingerer* lingerer) {
+    LockGuard guard(mLingerLock);
+    // Checked under the lock that stopAllLingers() takes once the count fell
+    // to 0: a linger that begins after it sees the count.
     if (!hasIdleThreads()) return false;
     // Without a tick nothing would end it.
     if (!mTicking && !setTicking(true)) return false;
-    mSleeping.push_back({sleeper, mTicks + ticks, false});
+    mLingering.push_back({lingerer, mTicks, false});
     return true;
 }
 
-void ThreadPool::endSleep(Sleeper* sleeper) {
-    LockGuard guard(mSleepLock);
-    auto it = std::find_if(mSleeping.begin(), mSleeping.end(),
-                           [sleeper](const Listed& listed) { return listed.sleeper == sleeper; });
-    if (it != mSleeping.end()) mSleeping.erase(it);
+void ThreadPool::endLinger(Lingerer* lingerer) {
+    LockGuard guard(mLingerLock);
+    auto it = std::find_if(mLingering.begin(), mLingering.end(),
+                           [lingerer](const Lingering& l) { return l.lingerer == lingerer; });
+    if (it != mLingering.end()) mLingering.erase(it);
 }
 
 bool ThreadPool::setTicking(bool ticking) {
-    const timespec period{0, ticking ? kSleepTickMs * 1000000L : 0};
+    const timespec period{0, ticking ? kLingerTickMs * 1000000L : 0};
     const itimerspec spec{period, period};
     if (timerfd_settime(mTickFd.get(), 0, &spec, nullptr) != 0) {
-        ALOGE("cannot set the sleep ticker: %s", strerror(errno));
+        ALOGE("cannot set the linger timer: %s", strerror(errno));
         return false;
     }
     mTicking = ticking;
     return true;
 }
 
-void ThreadPool::tick() {
-    LockGuard guard(mSleepLock);
+// A linger ends at the second tick after it began: it lasted a period at least.
+void ThreadPool::tickLingers() {
+    LockGuard guard(mLingerLock);
     ++mTicks;
-    for (Listed& listed : mSleeping) {
-        if (mTicks >= listed.stopAtTick) stop(listed);
+    for (Lingering& lingering : mLingering) {
+        if (mTicks - lingering.sinceTick >= 2) stop(lingering);
     }
-    if (mSleeping.empty() && mTicking) (void)setTicking(false);
+    if (mLingering.empty() && mTicking) (void)setTicking(false);
 }
 
-void ThreadPool::stopAllSleeps() {
-    LockGuard guard(mSleepLock);
-    for (Listed& listed : mSleeping) stop(listed);
+void ThreadPool::stopAllLingers() {
+    LockGuard guard(mLingerLock);
+    for (Lingering& lingering : mLingering) stop(lingering);
 }
 
-void ThreadPool::stop(Listed& listed) {
-    if (listed.stopped) return;
-    listed.stopped = true;
-    listed.sleeper->stopSleeping();
+void ThreadPool::stop(Lingering& lingering) {
+    if (lingering.stopped) return;
+    lingering.stopped = true;
+    lingering.lingerer->stopLingering();
 }
 
-void ThreadPool::Ticker::onEvent(uint32_t /*events*/) {
+void ThreadPool::LingerTicker::onEvent(uint32_t /*events*/) {
     uint64_t expirations;
     ssize_t drained = read(mPool.mTickFd.get(), &expirations, sizeof(expirations));
     (void)drained;
-    mPool.tick();
+    mPool.tickLingers();
     mPool.rearm(this, mPool.mTickFd.get());
 }
 
-bool ThreadPool::Ticker::onEventStandingIn(uint32_t events) {
+bool ThreadPool::LingerTicker::onEventStandingIn(uint32_t events) {
     onEvent(events);
     return true;
 }

@@ -11,7 +11,6 @@
 
 #include "base/EventSource.h"
 #include "base/Locks.h"
-#include "base/SleepTicker.h"
 #include "base/TransportFds.h"
 #include "threads/PoolTask.h"
 
@@ -26,11 +25,10 @@ namespace tvbinder {
 // maximum. Work that is not an event (queued one-ways, death notices,
 // deferred releases) is posted as tasks: pool threads run them in the order
 // posted, woken through an eventfd. A thread waiting for a reply stands in
-// for the pool while no pool thread is free (standIn). Threads that sleep
-// with no timer of their own (a pool thread lingering on the source it
-// served, a caller waiting for its reply) are stopped by the pool's ticks
-// (SleepTicker). Owned by the Runtime; any thread.
-class ThreadPool : public SleepTicker {
+// for the pool while no pool thread is free (standIn). A thread done with a
+// source may linger on it with no timer of its own; the pool ends lingers
+// (beginLinger). Owned by the Runtime; any thread.
+class ThreadPool {
   public:
     static constexpr size_t kDefaultMaxThreads = 15;
 
@@ -46,10 +44,23 @@ class ThreadPool : public SleepTicker {
         virtual ~StandIn() = default;
     };
 
-    // The pool ticks this often while anyone sleeps listed (SleepTicker).
-    // Each tick wakes a thread: a stream of calls a millisecond apart keeps
-    // its server lingering, and pays a tick every tenth call.
-    static constexpr int kSleepTickMs = 10;
+    // A pool thread that waits for the next frame of the source it just
+    // served with no timer of its own ("lingers"): arming a timer costs more
+    // than the rest of a round trip on one CPU. The pool stops it.
+    class Lingerer {
+      public:
+        // Ends the wait, from another thread, once. Called under the pool's
+        // linger lock: must not wait.
+        virtual void stopLingering() = 0;
+
+      protected:
+        virtual ~Lingerer() = default;
+    };
+    // The pool ticks this often while a thread lingers; a linger ends at the
+    // second tick after it began, so it lasts one to two periods. Each tick
+    // wakes a thread: a stream of calls a millisecond apart keeps lingering,
+    // and pays a tick every tenth call.
+    static constexpr int kLingerTickMs = 10;
 
     ThreadPool() = default;
 
@@ -82,10 +93,13 @@ class ThreadPool : public SleepTicker {
     // Runs the calling thread as a pool thread. Never returns.
     void join(bool isMain);
 
-    // A sleep is listed only while a pool thread waits in epoll to tick: a
-    // thread lingering on a source then never keeps the pool from other work.
-    [[nodiscard]] bool beginSleep(Sleeper* sleeper, unsigned ticks) override;
-    void endSleep(Sleeper* sleeper) override;
+    // Lists `lingerer` until endLinger(): the pool stops it once it has
+    // lingered a tick period, or at once when the last thread waiting in
+    // epoll takes work and no other can be spawned. False, and nothing listed,
+    // when no other thread waits for work: the caller must not linger then.
+    [[nodiscard]] bool beginLinger(Lingerer* lingerer);
+    // The lingerer no longer waits: it is not stopped again.
+    void endLinger(Lingerer* lingerer);
 
     // Readable while an event waits: what a stand-in watches.
     int readableFd() const { return mEpoll.get(); }
@@ -108,20 +122,20 @@ class ThreadPool : public SleepTicker {
       private:
         ThreadPool& mPool;
     };
-    // The timerfd that ticks every kSleepTickMs while anyone sleeps listed:
-    // one timer for all, armed when the first sleep begins.
-    class Ticker : public EventSource {
+    // The timerfd that ticks every kLingerTickMs while a thread lingers: one
+    // timer for all lingers, armed when the first begins.
+    class LingerTicker : public EventSource {
       public:
-        explicit Ticker(ThreadPool& pool) : mPool(pool) {}
+        explicit LingerTicker(ThreadPool& pool) : mPool(pool) {}
         void onEvent(uint32_t events) override;
         bool onEventStandingIn(uint32_t events) override;
 
       private:
         ThreadPool& mPool;
     };
-    struct Listed {
-        Sleeper* sleeper;
-        uint64_t stopAtTick;
+    struct Lingering {
+        Lingerer* lingerer;
+        uint64_t sinceTick;
         bool stopped;
     };
 
@@ -135,16 +149,16 @@ class ThreadPool : public SleepTicker {
     // concerns a source that nothing else touches until it ran), and runs
     // them.
     void runPostedStandingIn();
-    void tick();
-    void stopAllSleeps();
-    void stop(Listed& listed) TV_REQUIRES(mSleepLock);
-    bool setTicking(bool ticking) TV_REQUIRES(mSleepLock);
+    void tickLingers();
+    void stopAllLingers();
+    void stop(Lingering& lingering) TV_REQUIRES(mLingerLock);
+    bool setTicking(bool ticking) TV_REQUIRES(mLingerLock);
 
     ScopedFd mEpoll;
     ScopedFd mWakeFd;  // eventfd, registered one-shot
     Wake mWake{*this};
     ScopedFd mTickFd;  // timerfd, registered one-shot
-    Ticker mTicker{*this};
+    LingerTicker mTicker{*this};
     std::atomic<int> mWaiting{0};
     std::atomic<size_t> mPostedCount{0};
 
@@ -158,10 +172,10 @@ class ThreadPool : public SleepTicker {
     size_t mNamed TV_GUARDED_BY(mLock) = 0;
     std::vector<StandIn*> mStandIns TV_GUARDED_BY(mLock);
 
-    Mutex mSleepLock{LockRank::kPoolSleeps};
-    std::vector<Listed> mSleeping TV_GUARDED_BY(mSleepLock);
-    uint64_t mTicks TV_GUARDED_BY(mSleepLock) = 0;
-    bool mTicking TV_GUARDED_BY(mSleepLock) = false;
+    Mutex mLingerLock{LockRank::kPoolLingers};
+    std::vector<Lingering> mLingering TV_GUARDED_BY(mLingerLock);
+    uint64_t mTicks TV_GUARDED_BY(mLingerLock) = 0;
+    bool mTicking TV_GUARDED_BY(mLingerLock) = false;
 };
 
 }  // namespace tvbinder

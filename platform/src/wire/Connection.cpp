@@ -80,17 +80,15 @@ int Connection::offerSharedMemory() {
     return mShm != nullptr ? mShm->regionFd() : -1;
 }
 
-void Connection::startSharedMemory(SleepTicker& ticker) {
+void Connection::startSharedMemory() {
     if (mShm == nullptr) return;
     mShm->closeRegionFd();
-    mShm->setSleepTicker(ticker);
     mChannel = mShm.get();
 }
 
-status_t Connection::acceptSharedMemory(int regionFd, SleepTicker& ticker) {
+status_t Connection::acceptSharedMemory(int regionFd) {
     mShm = ShmFrameChannel::adopt(regionFd, mSocket, mFd.get(), mPeerPid);
     if (mShm == nullptr) return BAD_VALUE;
-    mShm->setSleepTicker(ticker);
     mChannel = mShm.get();
     return NO_ERROR;
 }

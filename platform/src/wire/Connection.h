@@ -61,10 +61,10 @@ class Connection : public RefBase {
     // to send with the HELLO; -1 when frames keep to the socket.
     int offerSharedMemory();
     // Once the HELLO with the region went: frames take it from now on.
-    void startSharedMemory(SleepTicker& ticker);
+    void startSharedMemory();
     // The accepting side: the region received with the HELLO (taken, and
     // closed in any case). BAD_VALUE when it is not a valid region.
-    [[nodiscard]] status_t acceptSharedMemory(int regionFd, SleepTicker& ticker);
+    [[nodiscard]] status_t acceptSharedMemory(int regionFd);
     // These three before the connection is shared with another thread.
 
     // Before the connection goes back to epoll: true when a frame came that
@@ -79,12 +79,11 @@ class Connection : public RefBase {
         return mChannel->receiveWaiting(out, statuses, max);
     }
     [[nodiscard]] bool waitReadable(int timeoutMs) { return mChannel->waitReadable(timeoutMs); }
-    // Waits a moment for the next frame: in shared memory, with no timer for
-    // `ticks` of the sleep ticker's ticks, and not at all when it would not
-    // list the wait; on the socket, in poll() for `timeoutMs`. True once a
-    // frame waits or the connection ended.
-    [[nodiscard]] bool waitBriefly(unsigned ticks, int timeoutMs) {
-        return mShm != nullptr ? mShm->sleepTicked(ticks) == NO_ERROR : waitReadable(timeoutMs);
+    // Shared memory only: waits for a frame with no timer until another
+    // thread stops it; see ShmFrameChannel.
+    bool waitsWithoutTimer() const { return mShm != nullptr; }
+    [[nodiscard]] bool waitReadableUntil(shm::SleepStop& stop) {
+        return mShm->waitReadableUntil(stop);
     }
     int readableFd() const { return mChannel->readableFd(); }
 

@@ -33,10 +33,8 @@ static_assert(kRingBytes >= 2 * kOneWayBudget, "a link's ring must hold its one-
 // may be descheduled for a while; one that stops for longer costs the
 // connection, and frees the send lock.
 constexpr auto kStreamPatience = std::chrono::milliseconds(500);
-// A receive that waits looks at the socket for a hang-up this often, or
-// after this many of the sleep ticker's ticks (40 to 50 ms).
+// A receive that waits looks at the socket for a hang-up this often.
 constexpr auto kHangUpCheck = std::chrono::milliseconds(50);
-constexpr unsigned kHangUpCheckTicks = 5;
 // A frame found on the socket before its marker: an honest sender writes the
 // marker right after it.
 constexpr auto kMarkerWait = std::chrono::milliseconds(100);
@@ -77,13 +75,6 @@ size_t bodyParts(const OutgoingFrame& frame, iovec* parts) {
     }
     return count;
 }
-
-// A sleep on the ring that the ticker stops through a word of our own.
-class RingSleep : public SleepTicker::Sleeper {
-  public:
-    void stopSleeping() override { stop.stop(); }
-    shm::SleepStop stop;
-};
 
 bool isControl(const FrameHeader& header, FrameKind kind) {
     return header.magic == kFrameMagic && header.kind == static_cast<uint32_t>(kind);
@@ -232,9 +223,7 @@ status_t ShmFrameChannel::receive(Frame* out, bool block) {
             if (status != WOULD_BLOCK) return status;
         }
         // Sleeps on the ring; now and then a look at the socket for a hang-up.
-        status_t slept = sleepTicked(kHangUpCheckTicks);
-        if (slept == WOULD_BLOCK) slept = mRing->waitReadable(Clock::now() + kHangUpCheck);
-        if (slept == NO_ERROR) continue;
+        if (mRing->waitReadable(Clock::now() + kHangUpCheck) == NO_ERROR) continue;
         LockGuard guard(mReceiveLock);
         const status_t status = receiveNow(out);
         if (status != WOULD_BLOCK) return status;
@@ -270,13 +259,8 @@ bool ShmFrameChannel::waitReadable(int timeoutMs) {
     }
 }
 
-status_t ShmFrameChannel::sleepTicked(unsigned ticks) {
-    if (stale()) return NO_ERROR;
-    RingSleep sleep;
-    if (mTicker == nullptr || !mTicker->beginSleep(&sleep, ticks)) return WOULD_BLOCK;
-    const status_t status = mRing->waitReadable(sleep.stop);
-    mTicker->endSleep(&sleep);
-    return status == TIMED_OUT ? TIMED_OUT : NO_ERROR;
+bool ShmFrameChannel::waitReadableUntil(shm::SleepStop& stop) {
+    return stale() || mRing->waitReadable(stop) != TIMED_OUT;
 }
 
 bool ShmFrameChannel::prepareToPoll() {

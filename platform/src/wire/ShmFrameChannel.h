@@ -6,7 +6,6 @@
 #include <memory>
 
 #include "base/Locks.h"
-#include "base/SleepTicker.h"
 #include "base/TransportFds.h"
 #include "shm/MessageSink.h"
 #include "shm/ShmChannel.h"
@@ -59,14 +58,9 @@ class ShmFrameChannel final : public FrameChannel {
     // socket for the next frame. True when a frame came meanwhile, for which
     // no wake-up will come: read it now.
     [[nodiscard]] bool prepareToPoll();
-    // What ends sleeps with no timer on this channel; set once, before the
-    // channel is shared with another thread.
-    void setSleepTicker(SleepTicker& ticker) { mTicker = &ticker; }
-    // Sleeps on the ring with no timer while the ticker lists the sleep, for
-    // `ticks` of its ticks: NO_ERROR once a frame waits or the channel ended,
-    // TIMED_OUT when the ticker stopped it, WOULD_BLOCK when it would not
-    // list it.
-    [[nodiscard]] status_t sleepTicked(unsigned ticks);
+    // Waits for a frame with no timer until another thread stops it: true
+    // once a frame waits or the channel ended, false when stopped.
+    [[nodiscard]] bool waitReadableUntil(shm::SleepStop& stop);
     // Wakes every waiter; frames complete in the ring can still be read, then
     // receives end with DEAD_OBJECT and sends fail.
     void shutdown();
@@ -106,7 +100,6 @@ class ShmFrameChannel final : public FrameChannel {
     const int mFd;
     const pid_t mPeerPid;
     const unsigned mGeneration;
-    SleepTicker* mTicker = nullptr;  // none: sleeps are timed
     Mutex mSendLock{LockRank::kChannelSend};
     Mutex mReceiveLock{LockRank::kChannelReceive};
     // Inline frames; larger messages here are a broken rule.
