@@ -233,8 +233,8 @@ void ThreadPool::endLinger(Lingerer* lingerer) {
 
 bool ThreadPool::setTicking(bool ticking) {
     const timespec period{0, ticking ? kLingerTickMs * 1000000L : 0};
-    const itimerspec spec{period, period};
-    if (timerfd_settime(mTickFd.get(), 0, &spec, nullptr) != 0) {
+    const itimerspec every{period, period};
+    if (timerfd_settime(mTickFd.get(), 0, &every, nullptr) != 0) {
         ALOGE("cannot set the linger timer: %s", strerror(errno));
         return false;
     }
