@@ -25,6 +25,9 @@ constexpr size_t kMinReserve = 32;
 constexpr size_t kMinPerProcess = 128;
 // Processes watched at once, however low the limit.
 constexpr size_t kMinWatched = 64;
+// Connections admitted beyond the cap while those evicted for them still
+// hold their descriptors.
+constexpr size_t kMaxEvictionsInFlight = 8;
 
 // Adds `amount` to `value` unless that would take it past `limit`.
 template <typename T>
@@ -92,8 +95,12 @@ PeerAccounts::Admission PeerAccounts::admitConnection(pid_t pid) {
         if (mConnections < mMaxConnections) {
             admission.account = entry.account;
         } else if (const Entry* largest = largestLocked();
-                   largest->connections > entry.connections + 1) {
-            // Processes that flood take turns with newcomers, never all.
+                   largest->connections > entry.connections + 1 &&
+                   mConnections < mMaxConnections + kMaxEvictionsInFlight) {
+            // Processes that flood take turns with newcomers, never all. An
+            // evicted connection keeps its descriptor (and its count) until
+            // the thread that holds it drops it: newcomers wait for those in
+            // flight, so that a flood cannot take every descriptor.
             admission.account = entry.account;
             admission.evictFrom = largest->account;
         }
