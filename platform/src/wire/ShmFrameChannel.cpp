@@ -312,16 +312,9 @@ status_t ShmFrameChannel::startLargeBody(const FrameHeader& header) {
     const size_t bodySize = frameBodySize(header);
     if (bodySize + sizeof(FrameHeader) <= kMaxRingFrame) return corrupted(BAD_VALUE);
     BodyCharge charge;
-    const sp<PeerAccount>& account = mSocket.account();
-    if (account != nullptr) {
-        if (!account->takeBody(bodySize)) {
-            ALOGW("pid %d sent more large frames at once than its share", mPeerPid);
-            mLargeBody.start(header, BodyCharge(), false);
-            return NO_ERROR;
-        }
-        charge = BodyCharge(account, bodySize);
-    }
-    mLargeBody.start(header, std::move(charge), true);
+    // Beyond the share, the body is skipped, not copied.
+    const bool charged = mSocket.chargeBody(bodySize, &charge);
+    mLargeBody.start(header, std::move(charge), charged);
     return NO_ERROR;
 }
 

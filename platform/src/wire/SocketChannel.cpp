@@ -216,20 +216,25 @@ status_t SocketChannel::parse(const msghdr& message, size_t n, const uint8_t* bu
     if ((header.layout & kLayoutBodyInMemfd) != 0) {
         if (n != sizeof(FrameHeader) || out->fds().empty()) return BAD_VALUE;
         const int raw = out->takeFirstFd();
-        if (mAccount != nullptr) {
-            const size_t bodySize = frameBodySize(header);
-            if (!mAccount->takeBody(bodySize)) {
-                ALOGW("pid %d sent more large frames at once than its share", mPeerPid);
-                ::close(raw);
-                return NO_MEMORY;
-            }
-            out->charge = BodyCharge(mAccount, bodySize);
+        if (!chargeBody(frameBodySize(header), &out->charge)) {
+            ::close(raw);
+            return NO_MEMORY;
         }
         status_t status = readMemfdBody(raw, out);
         ::close(raw);
         return status;
     }
     return out->copyInlineBody(buffer + sizeof(FrameHeader), n - sizeof(FrameHeader));
+}
+
+bool SocketChannel::chargeBody(size_t bytes, BodyCharge* charge) {
+    if (mAccount == nullptr) return true;
+    if (!mAccount->takeBody(bytes)) {
+        ALOGW("pid %d sent more large frames at once than its share", mPeerPid);
+        return false;
+    }
+    *charge = BodyCharge(mAccount, bytes);
+    return true;
 }
 
 status_t SocketChannel::readMemfdBody(int memfd, Frame* out) {

@@ -23,8 +23,10 @@ class SocketChannel final : public FrameChannel {
     // Large bodies received from now on are charged to `account`. Set before
     // the first frame is read.
     void chargeBodiesTo(const sp<PeerAccount>& account) { mAccount = account; }
-    // Where large bodies are charged; null when nowhere.
-    const sp<PeerAccount>& account() const { return mAccount; }
+    // Charges a large body of `bytes` to the sender's share, into `charge`
+    // (left empty when bodies are charged nowhere): false, and logged, when
+    // it is beyond the share. For the shared-memory path's bodies too.
+    [[nodiscard]] bool chargeBody(size_t bytes, BodyCharge* charge);
 
     [[nodiscard]] status_t send(const OutgoingFrame& frame, int waitMs) override;
     [[nodiscard]] status_t receive(Frame* out, bool block) override;
