@@ -6,6 +6,7 @@
 #include <limits.h>
 #include <linux/futex.h>
 #include <poll.h>
+#include <sched.h>
 #include <stdlib.h>
 #include <sys/eventfd.h>
 #include <sys/mman.h>
@@ -14,6 +15,7 @@
 
 #include <atomic>
 #include <functional>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -298,15 +300,42 @@ TEST(ShmChannelTest, OnlyASealedRegionOfTheSizeItsHeaderImpliesIsMapped) {
     EXPECT_NE(0, ftruncate(pair.creator->regionFd(), static_cast<off_t>(size) * 2));
 }
 
+// Keeps the calling thread, and the threads it starts meanwhile, on the CPU
+// it runs on: there a waiting end yields to an awake peer instead of sleeping.
+class OnOneCpu {
+  public:
+    OnOneCpu() {
+        sched_getaffinity(0, sizeof mSaved, &mSaved);
+        cpu_set_t one;
+        CPU_ZERO(&one);
+        CPU_SET(sched_getcpu(), &one);
+        EXPECT_EQ(0, sched_setaffinity(0, sizeof one, &one));
+    }
+    ~OnOneCpu() { sched_setaffinity(0, sizeof mSaved, &mSaved); }
+    OnOneCpu(const OnOneCpu&) = delete;
+    OnOneCpu& operator=(const OnOneCpu&) = delete;
+
+  private:
+    cpu_set_t mSaved;
+};
+
 // Two threads hammer the futex paths: ping-pong, then a stream of one-ways
 // through a small ring (the sender waits for room as often as the reader
-// waits for data), then the same with the reader in poll() on an eventfd.
-// The sleep slice is an hour: a lost wake-up would show as TIMED_OUT.
+// waits for data), without spinning, spinning, and both on one CPU. The
+// sleep slice is an hour: a lost wake-up would show as TIMED_OUT.
 TEST(ShmChannelTest, WakeUpsAreNeverLost) {
-    for (auto spin : {std::chrono::nanoseconds(0), std::chrono::nanoseconds(5000)}) {
-        SCOPED_TRACE(spin.count());
+    struct Placement {
+        std::chrono::nanoseconds spin;
+        bool oneCpu;
+    };
+    for (const Placement placement : {Placement{std::chrono::nanoseconds(0), false},
+                                      Placement{std::chrono::nanoseconds(5000), false},
+                                      Placement{std::chrono::nanoseconds(5000), true}}) {
+        SCOPED_TRACE(std::to_string(placement.spin.count()) + (placement.oneCpu ? " one CPU" : ""));
+        std::optional<OnOneCpu> pinned;
+        if (placement.oneCpu) pinned.emplace();
         ShmChannelOptions options;
-        options.spin = spin;
+        options.spin = placement.spin;
         options.sleepSlice = std::chrono::hours(1);
         Pair pair = makePair(options);
         constexpr int kRoundTrips = 5000;

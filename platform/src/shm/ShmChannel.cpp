@@ -1,6 +1,7 @@
 #include "ShmChannel.h"
 
 #include <limits.h>
+#include <sched.h>
 
 #include <algorithm>
 
@@ -224,7 +225,7 @@ bool ShmChannel::armPolling() {
 template <typename Ready>
 status_t ShmChannel::waitFor(std::atomic<uint32_t>* own, std::atomic<uint32_t>* ownCpu, Ready ready,
                              Clock::time_point deadline, SleepStop* stop) {
-    if (spinFor(ready)) return NO_ERROR;
+    if (spinFor(ready) || yieldFor(ready)) return NO_ERROR;
     for (;;) {
         own->store(kSleeping, std::memory_order_seq_cst);
         const bool shut = mShutdown.load(std::memory_order_seq_cst);
@@ -263,6 +264,22 @@ bool ShmChannel::spinFor(Ready ready) {
         if (round % 16 == 0 && Clock::now() >= end) return false;
         spinPause();
     }
+}
+
+// On the peer's CPU, a peer that is awake needs our CPU to answer: one yield
+// lets it run now, and spares our sleep and its wake-up (two system calls and
+// a timer). One yield only, and only while the peer is awake on our CPU.
+template <typename Ready>
+bool ShmChannel::yieldFor(Ready ready) {
+    if (ready()) return true;
+    const uint32_t peer = mWriter.consumerWord()->load(std::memory_order_relaxed);
+    if (peer != kRunning && peer != kWoken) return false;
+    if (threadMayRunInParallel() &&
+        mWriter.consumerCpu()->load(std::memory_order_relaxed) != currentCpu()) {
+        return false;
+    }
+    sched_yield();
+    return ready();
 }
 
 void ShmChannel::shutdown() {

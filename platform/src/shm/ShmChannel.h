@@ -47,9 +47,10 @@ struct ShmChannelOptions {
 // one streams through it in records while the reader copies them out. Each
 // byte is copied once by each side: in by the sender, out by the receiver.
 //
-// Waiting never spends CPU beyond the bounded spin: a thread that waits sleeps
-// on the direction's futex word (with a time-out), and a pool that waits in
-// epoll gets the poll waker called instead (see armPolling). The socket layer
+// Waiting never spends CPU beyond the bounded spin, or one yield to a peer
+// awake on our CPU: a thread that waits sleeps on the direction's futex word
+// (with a time-out), and a pool that waits in epoll gets the poll waker called
+// instead (see armPolling). The socket layer
 // that notices hang-ups and deaths calls shutdown(), which wakes every waiter.
 //
 // Owned by the connection it belongs to, which keeps it alive while any
@@ -134,12 +135,14 @@ class ShmChannel {
     void publishAndWake();
     // Waits until ready() on the futex word `own`, until `deadline`, or with
     // no timer until `stop` when there is one; a receiver also publishes the
-    // CPU it wakes up on in `ownCpu`, for the peer's spinning.
+    // CPU it wakes up on in `ownCpu`, for the peer's spinning and yielding.
     template <typename Ready>
     status_t waitFor(std::atomic<uint32_t>* own, std::atomic<uint32_t>* ownCpu, Ready ready,
                      Clock::time_point deadline, SleepStop* stop = nullptr);
     template <typename Ready>
     bool spinFor(Ready ready);
+    template <typename Ready>
+    bool yieldFor(Ready ready);
     status_t breakWith(status_t status);
 
     const std::unique_ptr<ShmRegion> mRegion;
