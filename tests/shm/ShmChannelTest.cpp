@@ -13,6 +13,7 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <functional>
 #include <optional>
@@ -20,6 +21,7 @@
 #include <thread>
 #include <vector>
 
+#include "Futex.h"
 #include "ShmChannel.h"
 
 namespace android {
@@ -364,6 +366,45 @@ TEST(ShmChannelTest, WakeUpsAreNeverLost) {
             ASSERT_EQ(pattern(1 + i % 700, i), receiveText(pair.adopter.get())) << i;
         }
     }
+}
+
+// The scheduler charges a yield against the yielder's share of its CPU: a
+// pair that kept yielding beside a busy task would get a round trip per slice
+// of that task (about 1.5 ms here) instead of its share of the CPU.
+TEST(ShmChannelTest, APairThatSharesItsCpuWithABusyTaskKeepsItsShare) {
+    OnOneCpu pinned;
+    Pair pair = makePair();
+    Background echo(&pair, [&] {
+        for (;;) {
+            status_t status = NO_ERROR;
+            const std::string text = receiveText(pair.adopter.get(), &status);
+            if (status != NO_ERROR || sendText(pair.adopter.get(), text) != NO_ERROR) return;
+        }
+    });
+    constexpr int kRoundTrips = 3000;
+    auto pingPong = [&] {
+        const Clock::time_point start = Clock::now();
+        for (int i = 0; i < kRoundTrips; ++i) {
+            if (sendText(pair.creator.get(), pattern(16, i)) != NO_ERROR ||
+                receiveText(pair.creator.get()) != pattern(16, i)) {
+                ADD_FAILURE() << "round trip " << i;
+                break;
+            }
+        }
+        return Clock::now() - start;
+    };
+    const Clock::duration alone = pingPong();
+    std::atomic<bool> stop{false};
+    std::thread busy([&] {
+        while (!stop.load(std::memory_order_relaxed)) spinPause();
+    });
+    const Clock::duration beside = pingPong();
+    stop = true;
+    busy.join();
+    // Its share is half the CPU: about twice as long, not hundreds of times.
+    using std::chrono::milliseconds;
+    EXPECT_LT(std::chrono::duration_cast<milliseconds>(beside).count(),
+              std::max<int64_t>(std::chrono::duration_cast<milliseconds>(alone * 20).count(), 500));
 }
 
 TEST(ShmChannelTest, APollingReaderIsWokenThroughItsPollWaker) {
