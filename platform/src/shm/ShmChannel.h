@@ -50,8 +50,8 @@ struct ShmChannelOptions {
 // Waiting never spends CPU beyond the bounded spin, or one yield to a peer
 // awake on our CPU: a thread that waits sleeps on the direction's futex word
 // (with a time-out), and a pool that waits in epoll gets the poll waker called
-// instead (see armPolling). The socket layer
-// that notices hang-ups and deaths calls shutdown(), which wakes every waiter.
+// instead (see armPolling). The socket layer that notices hang-ups and deaths
+// calls shutdown(), which wakes every waiter.
 //
 // Owned by the connection it belongs to, which keeps it alive while any
 // thread uses it. One thread at a time sends and one thread at a time receives
