@@ -242,7 +242,7 @@ bool ShmChannel::armPolling() {
 template <typename Ready>
 status_t ShmChannel::waitFor(std::atomic<uint32_t>* own, std::atomic<uint32_t>* ownCpu, Ready ready,
                              Clock::time_point deadline, SleepStop* stop) {
-    if (spinFor(ready) || yieldFor(ready)) return NO_ERROR;
+    if (sharesCpuWithPeer() ? yieldFor(ready) : spinFor(ready)) return NO_ERROR;
     for (;;) {
         own->store(kSleeping, std::memory_order_seq_cst);
         const bool shut = mShutdown.load(std::memory_order_seq_cst);
@@ -265,15 +265,19 @@ status_t ShmChannel::waitFor(std::atomic<uint32_t>* own, std::atomic<uint32_t>* 
     }
 }
 
-// Spins only where it can pay: on more than one CPU, while the peer runs (its
-// receiving end is not asleep) on another CPU than ours, for mSpin at most.
+// Whether the peer may be waiting for our CPU: this thread may only run on
+// one, or the peer last woke up on ours (`consumerCpu`, a hint).
+bool ShmChannel::sharesCpuWithPeer() {
+    return !threadMayRunInParallel() ||
+           mWriter.consumerCpu()->load(std::memory_order_relaxed) == currentCpu();
+}
+
+// Spins only where it can pay: with the peer on another CPU (sharesCpuWithPeer),
+// while it runs (its receiving end is not asleep), for mSpin at most.
 template <typename Ready>
 bool ShmChannel::spinFor(Ready ready) {
+    if (mSpin.count() <= 0) return false;
     const std::atomic<uint32_t>* peer = mWriter.consumerWord();
-    if (mSpin.count() <= 0 || !threadMayRunInParallel() ||
-        mWriter.consumerCpu()->load(std::memory_order_relaxed) == currentCpu()) {
-        return false;
-    }
     const Clock::time_point end = Clock::now() + mSpin;
     for (unsigned round = 1;; ++round) {
         if (ready()) return true;
@@ -283,19 +287,15 @@ bool ShmChannel::spinFor(Ready ready) {
     }
 }
 
-// On the peer's CPU, a peer that is awake needs our CPU to answer: one yield
-// lets it run now, and spares our sleep and its wake-up (two system calls and
-// a timer). One yield only, only while the peer is awake on our CPU, and not
-// while another task keeps that CPU busy (kYieldTooLong).
+// On the peer's CPU (sharesCpuWithPeer), a peer that is awake needs our CPU to
+// answer: one yield lets it run now, and spares our sleep and its wake-up (two
+// system calls and a timer). One yield only, only while the peer is awake,
+// and not while another task keeps that CPU busy (kYieldTooLong).
 template <typename Ready>
 bool ShmChannel::yieldFor(Ready ready) {
     if (ready()) return true;
     const uint32_t peer = mWriter.consumerWord()->load(std::memory_order_relaxed);
     if (peer != kRunning && peer != kWoken) return false;
-    if (threadMayRunInParallel() &&
-        mWriter.consumerCpu()->load(std::memory_order_relaxed) != currentCpu()) {
-        return false;
-    }
     YieldBackoff& backoff = tYieldBackoff;
     const Clock::time_point start = Clock::now();
     if (start < backoff.noYieldBefore) return false;

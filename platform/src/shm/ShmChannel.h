@@ -139,6 +139,7 @@ class ShmChannel {
     template <typename Ready>
     status_t waitFor(std::atomic<uint32_t>* own, std::atomic<uint32_t>* ownCpu, Ready ready,
                      Clock::time_point deadline, SleepStop* stop = nullptr);
+    bool sharesCpuWithPeer();
     template <typename Ready>
     bool spinFor(Ready ready);
     template <typename Ready>
