@@ -93,6 +93,16 @@ class Background {
     std::thread mThread;
 };
 
+// The adopter's side of a ping-pong: sends back what it receives until the
+// pair is shut down.
+void echoUntilShutDown(Pair* pair) {
+    for (;;) {
+        status_t status = NO_ERROR;
+        const std::string text = receiveText(pair->adopter.get(), &status);
+        if (status != NO_ERROR || sendText(pair->adopter.get(), text) != NO_ERROR) return;
+    }
+}
+
 // The region as the other process sees it: free to write anything anywhere.
 class PeerView {
   public:
@@ -342,14 +352,7 @@ TEST(ShmChannelTest, WakeUpsAreNeverLost) {
         Pair pair = makePair(options);
         constexpr int kRoundTrips = 5000;
         {
-            Background echo(&pair, [&] {
-                for (int i = 0; i < kRoundTrips; ++i) {
-                    status_t status = NO_ERROR;
-                    const std::string text = receiveText(pair.adopter.get(), &status);
-                    if (status != NO_ERROR || sendText(pair.adopter.get(), text) != NO_ERROR)
-                        return;
-                }
-            });
+            Background echo(&pair, [&] { echoUntilShutDown(&pair); });
             for (int i = 0; i < kRoundTrips; ++i) {
                 ASSERT_EQ(NO_ERROR, sendText(pair.creator.get(), pattern(16, i)));
                 ASSERT_EQ(pattern(16, i), receiveText(pair.creator.get()));
@@ -374,13 +377,7 @@ TEST(ShmChannelTest, WakeUpsAreNeverLost) {
 TEST(ShmChannelTest, APairThatSharesItsCpuWithABusyTaskKeepsItsShare) {
     OnOneCpu pinned;
     Pair pair = makePair();
-    Background echo(&pair, [&] {
-        for (;;) {
-            status_t status = NO_ERROR;
-            const std::string text = receiveText(pair.adopter.get(), &status);
-            if (status != NO_ERROR || sendText(pair.adopter.get(), text) != NO_ERROR) return;
-        }
-    });
+    Background echo(&pair, [&] { echoUntilShutDown(&pair); });
     constexpr int kRoundTrips = 3000;
     auto pingPong = [&] {
         const Clock::time_point start = Clock::now();
