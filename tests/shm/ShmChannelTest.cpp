@@ -187,6 +187,48 @@ TEST(ShmChannelTest, AFullRingHoldsTheSenderBackWithoutLosingAnything) {
     EXPECT_FALSE(pair.creator->broken());
 }
 
+// For a peer on another CPU a large message goes in records the peer can copy
+// out one by one. Their headers take room too: a send that has room for the
+// message in one record but not for its records waits, and writes nothing,
+// rather than run over what the reader has not read yet.
+TEST(ShmChannelTest, ALargeMessageForAPeerOnAnotherCpuGoesInRecordsWithRoomForAll) {
+    if (!threadMayRunInParallel()) GTEST_SKIP() << "needs two CPUs";
+    constexpr size_t kRing128 = 128 * 1024;
+    constexpr size_t kRecord = 16 * 1024;
+    Pair pair = makePair({}, kRing128);
+    PeerView peer(pair.creator->regionFd(), kRing128);
+    peer.control(0).consumerCpu.store(UINT32_MAX);  // the reader last woke up elsewhere
+    const std::string head = pattern(16, 1);
+    const std::string body = pattern(40 * 1024, 2);
+    const iovec headPart{const_cast<char*>(head.data()), head.size()};
+    const iovec bodyPart{const_cast<char*>(body.data()), body.size()};
+    const size_t recordsBytes = (8 + 16) + 3 * 8 + body.size();
+    const std::string unread = pattern(kRing128 - (recordsBytes - 8) - 8, 3);
+    ASSERT_EQ(NO_ERROR, sendText(pair.creator.get(), unread));
+    EXPECT_EQ(TIMED_OUT, pair.creator->sendHeaded(headPart, &bodyPart, 1, Clock::now()));
+    EXPECT_EQ(8 + unread.size(), peer.control(0).tail.load());
+    EXPECT_FALSE(pair.creator->broken());
+    EXPECT_EQ(unread, receiveText(pair.adopter.get()));
+
+    ASSERT_EQ(NO_ERROR, pair.creator->sendHeaded(headPart, &bodyPart, 1, later()));
+    RecordHeader first{};
+    memcpy(&first, peer.data(0) + 8 + 16, sizeof first);  // back at the front, past the head
+    EXPECT_EQ(kRecord, first.payload);
+    EXPECT_EQ(body.size(), first.remaining);
+    EXPECT_EQ(head, receiveText(pair.adopter.get()));
+    EXPECT_EQ(body, receiveText(pair.adopter.get()));
+
+    // Longer than the ring: it streams, in such records too.
+    const std::string streamed = pattern(300 * 1024, 4);
+    const iovec streamedPart{const_cast<char*>(streamed.data()), streamed.size()};
+    std::thread sender([&] {
+        EXPECT_EQ(NO_ERROR, pair.creator->sendHeaded(headPart, &streamedPart, 1, later()));
+    });
+    EXPECT_EQ(head, receiveText(pair.adopter.get()));
+    EXPECT_EQ(streamed, receiveText(pair.adopter.get()));
+    sender.join();
+}
+
 // Each lie of a producer, written straight into the region, is met with
 // kPeerCorrupted, and the channel stays broken even once the ring looks sane.
 TEST(ShmChannelTest, ALyingWriterBreaksOnlyItsChannel) {

@@ -16,6 +16,12 @@ namespace {
 // takes all the room there is: on one CPU every record written while the
 // reader sleeps costs a switch to it and back.
 constexpr size_t kStreamChunk = 16 * 1024;
+// A message this long, for a peer on another CPU, goes in records of
+// kPipelineRecord published one by one: the peer, woken by the first, copies
+// out while the rest go in, and its wake-up overlaps our copy.
+constexpr size_t kPipelineFrom = 32 * 1024;
+constexpr size_t kPipelineRecord = 16 * 1024;
+static_assert(kPipelineRecord % kRecordAlign == 0, "only the last record is padded");
 // Small messages keep to this much of the front of a ring (a page multiple):
 // only large ones touch, and make resident, the pages beyond.
 constexpr size_t kFrontBytes = 64 * 1024;
@@ -87,7 +93,9 @@ status_t ShmChannel::send(const iovec* parts, size_t count, Clock::time_point de
     const status_t status = checkSendable(source.remaining());
     if (status != NO_ERROR) return status;
     const size_t whole = sizeof(RecordHeader) + alignRecord(source.remaining());
-    if (whole > mWriter.ringBytes()) return sendStreamed(&source, deadline, patienceTill(deadline));
+    if (whole > mWriter.ringBytes()) {
+        return sendStreamed(&source, deadline, patienceTill(deadline), SIZE_MAX);
+    }
     rewindIfEmpty(whole);
     return sendWhole(&source, whole, deadline);
 }
@@ -103,16 +111,26 @@ status_t ShmChannel::sendHeaded(const iovec& head, const iovec* parts, size_t co
     const size_t whole = headBytes + sizeof(RecordHeader) + alignRecord(source.remaining());
     const size_t ring = mWriter.ringBytes();
     const bool streamed = whole > ring;
+    const bool peerApart = whole >= kPipelineFrom && !sharesCpuWithPeer();
+    const size_t pipelinedBytes = headBytes + pipelinedRecordBytes(source.remaining());
+    const bool pipelined = !streamed && peerApart && pipelinedBytes <= ring;
     const Clock::duration patience = patienceTill(deadline);
-    const size_t first = streamed ? std::min(ring, headBytes + kStreamChunk) : whole;
+    const size_t first = streamed    ? std::min(ring, headBytes + kStreamChunk)
+                         : pipelined ? pipelinedBytes
+                                     : whole;
     rewindIfEmpty(first);
     status = waitForRoom(first, deadline);
     if (status != NO_ERROR) return status;
     const auto headLength = static_cast<uint32_t>(headSource.remaining());
     // Published with the first record of the second message, which now fits.
     mWriter.append(&headSource, headLength, headLength);
-    status = streamed ? sendStreamed(&source, deadline, patience)
-                      : sendWhole(&source, whole - headBytes, deadline);
+    if (pipelined) {
+        sendPipelined(&source);
+        return NO_ERROR;
+    }
+    status = streamed
+                 ? sendStreamed(&source, deadline, patience, peerApart ? kPipelineRecord : SIZE_MAX)
+                 : sendWhole(&source, whole - headBytes, deadline);
     // A first message without the second: the reader could not go on.
     return status == NO_ERROR ? status : breakWith(status);
 }
@@ -142,12 +160,27 @@ status_t ShmChannel::sendWhole(GatherCursor* source, size_t bytes, Clock::time_p
     return NO_ERROR;
 }
 
+size_t ShmChannel::pipelinedRecordBytes(size_t length) {
+    const size_t records = (length + kPipelineRecord - 1) / kPipelineRecord;
+    return records * sizeof(RecordHeader) + alignRecord(length);
+}
+
+// The room for every record was there before the first went in: nothing
+// waits half-way, and a send that could not have all of it wrote nothing.
+void ShmChannel::sendPipelined(GatherCursor* source) {
+    while (source->remaining() > 0) {
+        const auto remaining = static_cast<uint32_t>(source->remaining());
+        mWriter.append(source, std::min<uint32_t>(remaining, kPipelineRecord), remaining);
+        publishAndWake();
+    }
+}
+
 // Records published one by one, so that the reader can copy out while the
 // next one goes in.
 // The wait is for progress: a reader that keeps copying out keeps the message
 // going, however long it is; `patience` is how long it may stop.
 status_t ShmChannel::sendStreamed(GatherCursor* source, Clock::time_point deadline,
-                                  Clock::duration patience) {
+                                  Clock::duration patience, size_t maxRecord) {
     const size_t chunk = std::min(mWriter.ringBytes() / 4, kStreamChunk);
     const size_t length = source->remaining();
     const Clock::time_point latest =
@@ -161,8 +194,8 @@ status_t ShmChannel::sendStreamed(GatherCursor* source, Clock::time_point deadli
             // Half a message in the ring: the reader could never resynchronise.
             return source->remaining() < length ? breakWith(status) : status;
         }
-        const size_t payload =
-            std::min(source->remaining(), (room - sizeof(RecordHeader)) & ~(kRecordAlign - 1));
+        const size_t payload = std::min(
+            {source->remaining(), maxRecord, (room - sizeof(RecordHeader)) & ~(kRecordAlign - 1)});
         const auto remaining = static_cast<uint32_t>(source->remaining());
         mWriter.append(source, static_cast<uint32_t>(payload), remaining);
         publishAndWake();

@@ -86,7 +86,9 @@ class ShmChannel {
     // Sends `head`, a message that fits the ring, and right behind it the
     // message made of `parts`, published together with the first record of
     // it: nothing is written unless both fit, or, for a longer second one,
-    // the first and a record of it. Then as send().
+    // the first and a record of it. Then as send(), except that for a peer on
+    // another CPU a second message of 32 KiB or more goes in records of
+    // 16 KiB, which the peer copies out while the next go in.
     status_t sendHeaded(const iovec& head, const iovec* parts, size_t count,
                         Clock::time_point deadline);
     // Receives one message into `sink` (see RingReader::read), waiting until
@@ -129,8 +131,12 @@ class ShmChannel {
     status_t checkSendable(size_t length) const;
     status_t sendWhole(GatherCursor* source, size_t length, Clock::time_point deadline);
     Clock::duration patienceTill(Clock::time_point deadline) const;
+    // Records of at most `maxRecord` bytes of payload.
     status_t sendStreamed(GatherCursor* source, Clock::time_point deadline,
-                          Clock::duration patience);
+                          Clock::duration patience, size_t maxRecord);
+    // The ring bytes a message of `length` takes in pipelined records.
+    static size_t pipelinedRecordBytes(size_t length);
+    void sendPipelined(GatherCursor* source);
     status_t waitForRoom(size_t bytes, Clock::time_point deadline);
     void publishAndWake();
     // Waits until ready() on the futex word `own`, until `deadline`, or with
