@@ -3,11 +3,11 @@
 #include "oneways/LinkReader.h"
 
 #include <log/log.h>
-#include <sched.h>
 
 #include "oneways/LinkIntake.h"
 #include "oneways/LinkStallGuard.h"
 #include "peers/AcceptedConnections.h"
+#include "shm/Futex.h"
 #include "threads/ThreadPool.h"
 
 namespace android {
@@ -47,8 +47,7 @@ void LinkReader::onReadable(const sp<AcceptedConnection>& link) {
         // the one-ways it sends meanwhile are read in one go.
         if (!yielded) {
             yielded = true;
-            sched_yield();
-            continue;
+            if (shm::yieldUnlessCrowded()) continue;
         }
         yielded = false;
         // The sender is woken straight by the socket then, not through epoll.

@@ -8,9 +8,32 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
+
 namespace android {
 namespace tvbinder {
 namespace shm {
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+// Between a thread and its peer alone a yield takes a few microseconds; when
+// the thread's yields average this long they met another busy task (or a
+// peer at work for long, where yielding gains nothing).
+constexpr auto kYieldTooLong = std::chrono::microseconds(100);
+constexpr int kYieldAverageWeight = 16;  // the newest yield counts for 1/16
+constexpr auto kFirstYieldPause = std::chrono::milliseconds(10);
+constexpr auto kLongestYieldPause = std::chrono::seconds(10);
+
+struct YieldBackoff {
+    Clock::time_point noYieldBefore;
+    Clock::duration pause = kFirstYieldPause;
+    Clock::duration average{0};
+};
+thread_local YieldBackoff tYieldBackoff;
+
+}  // namespace
 
 void futexWait(std::atomic<uint32_t>* word, uint32_t expected, std::chrono::nanoseconds timeout) {
     if (timeout.count() <= 0) return;
@@ -55,6 +78,20 @@ bool threadMayRunInParallel() {
         return sched_getaffinity(0, sizeof cpus, &cpus) == 0 && CPU_COUNT(&cpus) > 1;
     }();
     return parallel;
+}
+
+bool yieldUnlessCrowded() {
+    YieldBackoff& backoff = tYieldBackoff;
+    const Clock::time_point start = Clock::now();
+    if (start < backoff.noYieldBefore) return false;
+    sched_yield();
+    backoff.average += (Clock::now() - start - backoff.average) / kYieldAverageWeight;
+    if (backoff.average > kYieldTooLong) {
+        backoff.average = Clock::duration(0);
+        backoff.noYieldBefore = start + backoff.pause;
+        backoff.pause = std::min<Clock::duration>(backoff.pause * 2, kLongestYieldPause);
+    }
+    return true;
 }
 
 }  // namespace shm

@@ -47,6 +47,13 @@ bool threadMayRunInParallel();
 // move at any time: a hint.
 uint32_t currentCpu();
 
+// Yields the CPU once, for a peer that needs it: false, without yielding,
+// while this thread's yields have lately taken long. The scheduler charges a
+// yield against the yielder's share of its CPU, so that beside a busy task
+// every yield would hand that task a slice; the thread then sleeps instead of
+// yielding, for a pause that doubles each time.
+bool yieldUnlessCrowded();
+
 // One step of a busy wait: tells the CPU we are spinning.
 inline void spinPause() {
 #if defined(__x86_64__) || defined(__i386__)

@@ -1,7 +1,6 @@
 #include "ShmChannel.h"
 
 #include <limits.h>
-#include <sched.h>
 
 #include <algorithm>
 
@@ -25,23 +24,6 @@ static_assert(kPipelineRecord % kRecordAlign == 0, "only the last record is padd
 // Small messages keep to this much of the front of a ring (a page multiple):
 // only large ones touch, and make resident, the pages beyond.
 constexpr size_t kFrontBytes = 64 * 1024;
-// The scheduler charges a yield against the yielder's share of its CPU: with
-// another task busy there, every yield would hand that task a slice. Between
-// a thread and its peer alone a yield takes a few microseconds; when the
-// thread's yields average this long they met such a task (or a peer at work
-// for long, where yielding gains nothing), and the thread sleeps instead of
-// yielding for a pause that doubles each time.
-constexpr auto kYieldTooLong = std::chrono::microseconds(100);
-constexpr int kYieldAverageWeight = 16;  // the newest yield counts for 1/16
-constexpr auto kFirstYieldPause = std::chrono::milliseconds(10);
-constexpr auto kLongestYieldPause = std::chrono::seconds(10);
-
-struct YieldBackoff {
-    ShmChannel::Clock::time_point noYieldBefore;
-    ShmChannel::Clock::duration pause = kFirstYieldPause;
-    ShmChannel::Clock::duration average{0};
-};
-thread_local YieldBackoff tYieldBackoff;
 
 }  // namespace
 
@@ -323,23 +305,13 @@ bool ShmChannel::spinFor(Ready ready) {
 // On the peer's CPU (sharesCpuWithPeer), a peer that is awake needs our CPU to
 // answer: one yield lets it run now, and spares our sleep and its wake-up (two
 // system calls and a timer). One yield only, only while the peer is awake,
-// and not while another task keeps that CPU busy (kYieldTooLong).
+// and not while another task keeps that CPU busy (yieldUnlessCrowded).
 template <typename Ready>
 bool ShmChannel::yieldFor(Ready ready) {
     if (ready()) return true;
     const uint32_t peer = mWriter.consumerWord()->load(std::memory_order_relaxed);
     if (peer != kRunning && peer != kWoken) return false;
-    YieldBackoff& backoff = tYieldBackoff;
-    const Clock::time_point start = Clock::now();
-    if (start < backoff.noYieldBefore) return false;
-    sched_yield();
-    backoff.average += (Clock::now() - start - backoff.average) / kYieldAverageWeight;
-    if (backoff.average > kYieldTooLong) {
-        backoff.average = Clock::duration(0);
-        backoff.noYieldBefore = start + backoff.pause;
-        backoff.pause = std::min<Clock::duration>(backoff.pause * 2, kLongestYieldPause);
-    }
-    return ready();
+    return yieldUnlessCrowded() && ready();
 }
 
 void ShmChannel::shutdown() {
