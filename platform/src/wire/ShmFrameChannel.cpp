@@ -38,6 +38,10 @@ constexpr auto kHangUpCheck = std::chrono::milliseconds(50);
 // A frame found on the socket before its marker: an honest sender writes the
 // marker right after it.
 constexpr auto kMarkerWait = std::chrono::milliseconds(100);
+// How long a receive that does not block may still wait for the rest of a
+// body the peer is writing (a record at a time, while it runs): the reader
+// often catches up with the writer, and a way through epoll costs more.
+constexpr auto kBodyCatchUp = std::chrono::microseconds(200);
 
 shm::ShmChannelOptions ringOptions() {
     shm::ShmChannelOptions options;
@@ -268,9 +272,11 @@ bool ShmFrameChannel::prepareToPoll() {
 }
 
 status_t ShmFrameChannel::receiveNow(Frame* out) {
+    Clock::time_point catchUpEnd{};
     for (;;) {
         status_t status = takeFrame(out);
         if (status != WOULD_BLOCK) return status;
+        if (mLargeBody.active() && awaitMoreOfBody(&catchUpEnd)) continue;
         bool frameFirst = false;
         status = skipWakeUps(&frameFirst);
         // What the peer completed before it hung up is still read.
@@ -282,6 +288,15 @@ status_t ShmFrameChannel::receiveNow(Frame* out) {
         }
         if (!mRing->armPolling()) return WOULD_BLOCK;
     }
+}
+
+// Waits as the ring's waits do before they sleep: spinning while the peer
+// runs, or yielding once to it on our CPU; never beyond `*end`, set on the
+// first call.
+bool ShmFrameChannel::awaitMoreOfBody(Clock::time_point* end) {
+    const Clock::time_point now = Clock::now();
+    if (*end == Clock::time_point{}) *end = now + kBodyCatchUp;
+    return now < *end && mRing->waitReadable(now) == NO_ERROR;
 }
 
 status_t ShmFrameChannel::takeFrame(Frame* out) {

@@ -79,6 +79,8 @@ class ShmFrameChannel final : public FrameChannel {
     // One frame if one waits, else WOULD_BLOCK with the peer asked to wake
     // the socket.
     status_t receiveNow(Frame* out) TV_REQUIRES(mReceiveLock);
+    // Briefly, for more of the large body being read; see kBodyCatchUp.
+    bool awaitMoreOfBody(shm::ShmChannel::Clock::time_point* end) TV_REQUIRES(mReceiveLock);
     // The next frame of the ring (or the socket frame it stands for).
     status_t takeFrame(Frame* out) TV_REQUIRES(mReceiveLock);
     status_t takeSocketFrame(Frame* out) TV_REQUIRES(mReceiveLock);
