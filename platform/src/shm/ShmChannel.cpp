@@ -21,6 +21,12 @@ constexpr size_t kStreamChunk = 16 * 1024;
 constexpr size_t kPipelineFrom = 32 * 1024;
 constexpr size_t kPipelineRecord = 16 * 1024;
 static_assert(kPipelineRecord % kRecordAlign == 0, "only the last record is padded");
+
+// The ring bytes a message of `length` takes in records of kPipelineRecord.
+size_t pipelinedRecordBytes(size_t length) {
+    const size_t records = (length + kPipelineRecord - 1) / kPipelineRecord;
+    return records * sizeof(RecordHeader) + alignRecord(length);
+}
 // Small messages keep to this much of the front of a ring (a page multiple):
 // only large ones touch, and make resident, the pages beyond.
 constexpr size_t kFrontBytes = 64 * 1024;
@@ -97,6 +103,9 @@ status_t ShmChannel::sendHeaded(const iovec& head, const iovec* parts, size_t co
     const size_t pipelinedBytes = headBytes + pipelinedRecordBytes(source.remaining());
     const bool pipelined = !streamed && peerApart && pipelinedBytes <= ring;
     const Clock::duration patience = patienceTill(deadline);
+    // A pipelined message waits for room for all its records before the
+    // first goes in: it never waits half-way, and a send that times out
+    // wrote nothing.
     const size_t first = streamed    ? std::min(ring, headBytes + kStreamChunk)
                          : pipelined ? pipelinedBytes
                                      : whole;
@@ -106,11 +115,7 @@ status_t ShmChannel::sendHeaded(const iovec& head, const iovec* parts, size_t co
     const auto headLength = static_cast<uint32_t>(headSource.remaining());
     // Published with the first record of the second message, which now fits.
     mWriter.append(&headSource, headLength, headLength);
-    if (pipelined) {
-        sendPipelined(&source);
-        return NO_ERROR;
-    }
-    status = streamed
+    status = streamed || pipelined
                  ? sendStreamed(&source, deadline, patience, peerApart ? kPipelineRecord : SIZE_MAX)
                  : sendWhole(&source, whole - headBytes, deadline);
     // A first message without the second: the reader could not go on.
@@ -140,21 +145,6 @@ status_t ShmChannel::sendWhole(GatherCursor* source, size_t bytes, Clock::time_p
     mWriter.append(source, length, length);
     publishAndWake();
     return NO_ERROR;
-}
-
-size_t ShmChannel::pipelinedRecordBytes(size_t length) {
-    const size_t records = (length + kPipelineRecord - 1) / kPipelineRecord;
-    return records * sizeof(RecordHeader) + alignRecord(length);
-}
-
-// The room for every record was there before the first went in: nothing
-// waits half-way, and a send that could not have all of it wrote nothing.
-void ShmChannel::sendPipelined(GatherCursor* source) {
-    while (source->remaining() > 0) {
-        const auto remaining = static_cast<uint32_t>(source->remaining());
-        mWriter.append(source, std::min<uint32_t>(remaining, kPipelineRecord), remaining);
-        publishAndWake();
-    }
 }
 
 // Records published one by one, so that the reader can copy out while the

@@ -134,9 +134,6 @@ class ShmChannel {
     // Records of at most `maxRecord` bytes of payload.
     status_t sendStreamed(GatherCursor* source, Clock::time_point deadline,
                           Clock::duration patience, size_t maxRecord);
-    // The ring bytes a message of `length` takes in pipelined records.
-    static size_t pipelinedRecordBytes(size_t length);
-    void sendPipelined(GatherCursor* source);
     status_t waitForRoom(size_t bytes, Clock::time_point deadline);
     void publishAndWake();
     // Waits until ready() on the futex word `own`, until `deadline`, or with
