@@ -4,6 +4,7 @@
 #include <binder/ProcessState.h>
 #include <errno.h>
 #include <fcntl.h>
+#include <pthread.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
@@ -48,6 +49,16 @@ void holdDescriptorsLeaving(size_t spare) {
     while (devNull >= 0 && countOpenFds(getpid()) + spare < limit.rlim_cur &&
            fcntl(devNull, F_DUPFD_CLOEXEC, 0) >= 0) {
     }
+}
+
+// Makes every thread started from now on fail to start: no stack that
+// large can be mapped.
+void refuseNewThreads() {
+    pthread_attr_t attributes;
+    pthread_attr_init(&attributes);
+    pthread_attr_setstacksize(&attributes, size_t{1} << 46);
+    pthread_setattr_default_np(&attributes);
+    pthread_attr_destroy(&attributes);
 }
 
 // Runs a "relay" command from this thread (see serveTestService).
@@ -266,6 +277,7 @@ int serveTestService(const std::vector<std::string>& args) {
     sp<android::ProcessState> process = android::ProcessState::self();
     size_t leaveFds = 0;
     bool pool = true;
+    bool newThreads = true;
     for (const std::string& option : args) {
         if (option.rfind("--max-threads=", 0) == 0) {
             process->setThreadPoolMaxThreadCount(std::stoul(option.substr(14)));
@@ -275,9 +287,12 @@ int serveTestService(const std::vector<std::string>& args) {
             leaveFds = std::stoul(option.substr(12));
         } else if (option == "--no-pool") {
             pool = false;
+        } else if (option == "--no-new-threads") {
+            newThreads = false;
         }
     }
     if (pool) process->startThreadPool();
+    if (!newThreads) refuseNewThreads();
     sp<TestService> service = new TestService();
     publish(args[0], service);
     if (leaveFds > 0) holdDescriptorsLeaving(leaveFds);

@@ -78,7 +78,8 @@ class TestService : public android::BBinder {
 // object of this process, and answers "<status> <1 if the call back ran on
 // that thread>". Options: --no-pool, --max-threads=N, --name=NAME
 // (process name), --nofile=N (soft RLIMIT_NOFILE), --leave-fds=N (holds
-// descriptors until only N are left below that limit).
+// descriptors until only N are left below that limit), --no-new-threads (no
+// thread can start once the pool's first has).
 int serveTestService(const std::vector<std::string>& args);
 
 }  // namespace tvtest

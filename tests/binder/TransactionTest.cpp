@@ -157,7 +157,8 @@ int checkForkedChild(const std::string& serviceName, uint64_t parentEndpoint) {
     return 0;
 }
 
-TEST(ServedProcess, PoolGrowsToItsMaximumNameIsWhatPsShowsAndAForkGetsItsOwnEndpoint) {
+TEST(ServedProcess,
+     PoolGrowsToItsMaximumOrServesOnWithoutNewThreadsNameIsWhatPsShowsAndAForkGetsItsOwnEndpoint) {
     constexpr int kMaxSpawned = 3;
     ServedChild child({"--max-threads=" + std::to_string(kMaxSpawned), "--name=tvbnamed"});
     ASSERT_TRUE(child.ready());
@@ -189,6 +190,18 @@ TEST(ServedProcess, PoolGrowsToItsMaximumNameIsWhatPsShowsAndAForkGetsItsOwnEndp
     EXPECT_EQ(kCallers, mostThreads);
     // The main pool thread and the spawned ones.
     EXPECT_EQ(size_t{1 + kMaxSpawned}, countPoolThreads(child.pid()));
+
+    // Every call tries to grow a pool whose only thread takes it.
+    ServedChild starved({"--no-new-threads"});
+    ASSERT_TRUE(starved.ready());
+    std::vector<std::future<int32_t>> echoes;
+    for (int i = 0; i < kCallers; ++i) {
+        echoes.push_back(std::async(std::launch::async, [&, i] {
+            return callInt(starved.binder(), TestService::ECHO, i);
+        }));
+    }
+    for (int i = 0; i < kCallers; ++i) EXPECT_EQ(i, echoes[i].get());
+    EXPECT_EQ(size_t{1}, countPoolThreads(starved.pid()));
 
     // A fork without exec gets its own endpoint and leaves the parent's alone.
     const uint64_t parentEndpoint = Runtime::current()->endpoint();

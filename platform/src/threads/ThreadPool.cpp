@@ -13,6 +13,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <system_error>
 #include <thread>
 
 namespace android {
@@ -136,7 +137,9 @@ void ThreadPool::start() {
         if (mStarted) return;
         mStarted = true;
     }
-    spawn(true);
+    if (spawn(true)) return;
+    LockGuard guard(mLock);
+    mStarted = false;  // a later start may find a thread to spare
 }
 
 void ThreadPool::setMaxThreads(size_t maxThreads) {
@@ -149,18 +152,29 @@ size_t ThreadPool::maxThreads() const {
     return mMaxThreads;
 }
 
-void ThreadPool::spawn(bool isMain) {
+bool ThreadPool::spawn(bool isMain) {
     size_t number;
     {
         LockGuard guard(mLock);
         number = ++mNamed;
     }
-    std::thread([this, isMain, number] {
-        char name[16];
-        snprintf(name, sizeof(name), "tvbinder:%zu", number);
-        pthread_setname_np(pthread_self(), name);
-        join(isMain);
-    }).detach();
+    try {
+        std::thread([this, isMain, number] {
+            char name[16];
+            snprintf(name, sizeof(name), "tvbinder:%zu", number);
+            pthread_setname_np(pthread_self(), name);
+            join(isMain);
+        }).detach();
+    } catch (const std::system_error& error) {
+        // Out of threads or memory, or the process is in exec: the threads
+        // already running carry on. Told once, not at every event.
+        if (!mSpawnFailing.exchange(true)) {
+            ALOGW("cannot start a pool thread: %s", error.what());
+        }
+        return false;
+    }
+    mSpawnFailing = false;
+    return true;
 }
 
 void ThreadPool::onEventTaken() {
@@ -173,8 +187,9 @@ void ThreadPool::onEventTaken() {
         if (spawnOne) ++mSpawned;
     }
     if (spawnOne) {
-        spawn(false);
-        return;
+        if (spawn(false)) return;
+        LockGuard guard(mLock);
+        --mSpawned;
     }
     // Nobody is left to tick, and a lingering thread is better used on
     // whatever comes next.

@@ -139,7 +139,8 @@ class ThreadPool {
         bool stopped;
     };
 
-    void spawn(bool isMain);
+    // False, logged, when no thread can be started.
+    bool spawn(bool isMain);
     // A waiting pool thread took work. The last one tells the stand-ins and
     // spawns another, up to the maximum.
     void onEventTaken();
@@ -161,6 +162,7 @@ class ThreadPool {
     LingerTicker mTicker{*this};
     std::atomic<int> mWaiting{0};
     std::atomic<size_t> mPostedCount{0};
+    std::atomic<bool> mSpawnFailing{false};  // since the last thread started
 
     Mutex mTaskLock{LockRank::kPoolTasks};
     std::deque<sp<PoolTask>> mPosted TV_GUARDED_BY(mTaskLock);
