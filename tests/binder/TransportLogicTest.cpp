@@ -23,6 +23,7 @@
 #include <string>
 #include <vector>
 
+#include "LogCapture.h"
 #include "ProcSupport.h"
 #include "RawPeer.h"
 #include "base/Locks.h"
@@ -30,6 +31,7 @@
 #include "oneways/OneWayScheduler.h"
 #include "peers/AcceptedConnection.h"
 #include "peers/PeerTable.h"
+#include "runtime/RefusalLog.h"
 #include "threads/ThreadPool.h"
 #include "wire/Connection.h"
 #include "wire/FlatObject.h"
@@ -469,6 +471,33 @@ TEST(PeerAccounts, EachProcessHasItsShareOfConnectionsLinksAndBodiesAndNewcomers
     }
     EXPECT_TRUE(account->takeBody(PeerAccounts::kBodyBudgetPerProcess));
     account->returnBody(PeerAccounts::kBodyBudgetPerProcess);
+}
+
+TEST(RefusalLog, AFloodIsToldInOneLineOfEachKindASecondWithItsTotals) {
+    using tavrin_test::LogLine;
+    tavrin_test::LogCapture log;
+    RefusalLog refusals;
+    RefusalLog::Counts onePerPass;
+    onePerPass.overShare = 1;
+    onePerPass.lastRefused = 41;
+    onePerPass.evicted = 1;
+    onePerPass.lastEvicted = 42;
+    const auto start = RefusalLog::Clock::now();
+    // A flood paced at one connection a pass: the first pass is told at once,
+    // the next 99 within the second only once it is over, summed.
+    for (int pass = 0; pass < 100; ++pass) {
+        refusals.record(onePerPass, start + pass * std::chrono::milliseconds(5));
+    }
+    refusals.record(RefusalLog::Counts{}, start + RefusalLog::kPeriod);
+    const std::vector<LogLine> expected = {
+        {ANDROID_LOG_WARN, "tvbinder", "too many connections: refused 1 (the last from pid 41)"},
+        {ANDROID_LOG_WARN, "tvbinder",
+         "all connections taken: closed 1 for newcomers (the last of pid 42)"},
+        {ANDROID_LOG_WARN, "tvbinder", "too many connections: refused 99 (the last from pid 41)"},
+        {ANDROID_LOG_WARN, "tvbinder",
+         "all connections taken: closed 99 for newcomers (the last of pid 42)"},
+    };
+    EXPECT_EQ(expected, log.lines());
 }
 
 // Stands for a pool thread lingering on a connection: counts the pool's stops,

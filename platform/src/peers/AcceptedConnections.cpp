@@ -1,8 +1,5 @@
-#define LOG_TAG "tvbinder"
-
 #include "peers/AcceptedConnections.h"
 
-#include <log/log.h>
 #include <sys/epoll.h>
 
 #include "threads/PoolTask.h"
@@ -71,7 +68,6 @@ bool AcceptedConnections::evictOneLocked(const PeerAccount& account) {
         // The thread that holds or next takes it drops it; counts follow.
         listed->connection().markBroken();
         listed->connection().shutDown();
-        ALOGW("all connections taken: closed one of pid %d for a newcomer", account.pid());
         return true;
     }
     return false;

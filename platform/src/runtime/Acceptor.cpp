@@ -1,10 +1,7 @@
-#define LOG_TAG "tvbinder"
-
 #include "runtime/Acceptor.h"
 
 #include <errno.h>
 #include <fcntl.h>
-#include <log/log.h>
 #include <unistd.h>
 
 #include "peers/AcceptedConnections.h"
@@ -22,26 +19,6 @@ namespace {
 constexpr size_t kAcceptsPerPass = 256;
 // How long a listener waits before it tries again when no descriptor is free.
 constexpr int kAcceptRetryMs = 10;
-
-// The connections one pass of accepting refused: logged once, so that a
-// flood of connections is not a flood of log lines too.
-struct Refusals {
-    size_t otherUser = 0;
-    size_t overShare = 0;
-    size_t noDescriptor = 0;
-    pid_t lastPid = 0;
-
-    void log() const {
-        if (otherUser > 0) {
-            ALOGW("refused %zu connections of other users (the last from pid %d)", otherUser,
-                  lastPid);
-        }
-        if (overShare > 0) {
-            ALOGW("too many connections: refused %zu (the last from pid %d)", overShare, lastPid);
-        }
-        if (noDescriptor > 0) ALOGW("out of descriptors: refused %zu connections", noDescriptor);
-    }
-};
 
 ScopedFd openSpare() {
     return ScopedFd(open("/dev/null", O_RDONLY | O_CLOEXEC));
@@ -70,44 +47,55 @@ void Acceptor::Watch::onEvent(uint32_t /*events*/) {
 
 void Acceptor::acceptAll(Watch& watch) {
     Listener& listener = watch.listener();
-    Refusals refused;
+    RefusalLog::Counts pass;
     for (size_t taken = 0; taken < kAcceptsPerPass; ++taken) {
         int fd = listener.acceptOne();
         if (fd < 0) {
             if (errno != EMFILE && errno != ENFILE) break;
             const SpareOutcome outcome = refuseWaitingConnection(listener);
             if (outcome == SpareOutcome::kRefusedOne) {
-                ++refused.noDescriptor;
+                ++pass.noDescriptor;
                 continue;
             }
             if (outcome == SpareOutcome::kNoneWaiting) break;
             // Re-armed now, it would wake again at once.
-            refused.log();
+            tell(pass);
             rearmLater(watch);
             return;
         }
         sp<Connection> connection = Connection::adopt(fd);
         if (!connection->peerIsTrustedUser()) {
-            ++refused.otherUser;
-            refused.lastPid = connection->peerPid();
+            ++pass.otherUser;
+            pass.lastRefused = connection->peerPid();
             continue;
         }
-        if (!admit(connection, listener.answersHello())) {
-            ++refused.overShare;
-            refused.lastPid = connection->peerPid();
-        }
+        admit(connection, listener.answersHello(), &pass);
     }
-    refused.log();
+    tell(pass);
     mPool.rearm(&watch, listener.fd());
 }
 
-bool Acceptor::admit(const sp<Connection>& connection, bool answersHello) {
+void Acceptor::admit(const sp<Connection>& connection, bool answersHello,
+                     RefusalLog::Counts* pass) {
     PeerAccounts::Admission admission = mAccounts.admitConnection(connection->peerPid());
-    if (admission.account == nullptr) return false;
-    // Counted from here until the accepted connection is destroyed.
-    sp<AcceptedConnection> accepted =
-        new AcceptedConnection(connection, admission.account, answersHello, mHandlers);
-    return mAccepted.add(accepted, admission.evictFrom.get());
+    if (admission.account != nullptr) {
+        // Counted from here until the accepted connection is destroyed.
+        sp<AcceptedConnection> accepted =
+            new AcceptedConnection(connection, admission.account, answersHello, mHandlers);
+        if (mAccepted.add(accepted, admission.evictFrom.get())) {
+            if (admission.evictFrom == nullptr) return;
+            ++pass->evicted;
+            pass->lastEvicted = admission.evictFrom->pid();
+            return;
+        }
+    }
+    ++pass->overShare;
+    pass->lastRefused = connection->peerPid();
+}
+
+void Acceptor::tell(const RefusalLog::Counts& pass) {
+    LockGuard guard(mLock);
+    mRefusals.record(pass, RefusalLog::Clock::now());
 }
 
 void Acceptor::rearmLater(Watch& watch) {

@@ -8,6 +8,7 @@
 #include "base/Locks.h"
 #include "base/TransportFds.h"
 #include "peers/AcceptedConnection.h"
+#include "runtime/RefusalLog.h"
 
 namespace android {
 namespace tvbinder {
@@ -61,9 +62,10 @@ class Acceptor {
 
     void acceptAll(Watch& watch);
     SpareOutcome refuseWaitingConnection(Listener& listener);
-    // Counts the connection against its process and lists it: false when
-    // refused.
-    bool admit(const sp<Connection>& connection, bool answersHello);
+    // Counts the connection against its process and lists it, or refuses
+    // it; `pass` counts either.
+    void admit(const sp<Connection>& connection, bool answersHello, RefusalLog::Counts* pass);
+    void tell(const RefusalLog::Counts& pass);
     // Re-arms the listener after a pause, on a pool thread.
     void rearmLater(Watch& watch);
 
@@ -75,6 +77,7 @@ class Acceptor {
     Mutex mLock{LockRank::kAcceptor};
     std::deque<Watch> mWatches TV_GUARDED_BY(mLock);  // stable addresses
     ScopedFd mSpareFd TV_GUARDED_BY(mLock);
+    RefusalLog mRefusals TV_GUARDED_BY(mLock);
 };
 
 }  // namespace tvbinder
