@@ -83,9 +83,10 @@ void Acceptor::admit(const sp<Connection>& connection, bool answersHello,
         sp<AcceptedConnection> accepted =
             new AcceptedConnection(connection, admission.account, answersHello, mHandlers);
         if (mAccepted.add(accepted, admission.evictFrom.get())) {
-            if (admission.evictFrom == nullptr) return;
-            ++pass->evicted;
-            pass->lastEvicted = admission.evictFrom->pid();
+            if (admission.evictFrom != nullptr) {
+                ++pass->evicted;
+                pass->lastEvicted = admission.evictFrom->pid();
+            }
             return;
         }
     }
