@@ -209,16 +209,27 @@ TEST(Replies, AnErrorSetOnTheReplyIsTheCallersResult) {
     EXPECT_EQ(5, callInt(child.binder(), TestService::ECHO, 5));
 }
 
-// Waiting costs no CPU: a client and its service, bound and left alone, sleep.
-TEST(Idle, ABoundClientAndItsServiceUseAlmostNoCpu) {
+// Waiting costs no CPU: a client and its service, bound and left alone,
+// sleep; and the memory a large call made resident on their connection is
+// given back once it is idle.
+TEST(Idle, ABoundClientAndItsServiceUseAlmostNoCpuNorTheMemoryALargeCallTook) {
     ServedChild child;
     ASSERT_TRUE(child.ready());
     for (int32_t i = 0; i < 100; ++i) ASSERT_EQ(i, callInt(child.binder(), TestService::ECHO, i));
+    const size_t sharedKib = tvproc::residentSharedKib(child.pid());
+    Parcel large;
+    Parcel reply;
+    large.writeInt32(1 << 20);
+    large.write(std::vector<uint8_t>(1 << 20, 7).data(), 1 << 20);
+    ASSERT_EQ(NO_ERROR, child.binder()->transact(TestService::ECHO_BYTES, large, &reply));
     std::this_thread::sleep_for(100ms);  // the service stops lingering on the connection
     auto used = [&] { return tvproc::cpuTime(child.pid()) + tvproc::cpuTime(getpid()); };
     const auto before = used();
     std::this_thread::sleep_for(2s);
     EXPECT_LT((used() - before).count(), 50) << "ms of CPU used by an idle pair in 2 s";
+    EXPECT_TRUE(
+        waitUntil([&] { return tvproc::residentSharedKib(child.pid()) < sharedKib + 512; }, 10s))
+        << tvproc::residentSharedKib(child.pid()) - sharedKib << " KiB still resident";
 }
 
 // Answers ECHO with the id of the thread that ran it.

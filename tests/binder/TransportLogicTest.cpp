@@ -31,6 +31,7 @@
 #include "oneways/OneWayScheduler.h"
 #include "peers/AcceptedConnection.h"
 #include "peers/PeerTable.h"
+#include "peers/RingTrimmer.h"
 #include "runtime/RefusalLog.h"
 #include "threads/ThreadPool.h"
 #include "wire/Connection.h"
@@ -330,7 +331,8 @@ class Receiver : public testing::Test {
     ThreadPool pool;
     PeerAccounts accounts;
     NoDeaths deaths;
-    PeerTable peers{pool, deaths, 1};
+    RingTrimmer rings{pool};
+    PeerTable peers{pool, deaths, rings, 1};
     NoHandler noHandler;
     AcceptedConnection::Handlers handlers{noHandler, noHandler, noHandler};
     OneWayScheduler scheduler{pool};

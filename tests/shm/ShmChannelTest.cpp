@@ -152,21 +152,30 @@ TEST(ShmChannelTest, MessagesArriveWholeAndInOrderAcrossWrapsInBothDirections) {
 }
 
 // After a large message, small ones go back to the front of the ring (past a
-// skip record), and trim() gives the pages beyond the front back.
-TEST(ShmChannelTest, SmallMessagesKeepToTheFrontOfALargeRing) {
+// skip record), and sweeps give the pages beyond the front back once no send
+// reached them since the previous sweep and the reader took everything.
+TEST(ShmChannelTest, SmallMessagesKeepToTheFrontOfALargeRingAndSweepsGiveTheRestBack) {
     constexpr size_t kLarge = 256 * 1024;
     Pair pair = makePair({}, kLarge);
+    PeerView peer(pair.creator->regionFd(), kLarge);
     const std::string big = pattern(200 * 1024, 5);
     ASSERT_EQ(NO_ERROR, sendText(pair.creator.get(), big));
+    EXPECT_TRUE(pair.creator->takeWidening());
+    EXPECT_FALSE(pair.creator->takeWidening());
+    EXPECT_TRUE(pair.creator->sweep());  // just sent
+    EXPECT_TRUE(pair.creator->sweep());  // not read yet
     ASSERT_EQ(big, receiveText(pair.adopter.get()));
+    EXPECT_FALSE(pair.creator->sweep());
+    EXPECT_EQ(0, peer.data(0)[100 * 1024]);
+
     for (unsigned i = 0; i < 3; ++i) {
         ASSERT_EQ(NO_ERROR, sendText(pair.creator.get(), pattern(100, i)));
         ASSERT_EQ(pattern(100, i), receiveText(pair.adopter.get()));
     }
-    PeerView peer(pair.creator->regionFd(), kLarge);
     EXPECT_EQ(kLarge + 3 * (8 + 104), peer.control(0).tail.load());
-    pair.creator->trim();
-    EXPECT_EQ(0, peer.data(0)[200 * 1024]);
+    EXPECT_TRUE(pair.creator->takeWidening());  // the skip record's page
+    EXPECT_TRUE(pair.creator->sweep());
+    EXPECT_FALSE(pair.creator->sweep());
     EXPECT_EQ(NO_ERROR, sendText(pair.creator.get(), big));
     EXPECT_EQ(big, receiveText(pair.adopter.get()));
 }

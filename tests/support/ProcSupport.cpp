@@ -41,6 +41,20 @@ ssize_t readRetrying(int fd, void* data, size_t size) {
     return got;
 }
 
+size_t statusKib(pid_t pid, const std::string& field) {
+    std::ifstream status("/proc/" + std::to_string(pid) + "/status");
+    std::string key;
+    while (status >> key) {
+        if (key == field) {
+            size_t kib = 0;
+            status >> kib;
+            return kib;
+        }
+        status.ignore(std::numeric_limits<std::streamsize>::max(), '\n');
+    }
+    return 0;
+}
+
 }  // namespace
 
 bool waitUntil(const std::function<bool()>& condition, std::chrono::milliseconds timeout) {
@@ -155,17 +169,11 @@ std::chrono::milliseconds cpuTime(pid_t pid) {
 }
 
 size_t residentKib(pid_t pid) {
-    std::ifstream status("/proc/" + std::to_string(pid) + "/status");
-    std::string key;
-    while (status >> key) {
-        if (key == "VmRSS:") {
-            size_t kib = 0;
-            status >> kib;
-            return kib;
-        }
-        status.ignore(std::numeric_limits<std::streamsize>::max(), '\n');
-    }
-    return 0;
+    return statusKib(pid, "VmRSS:");
+}
+
+size_t residentSharedKib(pid_t pid) {
+    return statusKib(pid, "RssShmem:");
 }
 
 PeakWatch::PeakWatch(pid_t pid)

@@ -45,10 +45,11 @@ std::string processNameOf(pid_t pid);
 // The process's open descriptors other than regular files.
 size_t countOpenFds(pid_t pid);
 
-// What `pid` has used: CPU time of all its threads, and its resident memory
-// in KiB (0 once it is gone).
+// What `pid` has used: CPU time of all its threads, its resident memory in
+// KiB and the shared memory part of it (0 once it is gone).
 std::chrono::milliseconds cpuTime(pid_t pid);
 size_t residentKib(pid_t pid);
+size_t residentSharedKib(pid_t pid);
 
 // Samples a process's open descriptors and resident memory from another
 // thread, keeping the highest of each, until stopped.

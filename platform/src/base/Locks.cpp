@@ -27,7 +27,7 @@ const char* lockRankName(LockRank rank) {
         "CallConnections", "accepted",       "Acceptor",     "channel send",  "channel receive",
         "ExportTable",     "ProxyTable",     "PeerAccounts", "pool threads",  "pool tasks",
         "pool lingers",    "one-ways",       "stall guard",  "ChainRegistry", "ChainMailbox",
-        "SocketDirectory", "descriptors",
+        "SocketDirectory", "ring trimmer",   "descriptors",
     };
     const size_t index = static_cast<size_t>(rank);
     return index < sizeof(kNames) / sizeof(kNames[0]) ? kNames[index] : "?";

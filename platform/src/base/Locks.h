@@ -21,6 +21,7 @@
 #define TV_REQUIRES(...) TV_THREAD_ANNOTATION(requires_capability(__VA_ARGS__))
 #define TV_ACQUIRE(...) TV_THREAD_ANNOTATION(acquire_capability(__VA_ARGS__))
 #define TV_RELEASE(...) TV_THREAD_ANNOTATION(release_capability(__VA_ARGS__))
+#define TV_TRY_ACQUIRE(...) TV_THREAD_ANNOTATION(try_acquire_capability(__VA_ARGS__))
 #define TV_NO_THREAD_SAFETY_ANALYSIS TV_THREAD_ANNOTATION(no_thread_safety_analysis)
 
 // Debug and sanitizer builds check at run time what the analysis cannot see
@@ -65,6 +66,7 @@ enum class LockRank : uint8_t {
     kChains,           // ChainRegistry: waiting threads, then their mailbox
     kMailbox,          // ChainMailbox: handed calls; makes its eventfd
     kSocketDirectory,  // SocketDirectory: the directory chosen
+    kRingTrimmer,      // RingTrimmer: connections whose rings widened
     kDescriptors,      // TransportFds: every descriptor opened or closed
 };
 
@@ -98,6 +100,14 @@ class TV_CAPABILITY("mutex") Mutex {
         HeldLocks::acquired(mRank);
 #endif
         mMutex.lock();
+    }
+    // Takes it only if that needs no wait.
+    bool tryLock() TV_TRY_ACQUIRE(true) {
+        if (!mMutex.try_lock()) return false;
+#if TVBINDER_CHECK_LOCKS
+        HeldLocks::acquired(mRank);
+#endif
+        return true;
     }
     void unlock() TV_RELEASE() {
         mMutex.unlock();

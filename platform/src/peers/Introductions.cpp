@@ -19,7 +19,7 @@ void Introductions::onReadable(const sp<AcceptedConnection>& connection) {
     }
     // A HELLO may bring the region that frames take from now on.
     if (status == NO_ERROR && frame.kind() == FrameKind::kHello && frame.fds().size() == 1) {
-        status = connection->connection().acceptSharedMemory(frame.takeFirstFd());
+        status = connection->connection().acceptSharedMemory(frame.takeFirstFd(), mRings);
     }
     if (status == NO_ERROR) status = frame.validate();
     if (status != NO_ERROR) {

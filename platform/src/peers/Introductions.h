@@ -19,8 +19,9 @@ class PeerTable;
 // waiting for a reply that stand in for them. Owned by the Runtime.
 class Introductions : public AcceptedConnection::Handler {
   public:
-    Introductions(PeerTable& peers, AcceptedConnections& accepted, uint64_t ownEndpoint)
-        : mPeers(peers), mAccepted(accepted), mOwnEndpoint(ownEndpoint) {}
+    Introductions(PeerTable& peers, AcceptedConnections& accepted, Connection::RingSweeper& rings,
+                  uint64_t ownEndpoint)
+        : mPeers(peers), mAccepted(accepted), mRings(rings), mOwnEndpoint(ownEndpoint) {}
 
     void onReadable(const sp<AcceptedConnection>& connection) override;
     // A HELLO runs no application code and waits for nothing.
@@ -34,6 +35,7 @@ class Introductions : public AcceptedConnection::Handler {
 
     PeerTable& mPeers;
     AcceptedConnections& mAccepted;
+    Connection::RingSweeper& mRings;
     const uint64_t mOwnEndpoint;
 };
 

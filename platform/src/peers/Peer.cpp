@@ -34,9 +34,11 @@ constexpr int kLastProbeDelayMs = 16;
 
 }  // namespace
 
-Peer::Peer(PeerTable& table, ThreadPool& pool, uint64_t ownEndpoint, uint64_t endpoint)
+Peer::Peer(PeerTable& table, ThreadPool& pool, Connection::RingSweeper& rings, uint64_t ownEndpoint,
+           uint64_t endpoint)
     : mTable(table),
       mPool(pool),
+      mRings(rings),
       mOwnEndpoint(ownEndpoint),
       mEndpoint(endpoint),
       mGeneration(TransportFds::generation()),
@@ -115,7 +117,7 @@ Peer::Connected Peer::connect(bool asLink) {
     OutgoingFrame hello = OutgoingFrame::make(FrameKind::kHello);
     hello.header.argument = mOwnEndpoint;
     hello.header.flags = asLink ? kHelloLink : 0;
-    const int region = connection->offerSharedMemory();
+    const int region = connection->offerSharedMemory(mRings);
     if (region >= 0) hello.fds.push_back(region);
     status = connection->send(hello);
     if (status != NO_ERROR) return {nullptr, status};

@@ -30,7 +30,8 @@ class ThreadPool;
 // thread. Once dead, always dead.
 class Peer : public RefBase, public EventSource {
   public:
-    Peer(PeerTable& table, ThreadPool& pool, uint64_t ownEndpoint, uint64_t endpoint);
+    Peer(PeerTable& table, ThreadPool& pool, Connection::RingSweeper& rings, uint64_t ownEndpoint,
+         uint64_t endpoint);
 
     uint64_t endpoint() const { return mEndpoint; }
     bool isDead() const { return mDead.load(std::memory_order_acquire); }
@@ -91,6 +92,7 @@ class Peer : public RefBase, public EventSource {
 
     PeerTable& mTable;
     ThreadPool& mPool;
+    Connection::RingSweeper& mRings;
     const uint64_t mOwnEndpoint;
     const uint64_t mEndpoint;
     const unsigned mGeneration;

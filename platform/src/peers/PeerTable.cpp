@@ -9,7 +9,9 @@ namespace tvbinder {
 sp<Peer> PeerTable::obtain(uint64_t endpoint) {
     LockGuard guard(mLock);
     sp<Peer>& slot = mPeers[endpoint];
-    if (slot == nullptr || slot->isDead()) slot = new Peer(*this, mPool, mOwnEndpoint, endpoint);
+    if (slot == nullptr || slot->isDead()) {
+        slot = new Peer(*this, mPool, mRings, mOwnEndpoint, endpoint);
+    }
     return slot;
 }
 

@@ -36,8 +36,9 @@ class PeerTable {
   public:
     static constexpr size_t kMaxEndpointsPerProcess = 4;
 
-    PeerTable(ThreadPool& pool, PeerDeathListener& deaths, uint64_t ownEndpoint)
-        : mPool(pool), mDeaths(deaths), mOwnEndpoint(ownEndpoint) {}
+    PeerTable(ThreadPool& pool, PeerDeathListener& deaths, Connection::RingSweeper& rings,
+              uint64_t ownEndpoint)
+        : mPool(pool), mDeaths(deaths), mRings(rings), mOwnEndpoint(ownEndpoint) {}
 
     // The live peer for `endpoint`, made on first use.
     sp<Peer> obtain(uint64_t endpoint);
@@ -58,6 +59,7 @@ class PeerTable {
 
     ThreadPool& mPool;
     PeerDeathListener& mDeaths;
+    Connection::RingSweeper& mRings;  // for the peers' connections
     const uint64_t mOwnEndpoint;
     size_t mMaxWatched = SIZE_MAX;  // set once, before any peer
 

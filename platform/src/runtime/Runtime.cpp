@@ -69,6 +69,7 @@ status_t Runtime::start() {
     mAcceptor.init();
     status_t status = mPool.init();
     if (status == NO_ERROR) status = mStallGuard.init();
+    if (status == NO_ERROR) status = mRingTrimmer.init();
     if (status != NO_ERROR) return status;
     status = mListener.listenOn(endpointAddress(mEndpoint));
     if (status != NO_ERROR) return status;

@@ -15,6 +15,7 @@
 #include "peers/AcceptedConnections.h"
 #include "peers/Introductions.h"
 #include "peers/PeerTable.h"
+#include "peers/RingTrimmer.h"
 #include "references/ExportTable.h"
 #include "references/Obituaries.h"
 #include "references/ObjectCodec.h"
@@ -69,7 +70,8 @@ class Runtime {
     ExportTable mExports;
     ProxyTable mProxies;
     Obituaries mObituaries{mExports, mProxies, mPool};
-    PeerTable mPeers{mPool, mObituaries, mEndpoint};
+    RingTrimmer mRingTrimmer{mPool};
+    PeerTable mPeers{mPool, mObituaries, mRingTrimmer, mEndpoint};
     AcceptedConnections mAccepted{mPool};
     ObjectCodec mObjects{mExports, mProxies, mPeers, mEndpoint};
     ChainRegistry mChains;
@@ -80,7 +82,7 @@ class Runtime {
     LinkIntake mLinkIntake{mObjects, mExports, mOneWays};
     LinkStallGuard mStallGuard{mPool, mAccepted};
     LinkReader mLinkReader{mLinkIntake, mStallGuard, mAccepted, mPool};
-    Introductions mIntroductions{mPeers, mAccepted, mEndpoint};
+    Introductions mIntroductions{mPeers, mAccepted, mRingTrimmer, mEndpoint};
     Acceptor mAcceptor{mPool, mAccounts, mAccepted, {mIntroductions, mCallReception, mLinkReader}};
     Listener mListener{false};
     ContextManager mContextManager;

@@ -44,6 +44,7 @@ void RingWriter::append(GatherCursor* source, uint32_t payload, uint32_t remaini
     memcpy(mData + position, &header, sizeof header);
     copyIn((position + sizeof header) % mRingBytes, source, payload);
     mTail += sizeof header + alignRecord(payload);
+    extendReach(position + sizeof header + alignRecord(payload));
 }
 
 void RingWriter::rewindIfPast(size_t threshold) {
@@ -52,6 +53,7 @@ void RingWriter::rewindIfPast(size_t threshold) {
     const RecordHeader skip{static_cast<uint32_t>(mRingBytes - at - sizeof skip), kSkipToWrap};
     memcpy(mData + at, &skip, sizeof skip);
     mTail += mRingBytes - at;
+    extendReach(at + sizeof skip);
 }
 
 void RingWriter::copyIn(size_t position, GatherCursor* source, size_t length) {

@@ -4,6 +4,8 @@
 #include <stdint.h>
 #include <sys/uio.h>
 
+#include <algorithm>
+
 #include "RegionLayout.h"
 
 namespace android {
@@ -44,6 +46,10 @@ class RingWriter {
     void rewindIfPast(size_t threshold);
     // Where the next record goes.
     size_t position() const { return static_cast<size_t>(mTail % mRingBytes); }
+    // How far into the ring what was written since resetReach() extends (the
+    // whole ring once a record wrapped): the pages it made resident.
+    size_t reach() const { return mReach; }
+    void resetReach() { mReach = 0; }
     // Makes the appended records visible. Returns the consumer's state when it
     // waited (kSleeping or kPolling, since turned into kWoken), for the caller
     // to wake it, else kRunning.
@@ -58,12 +64,14 @@ class RingWriter {
 
   private:
     void copyIn(size_t position, GatherCursor* source, size_t length);
+    void extendReach(size_t end) { mReach = std::max(mReach, std::min(end, mRingBytes)); }
 
     DirectionControl* const mControl;
     uint8_t* const mData;
     const size_t mRingBytes;
     uint64_t mTail = 0;      // appended, maybe not yet published
     uint64_t mLastHead = 0;  // the consumer's head as last checked
+    size_t mReach = 0;
 };
 
 }  // namespace shm

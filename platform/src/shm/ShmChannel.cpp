@@ -122,20 +122,35 @@ status_t ShmChannel::sendHeaded(const iovec& head, const iovec* parts, size_t co
     return status == NO_ERROR ? status : breakWith(status);
 }
 
+bool ShmChannel::empty() {
+    size_t room = 0;
+    return mWriter.freeBytes(&room) == NO_ERROR && room == mWriter.ringBytes();
+}
+
 // Back to the front of an empty ring, when the message fits before where the
 // next record would go: the skip costs nothing then.
 void ShmChannel::rewindIfEmpty(size_t bytes) {
-    size_t room = 0;
-    if (mWriter.freeBytes(&room) != NO_ERROR || room != mWriter.ringBytes()) return;
-    if (bytes <= mWriter.position()) mWriter.rewindIfPast(kFrontBytes);
+    if (empty() && bytes <= mWriter.position()) mWriter.rewindIfPast(kFrontBytes);
 }
 
-void ShmChannel::trim() {
-    size_t room = 0;
-    if (mWriter.freeBytes(&room) != NO_ERROR || room != mWriter.ringBytes()) return;
-    if (mWriter.ringBytes() > kFrontBytes && mWriter.position() < kFrontBytes) {
-        mRegion->discard(mOutgoing, kFrontBytes);
+bool ShmChannel::takeWidening() {
+    if (mWide || mWriter.reach() <= kFrontBytes) return false;
+    mWide = true;
+    return true;
+}
+
+// The reader is done with every byte of an empty ring, wherever the next
+// record goes: it reads none before that record is published.
+bool ShmChannel::sweep() {
+    if (!mWide || mShutdown.load(std::memory_order_acquire) || broken()) return false;
+    if (mWriter.reach() > kFrontBytes) {
+        mWriter.resetReach();
+        return true;
     }
+    if (!empty()) return true;
+    mRegion->discard(mOutgoing, kFrontBytes);
+    mWide = false;
+    return false;
 }
 
 status_t ShmChannel::sendWhole(GatherCursor* source, size_t bytes, Clock::time_point deadline) {

@@ -114,10 +114,16 @@ class ShmChannel {
     // data arrived meanwhile; then read it now, since no wake-up will come.
     bool armPolling();
 
-    // Gives back the pages of the outgoing ring beyond its first 64 KiB when
-    // it is empty; the next large message makes them resident again. For an
-    // idle connection; called by its sender (not while another thread sends).
-    void trim();
+    // True once when a send made the outgoing ring reach beyond its first
+    // 64 KiB, which small messages keep to: call sweep() from then on.
+    bool takeWidening();
+    // Every second or so after takeWidening(): gives back the pages of the
+    // outgoing ring beyond its first 64 KiB once it is empty and no send
+    // reached them since the previous sweep (the next large message makes
+    // them resident again: too dear to do after every one). False once there
+    // is nothing to give back. Called by the sender's side (not while another
+    // thread sends).
+    bool sweep();
 
     // Wakes every thread waiting on this end; later calls fail with
     // DEAD_OBJECT, and so do the peer's sends from then on.
@@ -128,6 +134,7 @@ class ShmChannel {
     ShmChannel(std::unique_ptr<ShmRegion> region, int outgoing, const ShmChannelOptions& options);
 
     void rewindIfEmpty(size_t bytes);
+    bool empty();
     status_t checkSendable(size_t length) const;
     status_t sendWhole(GatherCursor* source, size_t length, Clock::time_point deadline);
     Clock::duration patienceTill(Clock::time_point deadline) const;
@@ -159,6 +166,7 @@ class ShmChannel {
     const std::chrono::nanoseconds mStreamPatience;
     const std::chrono::nanoseconds mStreamLimit;
     PollWaker mPollWaker;
+    bool mWide = false;  // the sender's: pages beyond the front may be resident
     std::atomic<bool> mShutdown{false};
     std::atomic<bool> mBroken{false};
 };

@@ -74,10 +74,17 @@ bool Connection::refusesConnections(const std::string& address) {
     return error == ECONNREFUSED || error == ENOENT;
 }
 
-int Connection::offerSharedMemory() {
+int Connection::offerSharedMemory(RingSweeper& sweeper) {
     if (!ShmFrameChannel::offered()) return -1;
     mShm = ShmFrameChannel::create(mSocket, mFd.get(), mPeerPid);
-    return mShm != nullptr ? mShm->regionFd() : -1;
+    if (mShm == nullptr) return -1;
+    reportWideningTo(sweeper);
+    return mShm->regionFd();
+}
+
+// Weak: a connection its owners dropped closes at once, swept or not.
+void Connection::reportWideningTo(RingSweeper& sweeper) {
+    mShm->onWidening([this, &sweeper] { sweeper.sweepLater(wp<Connection>(this)); });
 }
 
 void Connection::startSharedMemory() {
@@ -86,9 +93,10 @@ void Connection::startSharedMemory() {
     mChannel = mShm.get();
 }
 
-status_t Connection::acceptSharedMemory(int regionFd) {
+status_t Connection::acceptSharedMemory(int regionFd, RingSweeper& sweeper) {
     mShm = ShmFrameChannel::adopt(regionFd, mSocket, mFd.get(), mPeerPid);
     if (mShm == nullptr) return BAD_VALUE;
+    reportWideningTo(sweeper);
     mChannel = mShm.get();
     return NO_ERROR;
 }

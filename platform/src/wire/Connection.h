@@ -57,15 +57,31 @@ class Connection : public RefBase {
     // accepted connection's process). Set before the first frame is read.
     void chargeBodiesTo(const sp<PeerAccount>& account) { mSocket.chargeBodiesTo(account); }
 
+    // Told when the memory a connection shares grew beyond what small frames
+    // use: it calls sweepSharedMemory() every second or so from then on,
+    // until that says false. Called from a send, under the channel's send
+    // lock: must not wait.
+    class RingSweeper {
+      public:
+        virtual void sweepLater(const wp<Connection>& connection) = 0;
+
+      protected:
+        virtual ~RingSweeper() = default;
+    };
+
     // The connecting side, before its HELLO: a region for the peer to adopt,
     // to send with the HELLO; -1 when frames keep to the socket.
-    int offerSharedMemory();
+    int offerSharedMemory(RingSweeper& sweeper);
     // Once the HELLO with the region went: frames take it from now on.
     void startSharedMemory();
     // The accepting side: the region received with the HELLO (taken, and
     // closed in any case). BAD_VALUE when it is not a valid region.
-    [[nodiscard]] status_t acceptSharedMemory(int regionFd);
+    [[nodiscard]] status_t acceptSharedMemory(int regionFd, RingSweeper& sweeper);
     // These three before the connection is shared with another thread.
+
+    // Gives back the shared memory an idle connection need not keep. Never
+    // waits; true while worth sweeping again.
+    [[nodiscard]] bool sweepSharedMemory() { return mShm != nullptr && mShm->sweepIdle(); }
 
     // Before the connection goes back to epoll: true when a frame came that
     // no wake-up of the socket will tell; read it now.
@@ -96,6 +112,7 @@ class Connection : public RefBase {
 
   private:
     Connection(ScopedFd fd, pid_t peerPid, uid_t peerUid);
+    void reportWideningTo(RingSweeper& sweeper);
 
     ScopedFd mFd;
     const pid_t mPeerPid;

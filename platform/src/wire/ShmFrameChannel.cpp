@@ -143,12 +143,25 @@ ShmFrameChannel::~ShmFrameChannel() {
 
 status_t ShmFrameChannel::send(const OutgoingFrame& frame, int waitMs) {
     if (stale()) return DEAD_OBJECT;
+    LockGuard guard(mSendLock);
+    const status_t status = sendEitherWay(frame, waitMs);
+    if (mRing->takeWidening() && mOnWidening) mOnWidening();
+    return status;
+}
+
+status_t ShmFrameChannel::sendEitherWay(const OutgoingFrame& frame, int waitMs) {
     const size_t size =
         sizeof(FrameHeader) + frame.header.dataSize + frame.offsets.size() * sizeof(uint32_t);
-    LockGuard guard(mSendLock);
     if (!frame.fds.empty() || !frame.withinLimits()) return sendOnSocket(frame, waitMs);
     if (size > kMaxRingFrame) return sendLargeOnRing(frame, waitMs);
     return sendOnRing(frame, waitMs);
+}
+
+bool ShmFrameChannel::sweepIdle() {
+    if (stale() || !mSendLock.tryLock()) return !stale();
+    const bool again = mRing->sweep();
+    mSendLock.unlock();
+    return again;
 }
 
 status_t ShmFrameChannel::sendOnRing(const OutgoingFrame& frame, int waitMs) {

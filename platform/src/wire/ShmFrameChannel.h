@@ -3,6 +3,7 @@
 #include <stdlib.h>
 #include <sys/types.h>
 
+#include <functional>
 #include <memory>
 
 #include "base/Locks.h"
@@ -65,12 +66,23 @@ class ShmFrameChannel final : public FrameChannel {
     // receives end with DEAD_OBJECT and sends fail.
     void shutdown();
 
+    // What a send calls, under the send lock, when it made the outgoing ring
+    // reach beyond what small frames use (shm::ShmChannel::takeWidening):
+    // must not wait. Set before the channel is shared.
+    void onWidening(std::function<void()> widened) { mOnWidening = std::move(widened); }
+    // Gives back what the outgoing ring of an idle connection need not keep
+    // (shm::ShmChannel::sweep); a channel busy sending is left for the next
+    // sweep. True while worth sweeping again. Never waits.
+    [[nodiscard]] bool sweepIdle();
+
   private:
     ShmFrameChannel(std::unique_ptr<shm::ShmChannel> ring, SocketChannel& socket, int fd,
                     pid_t peerPid);
 
     // A child made by fork() has neither the mapping nor the socket.
     bool stale() const { return TransportFds::generation() != mGeneration; }
+    // On the ring, or on the socket when it carries descriptors.
+    status_t sendEitherWay(const OutgoingFrame& frame, int waitMs) TV_REQUIRES(mSendLock);
     status_t sendOnRing(const OutgoingFrame& frame, int waitMs) TV_REQUIRES(mSendLock);
     status_t sendLargeOnRing(const OutgoingFrame& frame, int waitMs) TV_REQUIRES(mSendLock);
     status_t sendOnSocket(const OutgoingFrame& frame, int waitMs) TV_REQUIRES(mSendLock);
@@ -102,6 +114,7 @@ class ShmFrameChannel final : public FrameChannel {
     const int mFd;
     const pid_t mPeerPid;
     const unsigned mGeneration;
+    std::function<void()> mOnWidening;
     Mutex mSendLock{LockRank::kChannelSend};
     Mutex mReceiveLock{LockRank::kChannelReceive};
     // Inline frames; larger messages here are a broken rule.
