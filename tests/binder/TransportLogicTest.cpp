@@ -27,6 +27,7 @@
 #include "ProcSupport.h"
 #include "RawPeer.h"
 #include "base/Locks.h"
+#include "base/LogLimit.h"
 #include "calls/ChainRegistry.h"
 #include "oneways/OneWayScheduler.h"
 #include "peers/AcceptedConnection.h"
@@ -500,6 +501,23 @@ TEST(RefusalLog, AFloodIsToldInOneLineOfEachKindASecondWithItsTotals) {
          "all connections taken: closed 99 for newcomers (the last of pid 42)"},
     };
     EXPECT_EQ(expected, log.lines());
+}
+
+// What another process can make this one log again and again is written once
+// a second from each place, with the count of those left out.
+TEST(LogLimit, AFloodFromOnePlaceIsOneLineASecondWithTheCountLeftOut) {
+    tavrin_test::LogCapture log;
+    for (int pid = 0; pid < 100; ++pid) TV_ALOGW_LIMITED("refused pid %d", pid);
+    ASSERT_EQ(1u, log.lines().size());
+    EXPECT_EQ("refused pid 0", log.lines()[0].message);
+
+    LogLimit limit;
+    size_t omitted = 7;
+    EXPECT_TRUE(limit.admit(0, &omitted));
+    EXPECT_EQ(0u, omitted);
+    for (int ms = 1; ms < LogLimit::kPeriodMs; ms += 10) EXPECT_FALSE(limit.admit(ms, &omitted));
+    EXPECT_TRUE(limit.admit(LogLimit::kPeriodMs, &omitted));
+    EXPECT_EQ(100u, omitted);
 }
 
 // Stands for a pool thread lingering on a connection: counts the pool's stops,

@@ -6,6 +6,7 @@
 
 #include <memory>
 
+#include "base/LogLimit.h"
 #include "calls/ChainRegistry.h"
 #include "calls/RequestServer.h"
 #include "peers/AcceptedConnections.h"
@@ -65,7 +66,7 @@ bool CallReception::handle(const sp<AcceptedConnection>& connection, Frame& fram
     }
     if (status == NO_ERROR) status = frame.validate();
     if (status != NO_ERROR) {
-        if (status == BAD_VALUE) ALOGW("malformed frame from pid %d", socket.peerPid());
+        if (status == BAD_VALUE) TV_ALOGW_LIMITED("malformed frame from pid %d", socket.peerPid());
         mAccepted.drop(connection);
         return false;
     }
@@ -73,7 +74,7 @@ bool CallReception::handle(const sp<AcceptedConnection>& connection, Frame& fram
     switch (frame.kind()) {
         case FrameKind::kTransaction:
             if (frame.isOneWay()) {
-                ALOGW("one-way outside a link from pid %d", socket.peerPid());
+                TV_ALOGW_LIMITED("one-way outside a link from pid %d", socket.peerPid());
                 socket.markBroken();
                 break;
             }
@@ -85,7 +86,8 @@ bool CallReception::handle(const sp<AcceptedConnection>& connection, Frame& fram
             mServer.serve(connection->session(), frame, mGrants);
             break;
         default:
-            ALOGW("unexpected frame of kind %u from pid %d", frame.header.kind, socket.peerPid());
+            TV_ALOGW_LIMITED("unexpected frame of kind %u from pid %d", frame.header.kind,
+                             socket.peerPid());
             socket.markBroken();
             break;
     }

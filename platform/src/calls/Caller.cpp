@@ -5,6 +5,7 @@
 #include <log/log.h>
 #include <poll.h>
 
+#include "base/LogLimit.h"
 #include "calls/ChainRegistry.h"
 #include "calls/RequestServer.h"
 #include "calls/ThreadCalls.h"
@@ -157,7 +158,9 @@ status_t Caller::receiveReply(const Session& session, Parcel* reply, ChainMailbo
         if (status == NO_ERROR) status = frame.validate();
         if (status != NO_ERROR) {
             connection.markBroken();
-            if (status != DEAD_OBJECT) ALOGW("malformed frame from pid %d", connection.peerPid());
+            if (status != DEAD_OBJECT) {
+                TV_ALOGW_LIMITED("malformed frame from pid %d", connection.peerPid());
+            }
             return status == DEAD_OBJECT ? DEAD_OBJECT : FAILED_TRANSACTION;
         }
         switch (frame.kind()) {
@@ -188,7 +191,8 @@ status_t Caller::receiveReply(const Session& session, Parcel* reply, ChainMailbo
             default:
                 break;
         }
-        ALOGW("unexpected frame of kind %u from pid %d", frame.header.kind, connection.peerPid());
+        TV_ALOGW_LIMITED("unexpected frame of kind %u from pid %d", frame.header.kind,
+                         connection.peerPid());
         connection.markBroken();
         return FAILED_TRANSACTION;
     }

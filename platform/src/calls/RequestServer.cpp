@@ -4,6 +4,7 @@
 
 #include <log/log.h>
 
+#include "base/LogLimit.h"
 #include "calls/ThreadCalls.h"
 #include "peers/Peer.h"
 #include "peers/PeerTable.h"
@@ -25,7 +26,8 @@ void RequestServer::serve(const Session& session, Frame& frame, GrantRequester& 
         status = mObjects.decode(frame, session, &data);
         sp<BBinder> target = mObjects.target(frame, session.peer);
         if (target == nullptr) {
-            ALOGW("pid %d called an object it does not hold", session.connection.peerPid());
+            TV_ALOGW_LIMITED("pid %d called an object it does not hold",
+                             session.connection.peerPid());
             status = FAILED_TRANSACTION;
         } else if (status == NO_ERROR) {
             status = ThreadCalls::execute(session, *target, frame.header.code, data, &answer,

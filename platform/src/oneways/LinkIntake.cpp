@@ -4,6 +4,7 @@
 
 #include <log/log.h>
 
+#include "base/LogLimit.h"
 #include "oneways/OneWayScheduler.h"
 #include "references/ExportTable.h"
 #include "references/ObjectCodec.h"
@@ -28,14 +29,16 @@ bool LinkIntake::take(const sp<AcceptedConnection>& link, Frame& frame) {
         default:
             break;
     }
-    ALOGW("unexpected frame of kind %u on the link of pid %d", frame.header.kind, link->peerPid());
+    TV_ALOGW_LIMITED("unexpected frame of kind %u on the link of pid %d", frame.header.kind,
+                     link->peerPid());
     return false;
 }
 
 bool LinkIntake::admitOneWay(const sp<AcceptedConnection>& link, Frame& frame) {
     const uint64_t cost = oneWayCost(frame.header.dataSize, frame.fds().size());
     if (!link->backlog().admit(cost)) {
-        ALOGW("pid %d sent one-ways beyond its budget; dropping its link", link->peerPid());
+        TV_ALOGW_LIMITED("pid %d sent one-ways beyond its budget; dropping its link",
+                         link->peerPid());
         return false;
     }
     auto call = std::make_unique<PendingOneWay>();
@@ -46,12 +49,12 @@ bool LinkIntake::admitOneWay(const sp<AcceptedConnection>& link, Frame& frame) {
         mOneWays.consumed(*link, cost);
         // Refused, not malformed: the link goes on.
         if (decoded == FAILED_TRANSACTION) return true;
-        ALOGW("malformed one-way from pid %d", link->peerPid());
+        TV_ALOGW_LIMITED("malformed one-way from pid %d", link->peerPid());
         return false;
     }
     call->target = mObjects.target(frame, *link->peer());
     if (call->target == nullptr) {
-        ALOGW("pid %d called an object it does not hold", link->peerPid());
+        TV_ALOGW_LIMITED("pid %d called an object it does not hold", link->peerPid());
         mOneWays.consumed(*link, cost);
         return true;
     }

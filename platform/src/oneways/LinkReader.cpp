@@ -4,6 +4,7 @@
 
 #include <log/log.h>
 
+#include "base/LogLimit.h"
 #include "oneways/LinkIntake.h"
 #include "oneways/LinkStallGuard.h"
 #include "peers/AcceptedConnections.h"
@@ -66,7 +67,9 @@ status_t LinkReader::readWaiting(const sp<AcceptedConnection>& link) {
         for (size_t i = 0; i < count; ++i) {
             status_t status = statuses[i] == NO_ERROR ? frames[i].validate() : statuses[i];
             if (status != NO_ERROR) {
-                if (status == BAD_VALUE) ALOGW("malformed frame from pid %d", link->peerPid());
+                if (status == BAD_VALUE) {
+                    TV_ALOGW_LIMITED("malformed frame from pid %d", link->peerPid());
+                }
                 return status == DEAD_OBJECT ? DEAD_OBJECT : BAD_VALUE;
             }
             if (!mIntake.take(link, frames[i])) return BAD_VALUE;

@@ -4,6 +4,7 @@
 
 #include <log/log.h>
 
+#include "base/LogLimit.h"
 #include "peers/AcceptedConnections.h"
 #include "peers/PeerTable.h"
 
@@ -23,12 +24,14 @@ void Introductions::onReadable(const sp<AcceptedConnection>& connection) {
     }
     if (status == NO_ERROR) status = frame.validate();
     if (status != NO_ERROR) {
-        if (status == BAD_VALUE) ALOGW("malformed frame from pid %d", connection->peerPid());
+        if (status == BAD_VALUE) {
+            TV_ALOGW_LIMITED("malformed frame from pid %d", connection->peerPid());
+        }
         mAccepted.drop(connection);
         return;
     }
     if (frame.kind() != FrameKind::kHello || introduce(*connection, frame) != NO_ERROR) {
-        ALOGW("refused a connection from pid %d", connection->peerPid());
+        TV_ALOGW_LIMITED("refused a connection from pid %d", connection->peerPid());
         mAccepted.drop(connection);
         return;
     }
@@ -42,7 +45,7 @@ status_t Introductions::introduce(AcceptedConnection& connection, const Frame& h
     status_t status = peer->verifyClaim(connection.peerPid());
     if (status != NO_ERROR) return status;
     if (!connection.introduce(peer, (hello.header.flags & kHelloLink) != 0)) {
-        ALOGW("pid %d opened more links than it has endpoints", connection.peerPid());
+        TV_ALOGW_LIMITED("pid %d opened more links than it has endpoints", connection.peerPid());
         return PERMISSION_DENIED;
     }
     if (!connection.answersHello()) return NO_ERROR;

@@ -6,6 +6,7 @@
 #include <sys/epoll.h>
 
 #include "base/Clock.h"
+#include "base/LogLimit.h"
 #include "peers/Peer.h"
 #include "threads/ThreadPool.h"
 
@@ -128,7 +129,7 @@ void OutgoingLink::readAcks(const End& end) {
             if (status == NO_ERROR && frames[i].kind() != FrameKind::kAck) status = BAD_VALUE;
             if (status != NO_ERROR) {
                 if (status != DEAD_OBJECT) {
-                    ALOGW("malformed frame from pid %d", connection.peerPid());
+                    TV_ALOGW_LIMITED("malformed frame from pid %d", connection.peerPid());
                 }
                 connection.markBroken();
                 return;
@@ -172,15 +173,15 @@ status_t OutgoingLink::sendOneWay(const OutgoingFrame& frame) {
     const uint64_t cost = oneWayCost(frame.header.dataSize, frame.fds.size());
     if (!takeCredit(end, cost)) {
         if (connection.broken()) return mPeer.isDead() ? DEAD_OBJECT : FAILED_TRANSACTION;
-        ALOGW("one-way to pid %d refused: its queue for this process is full",
-              connection.peerPid());
+        TV_ALOGW_LIMITED("one-way to pid %d refused: its queue for this process is full",
+                         connection.peerPid());
         return FAILED_TRANSACTION;
     }
     const status_t status = connection.send(frame, kOneWayWaitMs);
     if (status == NO_ERROR) return NO_ERROR;
     end.credit->giveBack(cost);
     if (status == WOULD_BLOCK) {
-        ALOGW("one-way to pid %d refused: its connection is full", connection.peerPid());
+        TV_ALOGW_LIMITED("one-way to pid %d refused: its connection is full", connection.peerPid());
         return FAILED_TRANSACTION;
     }
     connection.markBroken();

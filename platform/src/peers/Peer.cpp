@@ -9,6 +9,7 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include "base/LogLimit.h"
 #include "peers/PeerTable.h"
 #include "threads/ThreadPool.h"
 #include "wire/SocketDirectory.h"
@@ -93,14 +94,14 @@ Peer::Connected Peer::connect(bool asLink) {
             lost();
             return {nullptr, DEAD_OBJECT};
         }
-        ALOGW("cannot connect to endpoint %016llx: %s", (unsigned long long)mEndpoint,
-              strerror(made.error));
+        TV_ALOGW_LIMITED("cannot connect to endpoint %016llx: %s", (unsigned long long)mEndpoint,
+                         strerror(made.error));
         return {nullptr, FAILED_TRANSACTION};
     }
     const sp<Connection>& connection = made.connection;
     if (!connection->peerIsTrustedUser()) {
-        ALOGW("endpoint %016llx is served by another user (uid %u): not trusted",
-              (unsigned long long)mEndpoint, connection->peerUid());
+        TV_ALOGW_LIMITED("endpoint %016llx is served by another user (uid %u): not trusted",
+                         (unsigned long long)mEndpoint, connection->peerUid());
         return {nullptr, PERMISSION_DENIED};
     }
     status_t status = attach(connection->peerPid());
@@ -110,8 +111,8 @@ Peer::Connected Peer::connect(bool asLink) {
         return {nullptr, DEAD_OBJECT};
     }
     if (status != NO_ERROR) {
-        ALOGW("endpoint %016llx is served by pid %d, expected %d", (unsigned long long)mEndpoint,
-              connection->peerPid(), pid());
+        TV_ALOGW_LIMITED("endpoint %016llx is served by pid %d, expected %d",
+                         (unsigned long long)mEndpoint, connection->peerPid(), pid());
         return {nullptr, status};
     }
     OutgoingFrame hello = OutgoingFrame::make(FrameKind::kHello);

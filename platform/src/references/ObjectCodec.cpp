@@ -6,6 +6,7 @@
 
 #include <algorithm>
 
+#include "base/LogLimit.h"
 #include "peers/Peer.h"
 #include "peers/PeerTable.h"
 #include "references/ExportTable.h"
@@ -105,7 +106,8 @@ status_t ObjectCodec::decode(Frame& frame, const Session& from, Parcel* out) {
     // Refused before anything is resolved. The references that third
     // processes granted for it stay counted there until this process ends.
     if (!namesFewNewProcesses(frame, from.peer)) {
-        ALOGW("pid %d named too many processes in one transaction", from.connection.peerPid());
+        TV_ALOGW_LIMITED("pid %d named too many processes in one transaction",
+                         from.connection.peerPid());
         return FAILED_TRANSACTION;
     }
     std::vector<Parcel::Object> objects;
@@ -123,7 +125,8 @@ status_t ObjectCodec::decode(Frame& frame, const Session& from, Parcel* out) {
         } else {
             object.binder = resolve(record, from);
             if (object.binder == nullptr) {
-                ALOGW("pid %d sent an object it does not hold", from.connection.peerPid());
+                TV_ALOGW_LIMITED("pid %d sent an object it does not hold",
+                                 from.connection.peerPid());
                 status = BAD_VALUE;
             }
         }

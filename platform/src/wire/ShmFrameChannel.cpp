@@ -12,6 +12,8 @@
 #include <algorithm>
 #include <chrono>
 
+#include "base/LogLimit.h"
+
 namespace android {
 namespace tvbinder {
 
@@ -111,7 +113,7 @@ std::unique_ptr<ShmFrameChannel> ShmFrameChannel::adopt(int regionFd, SocketChan
                                                         pid_t peerPid) {
     std::unique_ptr<shm::ShmChannel> ring;
     if (shm::ShmChannel::adopt(regionFd, ringOptions(), &ring) != NO_ERROR) {
-        ALOGW("pid %d offered memory that is not a sealed region", peerPid);
+        TV_ALOGW_LIMITED("pid %d offered memory that is not a sealed region", peerPid);
         return nullptr;
     }
     ring->closeRegionFd();
@@ -219,7 +221,8 @@ status_t ShmFrameChannel::writeRingStatus(status_t status) {
         case TIMED_OUT:
             return WOULD_BLOCK;
         default:
-            ALOGW("pid %d broke the rules of the memory it shares with this process", mPeerPid);
+            TV_ALOGW_LIMITED("pid %d broke the rules of the memory it shares with this process",
+                             mPeerPid);
             (void)corrupted(status);
             return DEAD_OBJECT;
     }
@@ -296,7 +299,8 @@ status_t ShmFrameChannel::receiveNow(Frame* out) {
         if (status == DEAD_OBJECT) return takeFrame(out);
         if (frameFirst) {
             if (mRing->waitReadable(Clock::now() + kMarkerWait) != TIMED_OUT) continue;
-            ALOGW("pid %d sent a frame on its socket without its place in the ring", mPeerPid);
+            TV_ALOGW_LIMITED("pid %d sent a frame on its socket without its place in the ring",
+                             mPeerPid);
             return corrupted(BAD_VALUE);
         }
         if (!mRing->armPolling()) return WOULD_BLOCK;
@@ -356,7 +360,7 @@ status_t ShmFrameChannel::takeLargeBody(Frame* out) {
 status_t ShmFrameChannel::takeMessage(shm::MessageSink* sink, size_t* length, const char* breach) {
     const status_t status = mRing->tryReceive(sink, length);
     if (status == NO_ERROR || status == WOULD_BLOCK || status == DEAD_OBJECT) return status;
-    ALOGW("pid %d %s", mPeerPid, breach);
+    TV_ALOGW_LIMITED("pid %d %s", mPeerPid, breach);
     return corrupted(status);
 }
 
@@ -394,7 +398,7 @@ status_t ShmFrameChannel::takeSocketFrame(Frame* out) {
     const status_t status = skipWakeUps(&frameFirst);
     if (status != NO_ERROR) return status;
     if (!frameFirst) {
-        ALOGW("pid %d marked a frame in the ring that is not on its socket", mPeerPid);
+        TV_ALOGW_LIMITED("pid %d marked a frame in the ring that is not on its socket", mPeerPid);
         return corrupted(BAD_VALUE);
     }
     out->header = FrameHeader{};

@@ -17,6 +17,7 @@
 #include <memory>
 
 #include "base/Clock.h"
+#include "base/LogLimit.h"
 #include "base/TransportFds.h"
 #include "wire/FlatObject.h"
 
@@ -230,7 +231,7 @@ status_t SocketChannel::parse(const msghdr& message, size_t n, const uint8_t* bu
 bool SocketChannel::chargeBody(size_t bytes, BodyCharge* charge) {
     if (mAccount == nullptr) return true;
     if (!mAccount->takeBody(bytes)) {
-        ALOGW("pid %d sent more large frames at once than its share", mPeerPid);
+        TV_ALOGW_LIMITED("pid %d sent more large frames at once than its share", mPeerPid);
         return false;
     }
     *charge = BodyCharge(mAccount, bytes);
