@@ -27,11 +27,13 @@ status_t RingTrimmer::init() {
 void RingTrimmer::armTimer() {
     itimerspec period{};
     period.it_value.tv_sec = kSweepSeconds;
-    timerfd_settime(mTimer.get(), 0, &period, nullptr);
-    mTimerArmed = true;
+    // Unarmed, the next listing tries again.
+    mTimerArmed = timerfd_settime(mTimer.get(), 0, &period, nullptr) == 0;
 }
 
 void RingTrimmer::sweepLater(const wp<Connection>& connection) {
+    // Without a pool no thread would take the timer: nothing is listed for good.
+    if (!mPool.started()) return;
     LockGuard guard(mLock);
     mListed.push_back(connection);
     if (!mTimerArmed) armTimer();

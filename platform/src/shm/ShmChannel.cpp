@@ -147,7 +147,12 @@ bool ShmChannel::sweep() {
         mWriter.resetReach();
         return true;
     }
-    if (!empty()) return true;
+    size_t room = 0;
+    if (mWriter.freeBytes(&room) != NO_ERROR) {
+        (void)breakWith(kPeerCorrupted);
+        return false;
+    }
+    if (room != mWriter.ringBytes()) return true;
     mRegion->discard(mOutgoing, kFrontBytes);
     mWide = false;
     return false;

@@ -23,7 +23,7 @@ namespace shm {
 struct ShmChannelOptions {
     // Per direction; the adopter takes the creator's. Pages become resident
     // only when touched: small messages keep to the first 64 KiB, and only a
-    // large body makes more of the ring resident (see trim()).
+    // large body makes more of the ring resident (see sweep()).
     size_t ringBytes = 2 << 20;
     // Longest message this end accepts; longer ones count as corruption.
     size_t maxMessage = (size_t{16} << 20) + 64 * 1024;
