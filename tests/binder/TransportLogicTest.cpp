@@ -21,6 +21,7 @@
 #include <mutex>
 #include <random>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "LogCapture.h"
@@ -501,6 +502,48 @@ TEST(RefusalLog, AFloodIsToldInOneLineOfEachKindASecondWithItsTotals) {
          "all connections taken: closed 99 for newcomers (the last of pid 42)"},
     };
     EXPECT_EQ(expected, log.lines());
+}
+
+// Sweeps that give an idle ring's far pages back run beside the sender (they
+// take turns on its lock) and the reader (they wait for it to have taken
+// everything): frames large and small arrive whole while sweeps go on.
+TEST(SharedMemoryPath, SweepsBesideLargeAndSmallFramesLoseNothing) {
+    struct CountedListings : Connection::RingSweeper {
+        std::atomic<int> listings{0};
+        void sweepLater(const wp<Connection>&) override { ++listings; }
+    } sweeper;
+    int fds[2];
+    ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, fds));
+    sp<Connection> sender = Connection::adopt(fds[0]);
+    sp<Connection> receiver = Connection::adopt(fds[1]);
+    // Socket only where shared memory is not offered: then nothing is swept.
+    const int region = sender->offerSharedMemory(sweeper);
+    if (region >= 0) {
+        ASSERT_EQ(NO_ERROR,
+                  receiver->acceptSharedMemory(fcntl(region, F_DUPFD_CLOEXEC, 0), sweeper));
+    }
+    sender->startSharedMemory();
+    std::atomic<bool> done{false};
+    std::thread sweeping([&] {
+        while (!done) (void)sender->sweepSharedMemory();
+    });
+    Bytes body(300 * 1024);
+    for (int round = 0; round < 40; ++round) {
+        for (size_t i = 0; i < body.size(); ++i) body[i] = static_cast<uint8_t>(i * 7 + round);
+        OutgoingFrame frame = OutgoingFrame::make(FrameKind::kReply);
+        frame.data = body.data();
+        frame.header.dataSize = round % 2 == 0 ? 100 : static_cast<uint32_t>(body.size());
+        ASSERT_EQ(NO_ERROR, sender->send(frame));
+        Frame received;
+        ASSERT_EQ(NO_ERROR, receiver->receive(&received, true));
+        ASSERT_EQ(frame.header.dataSize, received.header.dataSize);
+        ASSERT_EQ(0, memcmp(body.data(), received.data(), received.header.dataSize)) << round;
+    }
+    done = true;
+    sweeping.join();
+    if (region >= 0) {
+        EXPECT_GT(sweeper.listings.load(), 1) << "never trimmed and widened again";
+    }
 }
 
 // What another process can make this one log again and again is written once
