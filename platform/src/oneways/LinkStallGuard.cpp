@@ -1,8 +1,5 @@
 #include "oneways/LinkStallGuard.h"
 
-#include <sys/timerfd.h>
-#include <unistd.h>
-
 #include <vector>
 
 #include "base/Clock.h"
@@ -19,17 +16,8 @@ constexpr int64_t kStallMs = 2;
 
 }  // namespace
 
-status_t LinkStallGuard::init() {
-    mTimer = ScopedFd(timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK));
-    if (!mTimer.valid()) return -errno;
-    mPool.add(this, mTimer.get());
-    return NO_ERROR;
-}
-
 void LinkStallGuard::armTimer() {
-    itimerspec period{};
-    period.it_value.tv_nsec = kStallMs * 1000000;
-    timerfd_settime(mTimer.get(), 0, &period, nullptr);
+    (void)mTimer.arm(kStallMs);
     mTimerArmed = true;
 }
 
@@ -45,9 +33,7 @@ bool LinkStallGuard::release(const sp<AcceptedConnection>& link) {
 }
 
 void LinkStallGuard::onEvent(uint32_t /*events*/) {
-    uint64_t expirations;
-    ssize_t drained = read(mTimer.get(), &expirations, sizeof(expirations));
-    (void)drained;
+    mTimer.takeExpiry();
     std::vector<sp<AcceptedConnection>> stalled;
     {
         LockGuard guard(mLock);
@@ -63,7 +49,7 @@ void LinkStallGuard::onEvent(uint32_t /*events*/) {
         }
         if (!mHeld.empty()) armTimer();
     }
-    mPool.rearm(this, mTimer.get());
+    mTimer.giveBack();
     for (const sp<AcceptedConnection>& link : stalled) mAccepted.rearm(link);
 }
 

@@ -9,8 +9,8 @@
 
 #include "base/EventSource.h"
 #include "base/Locks.h"
-#include "base/TransportFds.h"
 #include "peers/AcceptedConnection.h"
+#include "threads/PoolTimer.h"
 
 namespace android {
 namespace tvbinder {
@@ -30,7 +30,7 @@ class LinkStallGuard : public EventSource {
     LinkStallGuard(ThreadPool& pool, AcceptedConnections& accepted)
         : mPool(pool), mAccepted(accepted) {}
 
-    [[nodiscard]] status_t init();
+    [[nodiscard]] status_t init() { return mTimer.init(); }
     // The calling thread holds `link` (taken from epoll) while it runs what
     // it read.
     void hold(const sp<AcceptedConnection>& link);
@@ -46,7 +46,7 @@ class LinkStallGuard : public EventSource {
 
     ThreadPool& mPool;
     AcceptedConnections& mAccepted;
-    ScopedFd mTimer;
+    PoolTimer mTimer{mPool, *this};
 
     Mutex mLock{LockRank::kStallGuard};
     // Each held link, and since when (ms).

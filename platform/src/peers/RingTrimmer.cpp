@@ -1,9 +1,5 @@
 #include "peers/RingTrimmer.h"
 
-#include <errno.h>
-#include <sys/timerfd.h>
-#include <unistd.h>
-
 #include "threads/ThreadPool.h"
 
 namespace android {
@@ -13,36 +9,21 @@ namespace {
 
 // Making a megabyte resident again costs far more than copying it: a ring is
 // only trimmed one to two sweeps after the last large frame.
-constexpr time_t kSweepSeconds = 1;
+constexpr int64_t kSweepMs = 1000;
 
 }  // namespace
-
-status_t RingTrimmer::init() {
-    mTimer = ScopedFd(timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK));
-    if (!mTimer.valid()) return -errno;
-    mPool.add(this, mTimer.get());
-    return NO_ERROR;
-}
-
-void RingTrimmer::armTimer() {
-    itimerspec period{};
-    period.it_value.tv_sec = kSweepSeconds;
-    // Unarmed, the next listing tries again.
-    mTimerArmed = timerfd_settime(mTimer.get(), 0, &period, nullptr) == 0;
-}
 
 void RingTrimmer::sweepLater(const wp<Connection>& connection) {
     // Without a pool no thread would take the timer: nothing is listed for good.
     if (!mPool.started()) return;
     LockGuard guard(mLock);
     mListed.push_back(connection);
-    if (!mTimerArmed) armTimer();
+    // Unarmed, the next listing tries again.
+    if (!mTimerArmed) mTimerArmed = mTimer.arm(kSweepMs);
 }
 
 void RingTrimmer::onEvent(uint32_t /*events*/) {
-    uint64_t expirations;
-    ssize_t drained = read(mTimer.get(), &expirations, sizeof(expirations));
-    (void)drained;
+    mTimer.takeExpiry();
     std::vector<wp<Connection>> due;
     {
         LockGuard guard(mLock);
@@ -57,9 +38,9 @@ void RingTrimmer::onEvent(uint32_t /*events*/) {
     {
         LockGuard guard(mLock);
         mListed.insert(mListed.end(), again.begin(), again.end());
-        if (!mListed.empty() && !mTimerArmed) armTimer();
+        if (!mListed.empty() && !mTimerArmed) mTimerArmed = mTimer.arm(kSweepMs);
     }
-    mPool.rearm(this, mTimer.get());
+    mTimer.giveBack();
 }
 
 }  // namespace tvbinder

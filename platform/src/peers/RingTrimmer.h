@@ -7,7 +7,7 @@
 
 #include "base/EventSource.h"
 #include "base/Locks.h"
-#include "base/TransportFds.h"
+#include "threads/PoolTimer.h"
 #include "wire/Connection.h"
 
 namespace android {
@@ -27,7 +27,7 @@ class RingTrimmer final : public EventSource, public Connection::RingSweeper {
   public:
     explicit RingTrimmer(ThreadPool& pool) : mPool(pool) {}
 
-    [[nodiscard]] status_t init();
+    [[nodiscard]] status_t init() { return mTimer.init(); }
     void sweepLater(const wp<Connection>& connection) override;
     void onEvent(uint32_t events) override;
     // A sweep waits for nothing and runs no application code.
@@ -37,10 +37,8 @@ class RingTrimmer final : public EventSource, public Connection::RingSweeper {
     }
 
   private:
-    void armTimer() TV_REQUIRES(mLock);
-
     ThreadPool& mPool;
-    ScopedFd mTimer;
+    PoolTimer mTimer{mPool, *this};
 
     Mutex mLock{LockRank::kRingTrimmer};
     std::vector<wp<Connection>> mListed TV_GUARDED_BY(mLock);
