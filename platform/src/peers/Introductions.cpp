@@ -3,6 +3,7 @@
 #include "peers/Introductions.h"
 
 #include <log/log.h>
+#include <string.h>
 
 #include "base/LogLimit.h"
 #include "peers/AcceptedConnections.h"
@@ -30,8 +31,16 @@ void Introductions::onReadable(const sp<AcceptedConnection>& connection) {
         mAccepted.drop(connection);
         return;
     }
-    if (frame.kind() != FrameKind::kHello || introduce(*connection, frame) != NO_ERROR) {
-        TV_ALOGW_LIMITED("refused a connection from pid %d", connection->peerPid());
+    status = frame.kind() == FrameKind::kHello ? introduce(*connection, frame) : BAD_TYPE;
+    if (status != NO_ERROR) {
+        // A process that opens a connection as it exits (to send its last
+        // releases) is gone by the time it is introduced: nothing to tell.
+        if (status == DEAD_OBJECT) {
+            ALOGV("a connection from pid %d outlived its process", connection->peerPid());
+        } else {
+            TV_ALOGW_LIMITED("refused a connection from pid %d (%s)", connection->peerPid(),
+                             strerror(-status));
+        }
         mAccepted.drop(connection);
         return;
     }
