@@ -20,9 +20,10 @@ const char* verdict(bool met) {
 
 }  // namespace
 
-void Report::addLatency(const std::string& what, std::optional<double> binderMicros,
-                        std::optional<double> rawMicros, double maxRatio, int rawTimes,
-                        std::optional<double> floorMicros) {
+void Report::addLatency(const std::string& what, const Paired& micros, double maxRatio,
+                        int rawTimes, std::optional<double> floorMicros) {
+    const std::optional<double>& binderMicros = micros.measured;
+    const std::optional<double>& rawMicros = micros.baseline;
     const std::string rawPattern =
         rawTimes == 1 ? "%.1f us" : std::to_string(rawTimes) + " x %.1f us";
     Row row{what,
@@ -43,8 +44,9 @@ void Report::addLatency(const std::string& what, std::optional<double> binderMic
     mRows.push_back(row);
 }
 
-void Report::addThroughput(const std::string& what, std::optional<double> binderPerSecond,
-                           std::optional<double> rawPerSecond, double minRatio) {
+void Report::addThroughput(const std::string& what, const Paired& perSecond, double minRatio) {
+    const std::optional<double>& binderPerSecond = perSecond.measured;
+    const std::optional<double>& rawPerSecond = perSecond.baseline;
     Row row{what,
             binderPerSecond ? format("%.0f k/s", *binderPerSecond / 1000) : "failed",
             rawPerSecond ? format("%.0f k/s", *rawPerSecond / 1000) : "failed",
@@ -84,8 +86,7 @@ bool Report::complete() const {
 
 void Report::print() const {
     const char* layout = "%-44s %12s %12s %7s %9s %14s  %s\n";
-    printf(layout, "measurement (medians)", "binder", "raw socket", "ratio", "vs floor", "target",
-           "");
+    printf(layout, "measurement", "binder", "raw socket", "ratio", "vs floor", "target", "");
     for (const Row& row : mRows) {
         printf(layout, row.what.c_str(), row.binder.c_str(), row.raw.c_str(), row.ratio.c_str(),
                row.floor.c_str(), row.target.c_str(), row.verdict.c_str());

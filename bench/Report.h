@@ -5,20 +5,20 @@
 #include <vector>
 
 #include "BinderBench.h"
+#include "Rounds.h"
 
 // The table that the benchmark prints: binder next to raw sockets, with the
 // target of each line and whether this run met it.
 class Report {
   public:
-    // Lower is better: met when binder <= maxRatio * rawTimes * raw. With
-    // rawTimes above 1, binder is compared with that many raw operations
-    // (and floors). The floor, when given, is shown as a ratio too.
-    void addLatency(const std::string& what, std::optional<double> binderMicros,
-                    std::optional<double> rawMicros, double maxRatio, int rawTimes = 1,
-                    std::optional<double> floorMicros = std::nullopt);
-    // Higher is better: met when binder >= minRatio * raw.
-    void addThroughput(const std::string& what, std::optional<double> binderPerSecond,
-                       std::optional<double> rawPerSecond, double minRatio);
+    // Lower is better: met when binder <= maxRatio * rawTimes * raw (the
+    // pair's measured and baseline micros). With rawTimes above 1, binder is
+    // compared with that many raw operations (and floors). The floor, when
+    // given, is shown as a ratio too.
+    void addLatency(const std::string& what, const Paired& micros, double maxRatio,
+                    int rawTimes = 1, std::optional<double> floorMicros = std::nullopt);
+    // Higher is better: met when binder >= minRatio * raw (operations per second).
+    void addThroughput(const std::string& what, const Paired& perSecond, double minRatio);
     // Met when at most `maxMillis`.
     void addMillisWithin(const std::string& what, std::optional<double> millis, double maxMillis);
     // A figure without a baseline or a target.

@@ -12,6 +12,7 @@
 #include "BinderBench.h"
 #include "RawSocketBench.h"
 #include "Report.h"
+#include "Rounds.h"
 #include "ServiceManagerDaemon.h"
 #include "ShmFloorBench.h"
 #include "TavrinBench.h"
@@ -54,9 +55,11 @@ struct Floors {
 
 void printUsage() {
     fprintf(stderr,
-            "usage: transport_bench [--quick] [--one-way]\n"
-            "  --quick    tiny counts: checks that everything runs\n"
-            "  --one-way  only the one-way lines\n"
+            "usage: transport_bench [--quick] [--one-way] [--rounds N]\n"
+            "  --quick     tiny counts and one round: checks that everything runs\n"
+            "  --one-way   only the one-way lines\n"
+            "  --rounds N  measure each line and its baseline N times (default 3) and show\n"
+            "              the round with the median ratio\n"
             "Frames take shared memory; TVBINDER_DATA_PATH=socket in the environment keeps\n"
             "them on the sockets, to measure that path.\n");
 }
@@ -68,15 +71,22 @@ const char* dataPath() {
 }
 
 bool parseOptions(int argc, char** argv, BenchOptions* options, bool* oneWayOnly) {
+    std::optional<int> rounds;
     for (int i = 1; i < argc; ++i) {
         if (strcmp(argv[i], "--quick") == 0) {
             *options = BenchOptions::quick();
         } else if (strcmp(argv[i], "--one-way") == 0) {
             *oneWayOnly = true;
+        } else if (strcmp(argv[i], "--rounds") == 0 && i + 1 < argc) {
+            char* end = nullptr;
+            const long count = strtol(argv[++i], &end, 10);
+            if (*end != '\0' || count < 1 || count > 99) return false;
+            rounds = static_cast<int>(count);
         } else {
             return false;
         }
     }
+    if (rounds) options->rounds = *rounds;
     return true;
 }
 
@@ -89,14 +99,20 @@ Floors measureRoundTrips(const BenchOptions& options, Report* report) {
     for (bool pinned : {true, false}) {
         const char* placement = placementOf(pinned);
         fprintf(stderr, "round trips, %s...\n", placement);
-        const std::optional<double> rawMicros = raw::roundTripMicros(pinned, options.roundTrips);
-        const std::optional<double> floor = shmfloor::roundTripMicros(pinned, options.roundTrips);
-        (pinned ? floors.pinned : floors.free) = floor;
-        report->addLatency(std::string("round trip 16 B, ") + placement,
-                           binder::roundTripMicros(pinned, options.roundTrips), rawMicros,
-                           kTransportRoundTrip.of(pinned), 1, floor);
-        report->addLatency(std::string("floor (shm + futex), ") + placement, floor, rawMicros,
-                           kMaxFloorRatio);
+        const Measurement rawMicros = [&] {
+            return raw::roundTripMicros(pinned, options.roundTrips);
+        };
+        const Paired floor = medianRound(
+            options.rounds, [&] { return shmfloor::roundTripMicros(pinned, options.roundTrips); },
+            rawMicros);
+        (pinned ? floors.pinned : floors.free) = floor.measured;
+        report->addLatency(
+            std::string("round trip 16 B, ") + placement,
+            medianRound(
+                options.rounds, [&] { return binder::roundTripMicros(pinned, options.roundTrips); },
+                rawMicros),
+            kTransportRoundTrip.of(pinned), 1, floor.measured);
+        report->addLatency(std::string("floor (shm + futex), ") + placement, floor, kMaxFloorRatio);
     }
     return floors;
 }
@@ -115,10 +131,13 @@ void measureLargeBodies(const BenchOptions& options, Report* report) {
         const char* placement = placementOf(pinned);
         for (const Body& body : bodies) {
             fprintf(stderr, "calls carrying %s, %s...\n", body.name, placement);
-            report->addLatency(std::string("call carrying ") + body.name + ", " + placement,
-                               binder::bodyCallMicros(pinned, body.bytes, body.calls),
-                               raw::bodyRoundTripMicros(pinned, body.bytes, body.calls),
-                               kMaxBodyCallRatio);
+            report->addLatency(
+                std::string("call carrying ") + body.name + ", " + placement,
+                medianRound(
+                    options.rounds,
+                    [&] { return binder::bodyCallMicros(pinned, body.bytes, body.calls); },
+                    [&] { return raw::bodyRoundTripMicros(pinned, body.bytes, body.calls); }),
+                kMaxBodyCallRatio);
         }
     }
 }
@@ -127,9 +146,12 @@ void measureCpu(const BenchOptions& options, Report* report) {
     for (bool pinned : {true, false}) {
         const char* placement = placementOf(pinned);
         fprintf(stderr, "CPU per call at one call per ms, %s...\n", placement);
-        report->addLatency(std::string("CPU per call at 1 call/ms, ") + placement,
-                           binder::pacedCpuMicros(pinned, options.pacedCalls),
-                           raw::pacedCpuMicros(pinned, options.pacedCalls), kMaxPacedCpuRatio);
+        report->addLatency(
+            std::string("CPU per call at 1 call/ms, ") + placement,
+            medianRound(
+                options.rounds, [&] { return binder::pacedCpuMicros(pinned, options.pacedCalls); },
+                [&] { return raw::pacedCpuMicros(pinned, options.pacedCalls); }),
+            kMaxPacedCpuRatio);
     }
     fprintf(stderr, "an idle bound pair for %d s...\n", options.idleSeconds);
     report->addMillisWithin(
@@ -142,21 +164,31 @@ void measureOneWays(const BenchOptions& options, Report* report) {
     for (bool pinned : {true, false}) {
         const char* placement = placementOf(pinned);
         fprintf(stderr, "one-way messages, %s...\n", placement);
-        report->addThroughput(std::string("one-way 16 B messages, ") + placement,
-                              binder::oneWayPerSecond(pinned, options.oneWayMessages),
-                              raw::oneWayPerSecond(pinned, options.oneWayMessages),
-                              kMinOneWayRatio);
+        report->addThroughput(
+            std::string("one-way 16 B messages, ") + placement,
+            medianRound(
+                options.rounds,
+                [&] { return binder::oneWayPerSecond(pinned, options.oneWayMessages); },
+                [&] { return raw::oneWayPerSecond(pinned, options.oneWayMessages); }),
+            kMinOneWayRatio);
     }
 }
 
 void measureThroughput(const BenchOptions& options, Report* report) {
     measureOneWays(options, report);
     fprintf(stderr, "%d clients...\n", options.parallelClients);
-    report->addThroughput(
-        std::to_string(options.parallelClients) + " clients, one service (calls)",
-        binder::parallelCallsPerSecond(options.parallelClients, options.parallelCallsEach),
-        raw::parallelCallsPerSecond(false, options.parallelClients, options.parallelCallsEach),
-        kMinThroughputRatio);
+    report->addThroughput(std::to_string(options.parallelClients) + " clients, one service (calls)",
+                          medianRound(
+                              options.rounds,
+                              [&] {
+                                  return binder::parallelCallsPerSecond(options.parallelClients,
+                                                                        options.parallelCallsEach);
+                              },
+                              [&] {
+                                  return raw::parallelCallsPerSecond(false, options.parallelClients,
+                                                                     options.parallelCallsEach);
+                              }),
+                          kMinThroughputRatio);
 }
 
 // Each tavrin line is measured right next to its raw baseline.
@@ -164,19 +196,24 @@ void measureTavrinCalls(const BenchOptions& options, const Floors& floors, Repor
     for (bool pinned : {true, false}) {
         const char* placement = placementOf(pinned);
         fprintf(stderr, "tavrin calls, %s...\n", placement);
-        report->addLatency(std::string("ipcCall, ") + placement,
-                           coupler::callMicros(pinned, options.roundTrips),
-                           raw::roundTripMicros(pinned, options.roundTrips), kApiCall.of(pinned), 1,
-                           floors.of(pinned));
+        report->addLatency(
+            std::string("ipcCall, ") + placement,
+            medianRound(
+                options.rounds, [&] { return coupler::callMicros(pinned, options.roundTrips); },
+                [&] { return raw::roundTripMicros(pinned, options.roundTrips); }),
+            kApiCall.of(pinned), 1, floors.of(pinned));
     }
     for (bool pinned : {true, false}) {
         const char* placement = placementOf(pinned);
         fprintf(stderr, "tavrin calls answered by notifications, %s...\n", placement);
         // Two round trips: the call, and the notification answered inside it.
-        report->addLatency(std::string("ipcCall + sendNotifyEx, ") + placement,
-                           coupler::notifyExCallMicros(pinned, options.roundTrips),
-                           raw::roundTripMicros(pinned, options.roundTrips), kApiCall.of(pinned), 2,
-                           floors.of(pinned));
+        report->addLatency(
+            std::string("ipcCall + sendNotifyEx, ") + placement,
+            medianRound(
+                options.rounds,
+                [&] { return coupler::notifyExCallMicros(pinned, options.roundTrips); },
+                [&] { return raw::roundTripMicros(pinned, options.roundTrips); }),
+            kApiCall.of(pinned), 2, floors.of(pinned));
     }
 }
 
@@ -184,19 +221,29 @@ void measureTavrinThroughput(const BenchOptions& options, Report* report) {
     for (bool pinned : {true, false}) {
         const char* placement = placementOf(pinned);
         fprintf(stderr, "tavrin notifications, %s...\n", placement);
-        report->addThroughput(std::string("sendNotify notifications, ") + placement,
-                              coupler::notificationsPerSecond(pinned, options.oneWayMessages),
-                              raw::oneWayPerSecond(pinned, options.oneWayMessages),
-                              kMinNotificationRatio);
+        report->addThroughput(
+            std::string("sendNotify notifications, ") + placement,
+            medianRound(
+                options.rounds,
+                [&] { return coupler::notificationsPerSecond(pinned, options.oneWayMessages); },
+                [&] { return raw::oneWayPerSecond(pinned, options.oneWayMessages); }),
+            kMinNotificationRatio);
     }
     for (bool pinned : {true, false}) {
         const char* placement = placementOf(pinned);
         fprintf(stderr, "tavrin, %d clients, %s...\n", options.parallelClients, placement);
         report->addThroughput(
             std::to_string(options.parallelClients) + " clients (ipcCall), " + placement,
-            coupler::parallelCallsPerSecond(pinned, options.parallelClients,
-                                            options.parallelCallsEach),
-            raw::parallelCallsPerSecond(pinned, options.parallelClients, options.parallelCallsEach),
+            medianRound(
+                options.rounds,
+                [&] {
+                    return coupler::parallelCallsPerSecond(pinned, options.parallelClients,
+                                                           options.parallelCallsEach);
+                },
+                [&] {
+                    return raw::parallelCallsPerSecond(pinned, options.parallelClients,
+                                                       options.parallelCallsEach);
+                }),
             kMinThroughputRatio);
     }
 }
@@ -205,10 +252,13 @@ void measureTavrinSubServices(const BenchOptions& options, const Floors& floors,
     for (bool pinned : {true, false}) {
         const char* placement = placementOf(pinned);
         fprintf(stderr, "tavrin sub-service calls, %s...\n", placement);
-        report->addLatency(std::string("sub-service ipcCall, ") + placement,
-                           coupler::subServiceCallMicros(pinned, options.roundTrips),
-                           raw::roundTripMicros(pinned, options.roundTrips), kApiCall.of(pinned), 1,
-                           floors.of(pinned));
+        report->addLatency(
+            std::string("sub-service ipcCall, ") + placement,
+            medianRound(
+                options.rounds,
+                [&] { return coupler::subServiceCallMicros(pinned, options.roundTrips); },
+                [&] { return raw::roundTripMicros(pinned, options.roundTrips); }),
+            kApiCall.of(pinned), 1, floors.of(pinned));
     }
     fprintf(stderr, "tavrin sub-service binds...\n");
     report->addMillis("bindTo(sub-service) to first result",
@@ -234,7 +284,8 @@ int main(int argc, char** argv) {
     ServiceManagerDaemon daemon(context);
     if (!daemon.serving()) return 1;
 
-    printf("data path: %s\n", dataPath());
+    printf("data path: %s; each line is the round of %d with the median ratio to its baseline\n",
+           dataPath(), options.rounds);
     fflush(stdout);  // before any fork: children would print it again
     Report report;
     if (oneWayOnly) {
