@@ -19,7 +19,10 @@ Paired medianRound(int rounds, const Measurement& measure, const Measurement& ba
         Paired pair{measure(), baseline()};
         if (!pair.measured || !pair.baseline || *pair.baseline <= 0) return pair;
         taken.push_back(pair);
-        if (rounds > 1) fprintf(stderr, "  round %d: %.2fx\n", round + 1, ratio(pair));
+        if (rounds > 1) {
+            fprintf(stderr, "  round %d: %.1f against %.1f\n", round + 1, *pair.measured,
+                    *pair.baseline);
+        }
     }
     const auto middle = taken.begin() + static_cast<long>(taken.size() / 2);
     std::nth_element(taken.begin(), middle, taken.end(),
