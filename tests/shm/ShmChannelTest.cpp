@@ -455,6 +455,34 @@ TEST(ShmChannelTest, APairThatSharesItsCpuWithABusyTaskKeepsItsShare) {
               std::max<int64_t>(std::chrono::duration_cast<milliseconds>(alone * 20).count(), 500));
 }
 
+// A service yielding after each answer to a client that went on to other
+// work pays a context switch a call; a ping-pong's yields mostly pay.
+TEST(YieldPayoff, YieldsThatFindNothingPauseForLongerEachTimeUntilOneFindsTheMessage) {
+    YieldPayoff payoff;
+    auto waitsWithoutYield = [&] {
+        int skipped = 0;
+        while (!payoff.mayYield() && skipped < 1000) ++skipped;
+        return skipped;
+    };
+    for (int miss = 0; miss < 3; ++miss) {
+        EXPECT_EQ(0, waitsWithoutYield());
+        payoff.record(false);
+    }
+    EXPECT_EQ(0, waitsWithoutYield());
+    for (int pause : {1, 2, 4, 8, 16, 32, 64, 64}) {
+        payoff.record(false);
+        EXPECT_EQ(pause, waitsWithoutYield());
+    }
+    payoff.record(true);
+    // One that paid starts the count again: three misses in a row pause nothing.
+    for (int miss = 0; miss < 3; ++miss) {
+        payoff.record(false);
+        EXPECT_EQ(0, waitsWithoutYield());
+    }
+    payoff.record(false);
+    EXPECT_EQ(1, waitsWithoutYield());
+}
+
 TEST(ShmChannelTest, APollingReaderIsWokenThroughItsPollWaker) {
     Pair pair = makePair();
     const int event = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);

@@ -94,6 +94,28 @@ bool yieldUnlessCrowded() {
     return true;
 }
 
+bool YieldPayoff::mayYield() {
+    const uint32_t skip = mWaitsToSkip.load(std::memory_order_relaxed);
+    if (skip == 0) return true;
+    mWaitsToSkip.store(skip - 1, std::memory_order_relaxed);
+    return false;
+}
+
+void YieldPayoff::record(bool paid) {
+    if (paid) {
+        mUnpaid.store(0, std::memory_order_relaxed);
+        mPause.store(0, std::memory_order_relaxed);
+        return;
+    }
+    const uint32_t unpaid = mUnpaid.load(std::memory_order_relaxed) + 1;
+    mUnpaid.store(unpaid, std::memory_order_relaxed);
+    if (unpaid < kUnpaidBeforePause) return;
+    const uint32_t pause =
+        std::min(std::max(mPause.load(std::memory_order_relaxed) * 2, 1u), kLongestPause);
+    mPause.store(pause, std::memory_order_relaxed);
+    mWaitsToSkip.store(pause, std::memory_order_relaxed);
+}
+
 }  // namespace shm
 }  // namespace tvbinder
 }  // namespace android

@@ -267,7 +267,8 @@ bool ShmChannel::armPolling() {
 template <typename Ready>
 status_t ShmChannel::waitFor(std::atomic<uint32_t>* own, std::atomic<uint32_t>* ownCpu, Ready ready,
                              Clock::time_point deadline, SleepStop* stop) {
-    if (sharesCpuWithPeer() ? yieldFor(ready) : spinFor(ready)) return NO_ERROR;
+    YieldPayoff* payoff = ownCpu != nullptr ? &mReceiveYields : nullptr;
+    if (sharesCpuWithPeer() ? yieldFor(ready, payoff) : spinFor(ready)) return NO_ERROR;
     for (;;) {
         own->store(kSleeping, std::memory_order_seq_cst);
         const bool shut = mShutdown.load(std::memory_order_seq_cst);
@@ -315,13 +316,18 @@ bool ShmChannel::spinFor(Ready ready) {
 // On the peer's CPU (sharesCpuWithPeer), a peer that is awake needs our CPU to
 // answer: one yield lets it run now, and spares our sleep and its wake-up (two
 // system calls and a timer). One yield only, only while the peer is awake,
-// and not while another task keeps that CPU busy (yieldUnlessCrowded).
+// not while another task keeps that CPU busy (yieldUnlessCrowded), and not
+// while yields to this peer found nothing (`payoff`).
 template <typename Ready>
-bool ShmChannel::yieldFor(Ready ready) {
+bool ShmChannel::yieldFor(Ready ready, YieldPayoff* payoff) {
     if (ready()) return true;
     const uint32_t peer = mWriter.consumerWord()->load(std::memory_order_relaxed);
     if (peer != kRunning && peer != kWoken) return false;
-    return yieldUnlessCrowded() && ready();
+    if (payoff != nullptr && !payoff->mayYield()) return false;
+    if (!yieldUnlessCrowded()) return false;
+    const bool paid = ready();
+    if (payoff != nullptr) payoff->record(paid);
+    return paid;
 }
 
 void ShmChannel::shutdown() {

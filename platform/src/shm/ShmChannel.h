@@ -152,8 +152,9 @@ class ShmChannel {
     bool sharesCpuWithPeer();
     template <typename Ready>
     bool spinFor(Ready ready);
+    // `payoff` when the wait is for the peer's next message (see YieldPayoff).
     template <typename Ready>
-    bool yieldFor(Ready ready);
+    bool yieldFor(Ready ready, YieldPayoff* payoff);
     status_t breakWith(status_t status);
 
     const std::unique_ptr<ShmRegion> mRegion;
@@ -166,7 +167,8 @@ class ShmChannel {
     const std::chrono::nanoseconds mStreamPatience;
     const std::chrono::nanoseconds mStreamLimit;
     PollWaker mPollWaker;
-    bool mWide = false;  // the sender's: pages beyond the front may be resident
+    YieldPayoff mReceiveYields;  // the receiving thread's
+    bool mWide = false;          // the sender's: pages beyond the front may be resident
     std::atomic<bool> mShutdown{false};
     std::atomic<bool> mBroken{false};
 };
