@@ -18,9 +18,6 @@ constexpr int kSocketLingerMs = 2;
 class SharedMemoryLinger : public ThreadPool::Lingerer {
   public:
     explicit SharedMemoryLinger(Connection& connection) : mConnection(connection) {}
-    // Unchecked as ThreadPool::stop is: the first linger of a process may end
-    // while it is out of descriptors.
-    __attribute__((no_sanitize("vptr"))) ~SharedMemoryLinger() override {}
     void stopLingering() override { mStop.stop(); }
     bool waitReadable() { return mConnection.waitReadableUntil(mStop); }
 

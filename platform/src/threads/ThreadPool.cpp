@@ -272,10 +272,7 @@ void ThreadPool::stopAllLingers() {
     for (Lingering& lingering : mLingering) stop(lingering);
 }
 
-// The undefined-behaviour sanitizer checks a virtual call's object through a
-// pipe the first time it meets its type; in a process out of descriptors that
-// fails, and it reports a valid lingerer as corrupt.
-__attribute__((no_sanitize("vptr"))) void ThreadPool::stop(Lingering& lingering) {
+void ThreadPool::stop(Lingering& lingering) {
     if (lingering.stopped) return;
     lingering.stopped = true;
     lingering.lingerer->stopLingering();
