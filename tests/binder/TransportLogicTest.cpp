@@ -640,6 +640,36 @@ TEST(ThreadPoolLingers, EndAfterAPeriodOrAtOnceWhenTheLastFreeThreadTakesWork) {
     EXPECT_TRUE(tvproc::waitUntil([&] { return pool->hasIdleThreads(); }));
 }
 
+// Delayed work waits on the pool's timer, not on a pool thread: the only
+// thread runs what is posted meanwhile, and delayed work in deadline order.
+TEST(ThreadPoolDelayedWork, WaitsForItsTimeWithoutHoldingAThread) {
+    auto* pool = new ThreadPool;  // pool threads never return: it outlives the test
+    ASSERT_EQ(NO_ERROR, pool->init());
+    pool->setMaxThreads(0);
+    pool->start();
+    ASSERT_TRUE(tvproc::waitUntil([&] { return pool->hasIdleThreads(); }));
+    std::mutex lock;
+    std::vector<std::string> ran;
+    auto record = [&](std::string what) {
+        std::lock_guard<std::mutex> guard(lock);
+        ran.push_back(std::move(what));
+    };
+    const auto posted = std::chrono::steady_clock::now();
+    std::atomic<bool> lateEnough{false};
+    pool->postAfter(500, [&] {
+        lateEnough = std::chrono::steady_clock::now() - posted >= std::chrono::milliseconds(500);
+        record("later");
+    });
+    pool->postAfter(50, [&] { record("sooner"); });
+    pool->post(new WorkTask([&] { record("now"); }));
+    ASSERT_TRUE(tvproc::waitUntil([&] {
+        std::lock_guard<std::mutex> guard(lock);
+        return ran.size() == 3;
+    }));
+    EXPECT_EQ((std::vector<std::string>{"now", "sooner", "later"}), ran);
+    EXPECT_TRUE(lateEnough);
+}
+
 #if TVBINDER_CHECK_LOCKS
 TEST(TransportLocks, AreTakenInRankOrderOnlyAndNeverHeldIntoApplicationCode) {
     Mutex peer(LockRank::kPeer);

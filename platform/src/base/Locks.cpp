@@ -23,12 +23,15 @@ thread_local Held tHeld;
 
 const char* lockRankName(LockRank rank) {
     static const char* const kNames[] = {
-        "ProcessState",    "ContextManager", "Peer",         "PeerTable",     "OutgoingLink",
-        "CallConnections", "accepted",       "Acceptor",     "channel send",  "channel receive",
-        "ExportTable",     "ProxyTable",     "PeerAccounts", "pool threads",  "pool tasks",
-        "pool lingers",    "one-ways",       "stall guard",  "ChainRegistry", "ChainMailbox",
-        "SocketDirectory", "ring trimmer",   "descriptors",
+        "ProcessState",    "ContextManager", "Peer",          "PeerTable",     "OutgoingLink",
+        "CallConnections", "accepted",       "Acceptor",      "channel send",  "channel receive",
+        "ExportTable",     "ProxyTable",     "PeerAccounts",  "pool threads",  "pool tasks",
+        "pool lingers",    "one-ways",       "stall guard",   "ChainRegistry", "ChainMailbox",
+        "SocketDirectory", "ring trimmer",   "delayed tasks", "descriptors",
     };
+    static_assert(
+        sizeof(kNames) / sizeof(kNames[0]) == static_cast<size_t>(LockRank::kDescriptors) + 1,
+        "a name for each rank");
     const size_t index = static_cast<size_t>(rank);
     return index < sizeof(kNames) / sizeof(kNames[0]) ? kNames[index] : "?";
 }

@@ -67,6 +67,7 @@ enum class LockRank : uint8_t {
     kMailbox,          // ChainMailbox: handed calls; makes its eventfd
     kSocketDirectory,  // SocketDirectory: the directory chosen
     kRingTrimmer,      // RingTrimmer: connections whose rings widened
+    kPoolDelayed,      // DelayedTasks: work waiting for its time
     kDescriptors,      // TransportFds: every descriptor opened or closed
 };
 

@@ -41,7 +41,7 @@ status_t ThreadPool::init() {
     mTickFd = ScopedFd(timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK));
     if (!mTickFd.valid()) return -errno;
     add(&mTicker, mTickFd.get());
-    return NO_ERROR;
+    return mDelayed.init();
 }
 
 void ThreadPool::add(EventSource* source, int fd) {
@@ -65,13 +65,6 @@ void ThreadPool::post(const sp<PoolTask>& task, bool wake) {
         mPostedCount.fetch_add(1);
     }
     if (wake) wakeOne();
-}
-
-void ThreadPool::postAfter(int delayMs, std::function<void()> work) {
-    post(new WorkTask([delayMs, work = std::move(work)] {
-        usleep(static_cast<useconds_t>(delayMs) * 1000);
-        work();
-    }));
 }
 
 sp<PoolTask> ThreadPool::takePosted() {

@@ -12,6 +12,7 @@
 #include "base/EventSource.h"
 #include "base/Locks.h"
 #include "base/TransportFds.h"
+#include "threads/DelayedTasks.h"
 #include "threads/PoolTask.h"
 
 namespace android {
@@ -73,9 +74,11 @@ class ThreadPool {
     // Queues `task`. With `wake`, an idle pool thread is woken for it; a pool
     // thread that runs the queue itself next (runPosted) need not wake one.
     void post(const sp<PoolTask>& task, bool wake = true);
-    // Runs `work` on a pool thread some `delayMs` from now. The thread sleeps
-    // meanwhile: for short pauses only.
-    void postAfter(int delayMs, std::function<void()> work);
+    // Posts `work` some `delayMs` from now (DelayedTasks): no thread waits
+    // meanwhile.
+    void postAfter(int delayMs, std::function<void()> work) {
+        mDelayed.add(delayMs, std::move(work));
+    }
     // Runs posted tasks until none is left, waking another idle thread while
     // more wait, so that tasks do not wait for each other.
     void runPosted();
@@ -160,6 +163,7 @@ class ThreadPool {
     Wake mWake{*this};
     ScopedFd mTickFd;  // timerfd, registered one-shot
     LingerTicker mTicker{*this};
+    DelayedTasks mDelayed{*this};
     std::atomic<int> mWaiting{0};
     std::atomic<size_t> mPostedCount{0};
     std::atomic<bool> mSpawnFailing{false};  // since the last thread started
