@@ -16,11 +16,17 @@ status_t PoolTimer::init() {
     return NO_ERROR;
 }
 
-bool PoolTimer::arm(int64_t delayMs) {
-    itimerspec once{};
-    once.it_value.tv_sec = static_cast<time_t>(delayMs / 1000);
-    once.it_value.tv_nsec = static_cast<long>(delayMs % 1000) * 1000000;
-    return timerfd_settime(mFd.get(), 0, &once, nullptr) == 0;
+namespace {
+
+timespec fromMillis(int64_t ms) {
+    return {static_cast<time_t>(ms / 1000), static_cast<long>(ms % 1000) * 1000000};
+}
+
+}  // namespace
+
+bool PoolTimer::set(int64_t firstMs, int64_t periodMs) {
+    const itimerspec times{fromMillis(periodMs), fromMillis(firstMs)};
+    return timerfd_settime(mFd.get(), 0, &times, nullptr) == 0;
 }
 
 void PoolTimer::takeExpiry() {

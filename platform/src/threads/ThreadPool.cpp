@@ -9,7 +9,6 @@
 #include <string.h>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
-#include <sys/timerfd.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -38,9 +37,8 @@ status_t ThreadPool::init() {
     mWakeFd = ScopedFd(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
     if (!mWakeFd.valid()) return -errno;
     add(&mWake, mWakeFd.get());
-    mTickFd = ScopedFd(timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK));
-    if (!mTickFd.valid()) return -errno;
-    add(&mTicker, mTickFd.get());
+    const status_t status = mTickTimer.init();
+    if (status != NO_ERROR) return status;
     return mDelayed.init();
 }
 
@@ -240,9 +238,7 @@ void ThreadPool::endLinger(Lingerer* lingerer) {
 }
 
 bool ThreadPool::setTicking(bool ticking) {
-    const timespec period{0, ticking ? kLingerTickMs * 1000000L : 0};
-    const itimerspec every{period, period};
-    if (timerfd_settime(mTickFd.get(), 0, &every, nullptr) != 0) {
+    if (!mTickTimer.repeat(ticking ? kLingerTickMs : 0)) {
         ALOGE("cannot set the linger timer: %s", strerror(errno));
         return false;
     }
@@ -272,11 +268,9 @@ void ThreadPool::stop(Lingering& lingering) {
 }
 
 void ThreadPool::LingerTicker::onEvent(uint32_t /*events*/) {
-    uint64_t expirations;
-    ssize_t drained = read(mPool.mTickFd.get(), &expirations, sizeof(expirations));
-    (void)drained;
+    mPool.mTickTimer.takeExpiry();
     mPool.tickLingers();
-    mPool.rearm(this, mPool.mTickFd.get());
+    mPool.mTickTimer.giveBack();
 }
 
 bool ThreadPool::LingerTicker::onEventStandingIn(uint32_t events) {

@@ -14,6 +14,7 @@
 #include "base/TransportFds.h"
 #include "threads/DelayedTasks.h"
 #include "threads/PoolTask.h"
+#include "threads/PoolTimer.h"
 
 namespace android {
 namespace tvbinder {
@@ -125,7 +126,7 @@ class ThreadPool {
       private:
         ThreadPool& mPool;
     };
-    // The timerfd that ticks every kLingerTickMs while a thread lingers: one
+    // The timer that ticks every kLingerTickMs while a thread lingers: one
     // timer for all lingers, armed when the first begins.
     class LingerTicker : public EventSource {
       public:
@@ -161,8 +162,8 @@ class ThreadPool {
     ScopedFd mEpoll;
     ScopedFd mWakeFd;  // eventfd, registered one-shot
     Wake mWake{*this};
-    ScopedFd mTickFd;  // timerfd, registered one-shot
     LingerTicker mTicker{*this};
+    PoolTimer mTickTimer{*this, mTicker};
     DelayedTasks mDelayed{*this};
     std::atomic<int> mWaiting{0};
     std::atomic<size_t> mPostedCount{0};
