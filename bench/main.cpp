@@ -94,14 +94,17 @@ const char* placementOf(bool pinned) {
     return pinned ? "both on CPU 0" : "free placement";
 }
 
+// The baseline of every round-trip line.
+Measurement rawRoundTrips(const BenchOptions& options, bool pinned) {
+    return [&options, pinned] { return raw::roundTripMicros(pinned, options.roundTrips); };
+}
+
 Floors measureRoundTrips(const BenchOptions& options, Report* report) {
     Floors floors;
     for (bool pinned : {true, false}) {
         const char* placement = placementOf(pinned);
         fprintf(stderr, "round trips, %s...\n", placement);
-        const Measurement rawMicros = [&] {
-            return raw::roundTripMicros(pinned, options.roundTrips);
-        };
+        const Measurement rawMicros = rawRoundTrips(options, pinned);
         const Paired floor = medianRound(
             options.rounds, [&] { return shmfloor::roundTripMicros(pinned, options.roundTrips); },
             rawMicros);
@@ -200,7 +203,7 @@ void measureTavrinCalls(const BenchOptions& options, const Floors& floors, Repor
             std::string("ipcCall, ") + placement,
             medianRound(
                 options.rounds, [&] { return coupler::callMicros(pinned, options.roundTrips); },
-                [&] { return raw::roundTripMicros(pinned, options.roundTrips); }),
+                rawRoundTrips(options, pinned)),
             kApiCall.of(pinned), 1, floors.of(pinned));
     }
     for (bool pinned : {true, false}) {
@@ -212,7 +215,7 @@ void measureTavrinCalls(const BenchOptions& options, const Floors& floors, Repor
             medianRound(
                 options.rounds,
                 [&] { return coupler::notifyExCallMicros(pinned, options.roundTrips); },
-                [&] { return raw::roundTripMicros(pinned, options.roundTrips); }),
+                rawRoundTrips(options, pinned)),
             kApiCall.of(pinned), 2, floors.of(pinned));
     }
 }
@@ -257,7 +260,7 @@ void measureTavrinSubServices(const BenchOptions& options, const Floors& floors,
             medianRound(
                 options.rounds,
                 [&] { return coupler::subServiceCallMicros(pinned, options.roundTrips); },
-                [&] { return raw::roundTripMicros(pinned, options.roundTrips); }),
+                rawRoundTrips(options, pinned)),
             kApiCall.of(pinned), 1, floors.of(pinned));
     }
     fprintf(stderr, "tavrin sub-service binds...\n");

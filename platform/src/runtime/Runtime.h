@@ -33,9 +33,10 @@ namespace tvbinder {
 // it works with, and starts them (the endpoint's listener, the pool's epoll
 // set, the stall guard's and the ring trimmer's timers). It brokers nothing:
 // the platform's classes (ProcessState, IPCThreadState, BBinder, BpBinder,
-// Parcel) reach the part they need through it. Made with the first ProcessState; never destroyed,
-// because pool threads use it until the process ends (a child made by
-// fork() abandons its parent's and makes its own).
+// Parcel) reach the part they need through it. Made with the first
+// ProcessState; never destroyed, because pool threads use it until the
+// process ends (a child made by fork() abandons its parent's and makes its
+// own).
 class Runtime {
   public:
     // The process's runtime, or null before the first ProcessState.
