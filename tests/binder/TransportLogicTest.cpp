@@ -13,6 +13,7 @@
 #include <string.h>
 #include <sys/mman.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -559,6 +560,51 @@ TEST(SharedMemoryPath, SweepsBesideLargeAndSmallFramesLoseNothing) {
     if (region >= 0) {
         EXPECT_LE(20, sweeper.listings.load()) << "each large frame after a trim widens again";
     }
+}
+
+// A ring that widened before the process started its pool is given back by
+// the pool's first thread, not kept for as long as its connection lives.
+TEST(SharedMemoryPath, RingsWidenedBeforeThePoolStartedAreTrimmedOnceItRuns) {
+    auto* pool = new ThreadPool;  // pool threads never return: both outlive the test
+    auto* trimmer = new RingTrimmer(*pool);
+    ASSERT_EQ(NO_ERROR, pool->init());
+    ASSERT_EQ(NO_ERROR, trimmer->init());
+    int fds[2];
+    ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, fds));
+    sp<Connection> sender = Connection::adopt(fds[0]);
+    sp<Connection> receiver = Connection::adopt(fds[1]);
+    const int region = sender->offerSharedMemory(*trimmer);
+    if (region < 0) GTEST_SKIP() << "shared memory is off: nothing to trim";
+    ScopedFd watched(fcntl(region, F_DUPFD_CLOEXEC, 0));
+    ASSERT_EQ(NO_ERROR, receiver->acceptSharedMemory(fcntl(region, F_DUPFD_CLOEXEC, 0), *trimmer));
+    sender->startSharedMemory();
+    auto residentBlocks = [&] {
+        struct stat status {};
+        EXPECT_EQ(0, fstat(watched.get(), &status));
+        return status.st_blocks;
+    };
+    const auto narrow = residentBlocks();
+    Bytes body(512 * 1024, 7);
+    OutgoingFrame frame = OutgoingFrame::make(FrameKind::kReply);
+    frame.data = body.data();
+    frame.header.dataSize = static_cast<uint32_t>(body.size());
+    ASSERT_EQ(NO_ERROR, sender->send(frame));
+    Frame received;
+    ASSERT_EQ(NO_ERROR, receiver->receive(&received, true));
+    const auto wide = residentBlocks();
+    ASSERT_GT(wide, narrow + 512);  // 512-byte blocks: at least 256 KiB more
+
+    // Meanwhile connections that closed do not stay listed: each listing
+    // holds a weak reference.
+    int other[2];
+    ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, other));
+    close(other[1]);
+    wp<Connection> closed = Connection::adopt(other[0]);
+    for (int i = 0; i < 1000; ++i) trimmer->sweepLater(closed);
+    EXPECT_GT(200, closed.get_refs()->getWeakCount());
+
+    pool->start();
+    EXPECT_TRUE(tvproc::waitUntil([&] { return residentBlocks() < wide / 2; }));
 }
 
 // What another process can make this one log again and again is written once

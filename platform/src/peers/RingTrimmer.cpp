@@ -1,5 +1,7 @@
 #include "peers/RingTrimmer.h"
 
+#include <algorithm>
+
 #include "threads/ThreadPool.h"
 
 namespace android {
@@ -14,12 +16,26 @@ constexpr int64_t kSweepMs = 1000;
 }  // namespace
 
 void RingTrimmer::sweepLater(const wp<Connection>& connection) {
-    // Without a pool no thread would take the timer: nothing is listed for good.
-    if (!mPool.started()) return;
+    std::vector<sp<Connection>> alive;
     LockGuard guard(mLock);
+    // A process without a pool, or with its only threads busy, sweeps late
+    // or never: what it lists meanwhile is bounded by the connections it has.
+    if (mListed.size() >= mPruneAt) pruneClosed(&alive);
     mListed.push_back(connection);
     // Unarmed, the next listing tries again.
     if (!mTimerArmed) mTimerArmed = mTimer.arm(kSweepMs);
+}
+
+void RingTrimmer::pruneClosed(std::vector<sp<Connection>>* alive) {
+    std::vector<wp<Connection>> kept;
+    for (const wp<Connection>& listed : mListed) {
+        sp<Connection> connection = listed.promote();
+        if (connection == nullptr) continue;
+        kept.push_back(listed);
+        alive->push_back(std::move(connection));
+    }
+    mListed.swap(kept);
+    mPruneAt = std::max(kFirstPrune, 2 * mListed.size());
 }
 
 void RingTrimmer::onEvent(uint32_t /*events*/) {
