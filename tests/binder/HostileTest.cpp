@@ -21,7 +21,6 @@
 
 #include "ChildProcess.h"
 #include "RawPeer.h"
-#include "ServedChild.h"
 #include "TestService.h"
 #include "TestSupport.h"
 #include "runtime/Runtime.h"
@@ -71,19 +70,9 @@ std::future<Calls> callsDuring(const android::sp<IBinder>& binder, Clock::durati
     });
 }
 
-// Waits up to `limit` for `pending`; past it, kills `child` so that the calls
-// end, and says false.
-template <typename Result>
-bool finishedWithin(std::future<Result>& pending, ServedChild& child, Clock::duration limit) {
-    if (pending.wait_for(limit) == std::future_status::ready) return true;
-    child.process().kill(SIGKILL);
-    pending.wait();
-    return false;
-}
-
 // Checks that every call made meanwhile by `legitimate` was served in time.
 void expectServedThroughout(std::future<Calls>& legitimate, ServedChild& child) {
-    EXPECT_TRUE(finishedWithin(legitimate, child, 30s)) << "a call did not end";
+    EXPECT_TRUE(child.finishedWithin(legitimate, 30s)) << "a call did not end";
     const Calls calls = legitimate.get();
     EXPECT_EQ(0, calls.failed) << "of " << calls.made << " calls";
     EXPECT_LT(std::chrono::duration_cast<std::chrono::milliseconds>(calls.slowest).count(), 1000)
@@ -428,7 +417,7 @@ TEST_F(HostilePeers, FloodsOfConnectionsAreCappedAndDoNotStopTheService) {
             return tvtest::waitUntil(
                 [&] { return tvtest::callInt(limited.binder(), TestService::ECHO, 2) == 2; });
         });
-        ASSERT_TRUE(finishedWithin(served, limited, 30s)) << "a call hung after the flood";
+        ASSERT_TRUE(limited.finishedWithin(served, 30s)) << "a call hung after the flood";
         EXPECT_TRUE(served.get()) << "not served again once the flood ended";
     }
 }

@@ -12,7 +12,6 @@
 #include <chrono>
 
 #include "ChildProcess.h"
-#include "ServedChild.h"
 #include "TestService.h"
 #include "TestSupport.h"
 #include "runtime/Runtime.h"

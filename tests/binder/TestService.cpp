@@ -107,11 +107,10 @@ status_t TestService::onTransact(uint32_t code, const Parcel& data, Parcel* repl
                 static_cast<int32_t>(android::IPCThreadState::self()->getCallingUid()));
         case GET_TID:
             return reply->writeInt32(currentTid());
-        case CALL_BACK:
-        case CALL_OBJECT: {
+        case CALL_BACK: {
             const sp<IBinder> target = data.readStrongBinder();
             const status_t status = relay(target, ECHO, data.readInt32(), reply);
-            if (status != NO_ERROR || code == CALL_OBJECT) return status;
+            if (status != NO_ERROR) return status;
             // The caller's identity is back once the nested call is done.
             return reply->writeInt32(android::IPCThreadState::self()->getCallingPid());
         }
@@ -128,8 +127,6 @@ status_t TestService::onTransact(uint32_t code, const Parcel& data, Parcel* repl
         }
         case SEQUENCE:
             return recordSequence(data.readInt32());
-        case SEQUENCE_REPORT:
-            return reportSequence(data.readInt32(), reply);
         case BLOCK: {
             std::unique_lock<std::mutex> guard(mLock);
             mBlocked = true;
@@ -175,15 +172,8 @@ status_t TestService::onTransact(uint32_t code, const Parcel& data, Parcel* repl
             reply->writeInt32(size);
             return reply->write(bytes, static_cast<size_t>(size));
         }
-        case SEQUENCE_VALUES: {
-            const int32_t expected = data.readInt32();
-            std::unique_lock<std::mutex> guard(mLock);
-            mChanged.wait_for(guard, kWaitLimit,
-                              [&] { return mSequence.size() >= static_cast<size_t>(expected); });
-            status_t status = reply->writeInt32(static_cast<int32_t>(mSequence.size()));
-            for (int32_t value : mSequence) status = reply->writeInt32(value);
-            return status;
-        }
+        case SEQUENCE_VALUES:
+            return reportSequence(data.readInt32(), reply);
         case NEW_OBJECT: {
             sp<TestService> object = new TestService();
             object->mCounted = true;
@@ -229,12 +219,8 @@ status_t TestService::reportSequence(int32_t expected, Parcel* reply) {
     std::unique_lock<std::mutex> guard(mLock);
     mChanged.wait_for(guard, kWaitLimit,
                       [&] { return mSequence.size() >= static_cast<size_t>(expected); });
-    bool inOrder = mSequence.size() == static_cast<size_t>(expected);
-    for (size_t i = 0; inOrder && i < mSequence.size(); ++i) {
-        inOrder = mSequence[i] == static_cast<int32_t>(i);
-    }
     reply->writeInt32(static_cast<int32_t>(mSequence.size()));
-    reply->writeInt32(inOrder ? 1 : 0);
+    for (int32_t value : mSequence) reply->writeInt32(value);
     return reply->writeInt32(mMaxRunningOneWays);
 }
 
