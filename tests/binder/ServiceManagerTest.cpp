@@ -91,7 +91,8 @@ class ServiceManagerTest : public testing::Test {
         environmentFor(mContext, "/nonexistent/tavrin-servicemanager");
 };
 
-TEST_F(ServiceManagerTest, RegistersFindsListsAndKeepsANameForItsRegistrantAsLongAsItLives) {
+TEST_F(ServiceManagerTest,
+       RegistersFindsListsAndKeepsANameForItsRegistrantAsLongAsItLivesAlsoAfterAFork) {
     tvtest::ChildProcess owner = child();
     tvtest::ChildProcess client = child();
     ASSERT_EQ(statusLine(NO_ERROR), ask(owner, "add sm.alpha one"));
@@ -135,6 +136,10 @@ TEST_F(ServiceManagerTest, RegistersFindsListsAndKeepsANameForItsRegistrantAsLon
         },
         10s));
     EXPECT_EQ("tag three", ask(client, "check sm.held"));
+    // A child forked without exec uses it too.
+    ASSERT_EQ(statusLine(NO_ERROR), ask(owner, "add sm.base base"));
+    tvtest::ChildProcess forker = child();
+    EXPECT_EQ("0 tag forked", ask(forker, "fork", 60s));
     owner.kill(SIGKILL);
     ASSERT_NE(-1, owner.wait());
     EXPECT_TRUE(tvtest::waitUntil([&] { return ask(client, "check sm.held") == "null"; }, 10s));
@@ -417,13 +422,6 @@ TVTEST_CHILD_ROLE(sm_agent) {
         words >> verb >> name >> argument;
         tvtest::ParentChannel::send(runAgentCommand(verb, name, argument));
     }
-}
-
-TEST_F(ServiceManagerTest, AForkedChildUsesItWithoutExec) {
-    tvtest::ChildProcess owner = child();
-    ASSERT_EQ(statusLine(NO_ERROR), ask(owner, "add sm.base base"));
-    tvtest::ChildProcess forker = child();
-    EXPECT_EQ("0 tag forked", ask(forker, "fork", 60s));
 }
 
 // The children of `parent`; with `servingDaemons`, only daemons serving or

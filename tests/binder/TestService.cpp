@@ -105,8 +105,6 @@ status_t TestService::onTransact(uint32_t code, const Parcel& data, Parcel* repl
             reply->writeInt32(android::IPCThreadState::self()->getCallingPid());
             return reply->writeInt32(
                 static_cast<int32_t>(android::IPCThreadState::self()->getCallingUid()));
-        case GET_TID:
-            return reply->writeInt32(currentTid());
         case CALL_BACK: {
             const sp<IBinder> target = data.readStrongBinder();
             const status_t status = relay(target, ECHO, data.readInt32(), reply);

@@ -18,7 +18,6 @@ class TestService : public android::BBinder {
     enum : uint32_t {
         ECHO = android::IBinder::FIRST_CALL_TRANSACTION,  // int32 -> int32
         GET_CALLER,                                       // -> calling pid, calling uid
-        GET_TID,                                          // -> the executing thread's id
         CALL_BACK,  // binder, int32 -> what binder's ECHO returned, tid seen by it
         HOLD,       // binder: keep it
         DROP,       // forget the kept binder
