@@ -607,7 +607,7 @@ class CountedLinger : public ThreadPool::Lingerer {
     int mStopsWithNoThreadWaiting = 0;
 };
 
-TEST(ThreadPoolLingers, EndAfterAPeriodOrAtOnceWhenTheLastFreeThreadTakesWork) {
+TEST(ThreadPool, LingersEndAfterAPeriodOrAtOnceWhenTheLastFreeThreadTakesWorkDelayedWorkHoldsNone) {
     // Pool threads never return: the pool outlives the test.
     auto* pool = new ThreadPool;
     ASSERT_EQ(NO_ERROR, pool->init());
@@ -637,17 +637,10 @@ TEST(ThreadPoolLingers, EndAfterAPeriodOrAtOnceWhenTheLastFreeThreadTakesWork) {
     EXPECT_TRUE(tvproc::waitUntil([&] { return held.stopsWithNoThreadWaiting() > 0; }));
     pool->endLinger(&held);
     release.set_value();
-    EXPECT_TRUE(tvproc::waitUntil([&] { return pool->hasIdleThreads(); }));
-}
-
-// Delayed work waits on the pool's timer, not on a pool thread: the only
-// thread runs what is posted meanwhile, and delayed work in deadline order.
-TEST(ThreadPoolDelayedWork, WaitsForItsTimeWithoutHoldingAThread) {
-    auto* pool = new ThreadPool;  // pool threads never return: it outlives the test
-    ASSERT_EQ(NO_ERROR, pool->init());
-    pool->setMaxThreads(0);
-    pool->start();
     ASSERT_TRUE(tvproc::waitUntil([&] { return pool->hasIdleThreads(); }));
+
+    // Delayed work waits on the pool's timer, not on a pool thread: the only
+    // thread runs what is posted meanwhile, and delayed work in deadline order.
     std::mutex lock;
     std::vector<std::string> ran;
     auto record = [&](std::string what) {
