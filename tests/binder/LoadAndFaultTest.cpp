@@ -21,24 +21,8 @@
 #include "TestService.h"
 #include "TestSupport.h"
 
-using android::BBinder;
-using android::DEAD_OBJECT;
-using android::FAILED_TRANSACTION;
-using android::IBinder;
-using android::NO_ERROR;
-using android::Parcel;
-using android::sp;
-using android::status_t;
-using android::wp;
-using tvtest::callInt;
-using tvtest::CountingRecipient;
-using tvtest::currentTid;
-using tvtest::newObject;
-using tvtest::sendObject;
-using tvtest::sequenceValues;
-using tvtest::ServedChild;
-using tvtest::TestService;
-using tvtest::waitUntil;
+using namespace android;
+using namespace tvtest;
 using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;
 
@@ -186,7 +170,7 @@ TEST(NestedCalls, ACallBackFromTwoHopsAwayRunsOnTheWaitingThread) {
     ServedChild far;
     ASSERT_TRUE(middle.ready());
     ASSERT_TRUE(far.ready());
-    sp<tvtest::Recorder> recorder = new tvtest::Recorder();
+    sp<Recorder> recorder = new Recorder();
     // A thread of this process calls middle, middle calls far, far calls the recorder.
     Parcel data;
     Parcel reply;
@@ -254,7 +238,7 @@ TEST(DeathNotices, OutliveTheLastStrongReferenceDeadObjectsPassOnAndAnExecIsADea
     ASSERT_NE(-1, owner.process().wait());
     ASSERT_TRUE(waitUntil([&] {
         status_t status = NO_ERROR;
-        tvtest::heldCall(holder.binder(), TestService::ECHO, 0, &status);
+        heldCall(holder.binder(), TestService::ECHO, 0, &status);
         return status == DEAD_OBJECT;
     })) << "the holder did not learn of the death";
 

@@ -240,25 +240,15 @@ TEST(LinkBudget, ASenderThatKeepsItsCreditNeverMakesTheReceiverRefuse) {
     EXPECT_GE(credit.outstanding(), backlog.waiting()) << "the sender thinks it has more room";
 }
 
-TEST(LinkBudget, AcknowledgementsComeEveryIntervalOrAtOnceWhenAskedAndOnlyEverGrow) {
+TEST(LinkBudget, AnAcknowledgementAskedForEarlyComesWithTheNextConsumptionAndTotalsOnlyGrow) {
+    // Acknowledgements at every interval, and at once when asked after a
+    // consumption, are the Receiver test's.
     LinkBacklog backlog;
     const uint64_t cost = oneWayCost(1000, 0);
-    const uint64_t perAck = (kAckInterval + cost - 1) / cost;
-    for (uint64_t i = 1; i < perAck; ++i) {
-        ASSERT_TRUE(backlog.admit(cost));
-        EXPECT_FALSE(backlog.consume(cost).has_value()) << "acknowledged after " << i;
-    }
-    ASSERT_TRUE(backlog.admit(cost));
-    EXPECT_EQ(perAck * cost, backlog.consume(cost).value_or(0));
-
     // Asked with nothing new consumed: the next consumption answers at once.
     EXPECT_FALSE(backlog.onAckRequest().has_value());
     ASSERT_TRUE(backlog.admit(cost));
-    EXPECT_EQ((perAck + 1) * cost, backlog.consume(cost).value_or(0));
-    // Asked after a consumption: answered now.
-    ASSERT_TRUE(backlog.admit(cost));
-    EXPECT_FALSE(backlog.consume(cost).has_value());
-    EXPECT_EQ((perAck + 2) * cost, backlog.onAckRequest().value_or(0));
+    EXPECT_EQ(cost, backlog.consume(cost).value_or(0));
 
     LinkCredit credit;
     ASSERT_TRUE(credit.tryTake(kOneWayBudget).has_value());
