@@ -259,7 +259,8 @@ class HostilePeers : public testing::Test {
 
 // Which frames are malformed is TransportLogicTest's; here, that one closes its
 // connection and nothing else, as does a connection that does not introduce
-// itself properly; what names objects the peer was never handed is refused.
+// itself properly or scribbles on the memory it shares; what names objects
+// the peer was never handed is refused.
 TEST_F(HostilePeers, BadIntroductionsMalformedFramesAndForgedObjectsCostTheirConnectionOnly) {
     FrameHeader valid = transactionTo(child.binder(), IBinder::PING_TRANSACTION);
     ASSERT_EQ(0, replyStatusTo(valid));
@@ -337,6 +338,32 @@ TEST_F(HostilePeers, BadIntroductionsMalformedFramesAndForgedObjectsCostTheirCon
     RawConnection releases(endpoint);
     releases.hello(ownEndpoint(), kHelloLink);
     releases.sendFrame(release);
+
+    // The child adopts the memory a peer offers with its HELLO; a peer that
+    // then scribbles on it loses that connection.
+    namespace shm = android::tvbinder::shm;
+    constexpr size_t kRingBytes = 64 * 1024;
+    RingConnection connection(endpoint, kRingBytes);
+    ASSERT_NE(nullptr, connection.ring);
+    std::unique_ptr<shm::ShmChannel>& ring = connection.ring;
+    RawConnection& raw = connection.raw;
+
+    FrameHeader ping = transactionTo(child.binder(), IBinder::PING_TRANSACTION);
+    const iovec part{&ping, sizeof ping};
+    ASSERT_EQ(android::NO_ERROR, ring->send(&part, 1, Clock::now() + 5s));
+    EXPECT_EQ(0, connection.replyStatus(20s));
+
+    // A tail far beyond the ring, then a wake-up.
+    const size_t size = shm::regionBytes(kRingBytes);
+    void* base = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, ring->regionFd(), 0);
+    ASSERT_NE(MAP_FAILED, base);
+    auto* control =
+        reinterpret_cast<shm::DirectionControl*>(static_cast<uint8_t*>(base) + shm::kControlOffset);
+    control[0].tail.fetch_add(uint64_t{1} << 40);
+    const FrameHeader wake = RawConnection::makeHeader(FrameKind::kWake);
+    raw.send(&wake, sizeof wake);
+    EXPECT_TRUE(raw.endsWithin(20s));
+    munmap(base, size);
     expectStillServing();
 }
 
@@ -514,35 +541,6 @@ TEST_F(HostilePeers, LargeBodiesAndQueuedDescriptorsStayWithinTheSendersShare) {
             << path << ": KiB resident at the peak, " << perBody << " KiB for one body";
         residentBefore = tvproc::residentKib(child.pid());
     }
-    expectStillServing();
-}
-
-// The child adopts the memory a peer offers with its HELLO; a peer that then
-// scribbles on it loses that connection, and the child serves on.
-TEST_F(HostilePeers, APeerThatScribblesOnSharedMemoryLosesThatConnectionOnly) {
-    namespace shm = android::tvbinder::shm;
-    constexpr size_t kRingBytes = 64 * 1024;
-    RingConnection connection(endpoint, kRingBytes);
-    ASSERT_NE(nullptr, connection.ring);
-    std::unique_ptr<shm::ShmChannel>& ring = connection.ring;
-    RawConnection& raw = connection.raw;
-
-    FrameHeader ping = transactionTo(child.binder(), IBinder::PING_TRANSACTION);
-    const iovec part{&ping, sizeof ping};
-    ASSERT_EQ(android::NO_ERROR, ring->send(&part, 1, Clock::now() + 5s));
-    EXPECT_EQ(0, connection.replyStatus(20s));
-
-    // A tail far beyond the ring, then a wake-up.
-    const size_t size = shm::regionBytes(kRingBytes);
-    void* base = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, ring->regionFd(), 0);
-    ASSERT_NE(MAP_FAILED, base);
-    auto* control =
-        reinterpret_cast<shm::DirectionControl*>(static_cast<uint8_t*>(base) + shm::kControlOffset);
-    control[0].tail.fetch_add(uint64_t{1} << 40);
-    const FrameHeader wake = RawConnection::makeHeader(FrameKind::kWake);
-    raw.send(&wake, sizeof wake);
-    EXPECT_TRUE(raw.endsWithin(20s));
-    munmap(base, size);
     expectStillServing();
 }
 
