@@ -11,6 +11,7 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <optional>
 #include <sstream>
 #include <string>
 
@@ -248,38 +249,29 @@ status_t TestService::barrier(int32_t parties, Parcel* reply) {
 
 int serveTestService(const std::vector<std::string>& args) {
     if (args.empty()) return 2;
-    // Before the transport starts, which sizes its limits from it.
-    for (const std::string& option : args) {
-        if (option.rfind("--nofile=", 0) == 0) {
-            const rlim_t soft = std::stoul(option.substr(9));
-            rlimit limit{};
-            getrlimit(RLIMIT_NOFILE, &limit);
-            limit.rlim_cur = std::min(soft, limit.rlim_max);
-            setrlimit(RLIMIT_NOFILE, &limit);
+    const auto option = [&](const std::string& prefix) -> std::optional<std::string> {
+        for (const std::string& given : args) {
+            if (given.rfind(prefix, 0) == 0) return given.substr(prefix.size());
         }
+        return std::nullopt;
+    };
+    // Before the transport starts, which sizes its limits from it.
+    if (const auto soft = option("--nofile=")) {
+        rlimit limit{};
+        getrlimit(RLIMIT_NOFILE, &limit);
+        limit.rlim_cur = std::min<rlim_t>(std::stoul(*soft), limit.rlim_max);
+        setrlimit(RLIMIT_NOFILE, &limit);
     }
     sp<android::ProcessState> process = android::ProcessState::self();
-    size_t leaveFds = 0;
-    bool pool = true;
-    bool newThreads = true;
-    for (const std::string& option : args) {
-        if (option.rfind("--max-threads=", 0) == 0) {
-            process->setThreadPoolMaxThreadCount(std::stoul(option.substr(14)));
-        } else if (option.rfind("--name=", 0) == 0) {
-            process->setProcessName(option.substr(7).c_str());
-        } else if (option.rfind("--leave-fds=", 0) == 0) {
-            leaveFds = std::stoul(option.substr(12));
-        } else if (option == "--no-pool") {
-            pool = false;
-        } else if (option == "--no-new-threads") {
-            newThreads = false;
-        }
+    if (const auto most = option("--max-threads=")) {
+        process->setThreadPoolMaxThreadCount(std::stoul(*most));
     }
-    if (pool) process->startThreadPool();
-    if (!newThreads) refuseNewThreads();
+    if (const auto name = option("--name=")) process->setProcessName(name->c_str());
+    if (!option("--no-pool")) process->startThreadPool();
+    if (option("--no-new-threads")) refuseNewThreads();
     sp<TestService> service = new TestService();
     publish(args[0], service);
-    if (leaveFds > 0) holdDescriptorsLeaving(leaveFds);
+    if (const auto spare = option("--leave-fds=")) holdDescriptorsLeaving(std::stoul(*spare));
     ParentChannel::send("ready");
     // "" means the test went away.
     for (;;) {
