@@ -368,8 +368,8 @@ TEST_F(HostilePeers, BadIntroductionsMalformedFramesAndForgedObjectsCostTheirCon
 }
 
 // The shares themselves are TransportLogicTest's; here, what a flood does to
-// a process that admits by them.
-TEST_F(HostilePeers, FloodsOfConnectionsAreCappedAndDoNotStopTheService) {
+// a process that admits by them, served with a descriptor limit of its own.
+TEST(HostileFloods, OfConnectionsAreCappedAndDoNotStopTheService) {
     // Several processes together take more than a process with few
     // descriptors has, once with the application holding little of them and
     // once with it holding nearly all.

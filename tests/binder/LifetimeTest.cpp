@@ -127,18 +127,6 @@ TVTEST_CHILD_ROLE(client) {
     return 0;
 }
 
-// Unlinks itself from inside the notice, which is allowed.
-class SelfUnlinkingRecipient : public IBinder::DeathRecipient {
-  public:
-    void binderDied(const wp<IBinder>& who) override {
-        sp<IBinder> binder = who.promote();
-        unlinkStatus = binder != nullptr ? binder->unlinkToDeath(this) : NO_ERROR;
-        ++calls;
-    }
-    std::atomic<int> calls{0};
-    std::atomic<status_t> unlinkStatus{NO_ERROR};
-};
-
 TEST(DeathNotices, ArriveOnceOnAPoolThreadAndNeverToUnlinkedOrReleasedRecipients) {
     sp<BBinder> local = new BBinder();
     EXPECT_EQ(INVALID_OPERATION, local->linkToDeath(new CountingRecipient()));
@@ -150,7 +138,8 @@ TEST(DeathNotices, ArriveOnceOnAPoolThreadAndNeverToUnlinkedOrReleasedRecipients
     const sp<IBinder>& binder = child.binder();
     sp<CountingRecipient> first = new CountingRecipient();
     sp<CountingRecipient> second = new CountingRecipient();
-    sp<SelfUnlinkingRecipient> selfUnlinking = new SelfUnlinkingRecipient();
+    sp<CountingRecipient> selfUnlinking = new CountingRecipient();
+    selfUnlinking->unlinkItself = true;
     sp<CountingRecipient> unlinked = new CountingRecipient();
     std::atomic<bool> releasedDestroyed{false};
     sp<CountingRecipient> released = new CountingRecipient(&releasedDestroyed);

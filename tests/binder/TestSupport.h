@@ -26,7 +26,8 @@ using tvproc::waitUntil;
 
 int currentTid();
 using tvproc::countOpenFds;
-// Counts the death notices it gets and notes the last one.
+// Counts the death notices it gets and notes the last one; with
+// unlinkItself, unlinks itself from inside the notice, which is allowed.
 class CountingRecipient : public android::IBinder::DeathRecipient {
   public:
     explicit CountingRecipient(std::atomic<bool>* destroyed = nullptr) : mDestroyed(destroyed) {}
@@ -34,13 +35,17 @@ class CountingRecipient : public android::IBinder::DeathRecipient {
         if (mDestroyed != nullptr) *mDestroyed = true;
     }
     void binderDied(const android::wp<android::IBinder>& who) override {
-        died = who.promote().get();
+        const android::sp<android::IBinder> binder = who.promote();
+        died = binder.get();
         tid = currentTid();
+        if (unlinkItself && binder != nullptr) unlinkStatus = binder->unlinkToDeath(this);
         ++calls;
     }
+    std::atomic<bool> unlinkItself{false};
     std::atomic<int> calls{0};
     std::atomic<android::IBinder*> died{nullptr};
     std::atomic<int> tid{0};
+    std::atomic<android::status_t> unlinkStatus{android::NO_ERROR};
 
   private:
     std::atomic<bool>* mDestroyed;
