@@ -21,7 +21,6 @@
 
 #include "ChildProcess.h"
 #include "RawPeer.h"
-#include "ServedChild.h"
 #include "TestService.h"
 #include "TestSupport.h"
 #include "runtime/Runtime.h"
@@ -39,15 +38,6 @@ using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;
 
 namespace {
-
-// Data holding one object record at offset 0, then its offsets table.
-Bytes bodyWithRecord(const FlatObject& record, uint32_t offset = 0,
-                     size_t dataSize = sizeof(FlatObject)) {
-    Bytes body(dataSize + sizeof(uint32_t));
-    if (offset + sizeof(record) <= dataSize) memcpy(body.data() + offset, &record, sizeof(record));
-    memcpy(body.data() + dataSize, &offset, sizeof(offset));
-    return body;
-}
 
 // What a legitimate caller met while the child was under attack.
 struct Calls {
@@ -71,19 +61,9 @@ std::future<Calls> callsDuring(const android::sp<IBinder>& binder, Clock::durati
     });
 }
 
-// Waits up to `limit` for `pending`; past it, kills `child` so that the calls
-// end, and says false.
-template <typename Result>
-bool finishedWithin(std::future<Result>& pending, ServedChild& child, Clock::duration limit) {
-    if (pending.wait_for(limit) == std::future_status::ready) return true;
-    child.process().kill(SIGKILL);
-    pending.wait();
-    return false;
-}
-
 // Checks that every call made meanwhile by `legitimate` was served in time.
 void expectServedThroughout(std::future<Calls>& legitimate, ServedChild& child) {
-    EXPECT_TRUE(finishedWithin(legitimate, child, 30s)) << "a call did not end";
+    EXPECT_TRUE(child.finishedWithin(legitimate, 30s)) << "a call did not end";
     const Calls calls = legitimate.get();
     EXPECT_EQ(0, calls.failed) << "of " << calls.made << " calls";
     EXPECT_LT(std::chrono::duration_cast<std::chrono::milliseconds>(calls.slowest).count(), 1000)
@@ -279,8 +259,9 @@ class HostilePeers : public testing::Test {
 
 // Which frames are malformed is TransportLogicTest's; here, that one closes its
 // connection and nothing else, as does a connection that does not introduce
-// itself properly.
-TEST_F(HostilePeers, BadIntroductionsAndMalformedFramesCloseTheirConnectionOnly) {
+// itself properly or scribbles on the memory it shares; what names objects
+// the peer was never handed is refused.
+TEST_F(HostilePeers, BadIntroductionsMalformedFramesAndForgedObjectsCostTheirConnectionOnly) {
     FrameHeader valid = transactionTo(child.binder(), IBinder::PING_TRANSACTION);
     ASSERT_EQ(0, replyStatusTo(valid));
     ServedChild other;
@@ -305,18 +286,10 @@ TEST_F(HostilePeers, BadIntroductionsAndMalformedFramesCloseTheirConnectionOnly)
     FrameHeader badMagic = valid;
     badMagic.magic = 0xdeadbeef;
     EXPECT_TRUE(hangsUpOn(badMagic));
-    FrameHeader oneObject = valid;
-    oneObject.dataSize = 64;
-    oneObject.objectCount = 1;
-    FlatObject fd{};
-    fd.type = FlatObject::kTypeFd;
-    EXPECT_TRUE(hangsUpOn(oneObject, bodyWithRecord(fd, 2, 64)));          // unaligned
     EXPECT_TRUE(hangsUpOn(RawConnection::makeHeader(FrameKind::kReply)));  // unsolicited
-    expectStillServing();
-}
 
-TEST_F(HostilePeers, AMalformedFrameAmongOneWaysClosesTheLinkAfterThoseSentBeforeIt) {
-    // Sent in one go, so that the child reads them in batches.
+    // Among one-ways on a link, it closes the link after those sent before
+    // it, which all run. Sent in one go, so that the child reads them in batches.
     std::vector<int32_t> sent;
     RawConnection link(endpoint);
     link.hello(ownEndpoint(), kHelloLink);
@@ -334,10 +307,8 @@ TEST_F(HostilePeers, AMalformedFrameAmongOneWaysClosesTheLinkAfterThoseSentBefor
     link.sendFrame(call);
     EXPECT_TRUE(link.closedByPeer());
     EXPECT_EQ(sent, tvtest::sequenceValues(child.binder(), static_cast<int32_t>(sent.size())));
-    expectStillServing();
-}
 
-TEST_F(HostilePeers, ObjectsThePeerWasNeverHandedAreRefused) {
+    // Objects the peer was never handed are refused.
     FrameHeader unknownTarget = transactionTo(child.binder(), TestService::ECHO);
     unknownTarget.tokenHi ^= 1;
     EXPECT_EQ(android::FAILED_TRANSACTION, replyStatusTo(unknownTarget));
@@ -364,15 +335,41 @@ TEST_F(HostilePeers, ObjectsThePeerWasNeverHandedAreRefused) {
     release.tokenLo = forged.tokenLo;
     release.argument = 1000000;
     EXPECT_TRUE(hangsUpOn(release));
-    RawConnection link(endpoint);
-    link.hello(ownEndpoint(), kHelloLink);
-    link.sendFrame(release);
+    RawConnection releases(endpoint);
+    releases.hello(ownEndpoint(), kHelloLink);
+    releases.sendFrame(release);
+
+    // The child adopts the memory a peer offers with its HELLO; a peer that
+    // then scribbles on it loses that connection.
+    namespace shm = android::tvbinder::shm;
+    constexpr size_t kRingBytes = 64 * 1024;
+    RingConnection connection(endpoint, kRingBytes);
+    ASSERT_NE(nullptr, connection.ring);
+    std::unique_ptr<shm::ShmChannel>& ring = connection.ring;
+    RawConnection& raw = connection.raw;
+
+    FrameHeader ping = transactionTo(child.binder(), IBinder::PING_TRANSACTION);
+    const iovec part{&ping, sizeof ping};
+    ASSERT_EQ(android::NO_ERROR, ring->send(&part, 1, Clock::now() + 5s));
+    EXPECT_EQ(0, connection.replyStatus(20s));
+
+    // A tail far beyond the ring, then a wake-up.
+    const size_t size = shm::regionBytes(kRingBytes);
+    void* base = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, ring->regionFd(), 0);
+    ASSERT_NE(MAP_FAILED, base);
+    auto* control =
+        reinterpret_cast<shm::DirectionControl*>(static_cast<uint8_t*>(base) + shm::kControlOffset);
+    control[0].tail.fetch_add(uint64_t{1} << 40);
+    const FrameHeader wake = RawConnection::makeHeader(FrameKind::kWake);
+    raw.send(&wake, sizeof wake);
+    EXPECT_TRUE(raw.endsWithin(20s));
+    munmap(base, size);
     expectStillServing();
 }
 
 // The shares themselves are TransportLogicTest's; here, what a flood does to
-// a process that admits by them.
-TEST_F(HostilePeers, FloodsOfConnectionsAreCappedAndDoNotStopTheService) {
+// a process that admits by them, served with a descriptor limit of its own.
+TEST(HostileFloods, OfConnectionsAreCappedAndDoNotStopTheService) {
     // Several processes together take more than a process with few
     // descriptors has, once with the application holding little of them and
     // once with it holding nearly all.
@@ -428,7 +425,7 @@ TEST_F(HostilePeers, FloodsOfConnectionsAreCappedAndDoNotStopTheService) {
             return tvtest::waitUntil(
                 [&] { return tvtest::callInt(limited.binder(), TestService::ECHO, 2) == 2; });
         });
-        ASSERT_TRUE(finishedWithin(served, limited, 30s)) << "a call hung after the flood";
+        ASSERT_TRUE(limited.finishedWithin(served, 30s)) << "a call hung after the flood";
         EXPECT_TRUE(served.get()) << "not served again once the flood ended";
     }
 }
@@ -544,36 +541,6 @@ TEST_F(HostilePeers, LargeBodiesAndQueuedDescriptorsStayWithinTheSendersShare) {
             << path << ": KiB resident at the peak, " << perBody << " KiB for one body";
         residentBefore = tvproc::residentKib(child.pid());
     }
-    expectStillServing();
-}
-
-// Runs the rest of the child as the unprivileged "nobody".
-// The child adopts the memory a peer offers with its HELLO; a peer that then
-// scribbles on it loses that connection, and the child serves on.
-TEST_F(HostilePeers, APeerThatScribblesOnSharedMemoryLosesThatConnectionOnly) {
-    namespace shm = android::tvbinder::shm;
-    constexpr size_t kRingBytes = 64 * 1024;
-    RingConnection connection(endpoint, kRingBytes);
-    ASSERT_NE(nullptr, connection.ring);
-    std::unique_ptr<shm::ShmChannel>& ring = connection.ring;
-    RawConnection& raw = connection.raw;
-
-    FrameHeader ping = transactionTo(child.binder(), IBinder::PING_TRANSACTION);
-    const iovec part{&ping, sizeof ping};
-    ASSERT_EQ(android::NO_ERROR, ring->send(&part, 1, Clock::now() + 5s));
-    EXPECT_EQ(0, connection.replyStatus(20s));
-
-    // A tail far beyond the ring, then a wake-up.
-    const size_t size = shm::regionBytes(kRingBytes);
-    void* base = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, ring->regionFd(), 0);
-    ASSERT_NE(MAP_FAILED, base);
-    auto* control =
-        reinterpret_cast<shm::DirectionControl*>(static_cast<uint8_t*>(base) + shm::kControlOffset);
-    control[0].tail.fetch_add(uint64_t{1} << 40);
-    const FrameHeader wake = RawConnection::makeHeader(FrameKind::kWake);
-    raw.send(&wake, sizeof wake);
-    EXPECT_TRUE(raw.endsWithin(20s));
-    munmap(base, size);
     expectStillServing();
 }
 

@@ -12,7 +12,6 @@
 #include <chrono>
 
 #include "ChildProcess.h"
-#include "ServedChild.h"
 #include "TestService.h"
 #include "TestSupport.h"
 #include "runtime/Runtime.h"
@@ -35,32 +34,23 @@ wp<IBinder> handOver(const sp<IBinder>& service, uint32_t flags = 0) {
     return watch;
 }
 
-TEST(Lifetimes, AnObjectLivesWhileAnotherProcessHoldsItOrAOneWayCarriesItAndNoLonger) {
-    ServedChild child;
-    ASSERT_TRUE(child.ready());
-    // Queued behind a blocked one-way while the test lets go of the object.
-    ASSERT_EQ(NO_ERROR,
-              sendObject(child.binder(), TestService::BLOCK, nullptr, IBinder::FLAG_ONEWAY));
-    wp<IBinder> watch = handOver(child.binder(), IBinder::FLAG_ONEWAY);
-    ASSERT_EQ(NO_ERROR, sendObject(child.binder(), TestService::UNBLOCK));
-    EXPECT_TRUE(waitUntil([&] {
-        status_t status;
-        return heldCall(child.binder(), TestService::ECHO, 12, &status) == 12 && status == NO_ERROR;
-    }));
-    ASSERT_EQ(NO_ERROR, sendObject(child.binder(), TestService::DROP));
-    EXPECT_TRUE(waitUntil([&] { return watch.promote() == nullptr; }));
-
-    watch = handOver(child.binder());
-    EXPECT_NE(nullptr, watch.promote());
-    child.process().kill(SIGKILL);
-    EXPECT_TRUE(waitUntil([&] { return watch.promote() == nullptr; }));
-}
-
-TEST(Lifetimes, AnObjectPassedOnByAThirdProcessLivesWhileTheLastHolderKeepsIt) {
+TEST(Lifetimes, AnObjectLivesWhileAProcessHoldsItOrAOneWayCarriesItPassedOnOrNotAndNoLonger) {
     ServedChild first;
     ServedChild second;
     ASSERT_TRUE(first.ready());
     ASSERT_TRUE(second.ready());
+    // Queued behind a blocked one-way while the test lets go of the object.
+    ASSERT_EQ(NO_ERROR,
+              sendObject(first.binder(), TestService::BLOCK, nullptr, IBinder::FLAG_ONEWAY));
+    wp<IBinder> watch = handOver(first.binder(), IBinder::FLAG_ONEWAY);
+    ASSERT_EQ(NO_ERROR, sendObject(first.binder(), TestService::UNBLOCK));
+    EXPECT_TRUE(waitUntil([&] {
+        status_t status;
+        return heldCall(first.binder(), TestService::ECHO, 12, &status) == 12 && status == NO_ERROR;
+    }));
+    ASSERT_EQ(NO_ERROR, sendObject(first.binder(), TestService::DROP));
+    EXPECT_TRUE(waitUntil([&] { return watch.promote() == nullptr; }));
+
     // A sentinel's release makes the first holder's link to this process;
     // its releases travel on it in order from then on.
     const sp<IBinder> keeper = tvtest::newObject(first.binder());
@@ -68,7 +58,7 @@ TEST(Lifetimes, AnObjectPassedOnByAThirdProcessLivesWhileTheLastHolderKeepsIt) {
     ASSERT_EQ(NO_ERROR, sendObject(keeper, TestService::DROP));
     ASSERT_TRUE(waitUntil([&] { return sentinel.promote() == nullptr; }));
 
-    wp<IBinder> watch = handOver(first.binder());
+    watch = handOver(first.binder());
     ASSERT_EQ(NO_ERROR, sendObject(first.binder(), TestService::GIVE_HELD, second.binder()));
     sentinel = handOver(keeper);
     ASSERT_EQ(NO_ERROR, sendObject(first.binder(), TestService::DROP));
@@ -79,6 +69,12 @@ TEST(Lifetimes, AnObjectPassedOnByAThirdProcessLivesWhileTheLastHolderKeepsIt) {
     EXPECT_EQ(13, heldCall(second.binder(), TestService::ECHO, 13));
     EXPECT_NE(nullptr, watch.promote());
     ASSERT_EQ(NO_ERROR, sendObject(second.binder(), TestService::DROP));
+    EXPECT_TRUE(waitUntil([&] { return watch.promote() == nullptr; }));
+
+    // A holder that dies lets go too.
+    watch = handOver(second.binder());
+    EXPECT_NE(nullptr, watch.promote());
+    second.process().kill(SIGKILL);
     EXPECT_TRUE(waitUntil([&] { return watch.promote() == nullptr; }));
 }
 
@@ -131,18 +127,6 @@ TVTEST_CHILD_ROLE(client) {
     return 0;
 }
 
-// Unlinks itself from inside the notice, which is allowed.
-class SelfUnlinkingRecipient : public IBinder::DeathRecipient {
-  public:
-    void binderDied(const wp<IBinder>& who) override {
-        sp<IBinder> binder = who.promote();
-        unlinkStatus = binder != nullptr ? binder->unlinkToDeath(this) : NO_ERROR;
-        ++calls;
-    }
-    std::atomic<int> calls{0};
-    std::atomic<status_t> unlinkStatus{NO_ERROR};
-};
-
 TEST(DeathNotices, ArriveOnceOnAPoolThreadAndNeverToUnlinkedOrReleasedRecipients) {
     sp<BBinder> local = new BBinder();
     EXPECT_EQ(INVALID_OPERATION, local->linkToDeath(new CountingRecipient()));
@@ -154,7 +138,8 @@ TEST(DeathNotices, ArriveOnceOnAPoolThreadAndNeverToUnlinkedOrReleasedRecipients
     const sp<IBinder>& binder = child.binder();
     sp<CountingRecipient> first = new CountingRecipient();
     sp<CountingRecipient> second = new CountingRecipient();
-    sp<SelfUnlinkingRecipient> selfUnlinking = new SelfUnlinkingRecipient();
+    sp<CountingRecipient> selfUnlinking = new CountingRecipient();
+    selfUnlinking->unlinkItself = true;
     sp<CountingRecipient> unlinked = new CountingRecipient();
     std::atomic<bool> releasedDestroyed{false};
     sp<CountingRecipient> released = new CountingRecipient(&releasedDestroyed);

@@ -3,7 +3,6 @@
 // backs across several processes, and deaths that no exit signals.
 #include <binder/Binder.h>
 #include <binder/IBinder.h>
-#include <binder/IPCThreadState.h>
 #include <binder/Parcel.h>
 #include <gtest/gtest.h>
 #include <signal.h>
@@ -13,34 +12,17 @@
 #include <atomic>
 #include <chrono>
 #include <future>
+#include <numeric>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "ProcSupport.h"
-#include "ServedChild.h"
 #include "TestService.h"
 #include "TestSupport.h"
 
-using android::BBinder;
-using android::DEAD_OBJECT;
-using android::FAILED_TRANSACTION;
-using android::IBinder;
-using android::NO_ERROR;
-using android::Parcel;
-using android::PERMISSION_DENIED;
-using android::sp;
-using android::status_t;
-using android::wp;
-using tvtest::callInt;
-using tvtest::CountingRecipient;
-using tvtest::currentTid;
-using tvtest::newObject;
-using tvtest::sendObject;
-using tvtest::sequenceValues;
-using tvtest::ServedChild;
-using tvtest::TestService;
-using tvtest::waitUntil;
+using namespace android;
+using namespace tvtest;
 using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;
 
@@ -59,25 +41,6 @@ status_t sendOneWay(const sp<IBinder>& target, uint32_t code, int32_t value = 0,
     data.writeInt32(value);
     if (!payload.empty()) data.write(payload.data(), payload.size());
     return target->transact(code, data, nullptr, IBinder::FLAG_ONEWAY);
-}
-
-struct SequenceReport {
-    status_t status = NO_ERROR;
-    int32_t count = 0;
-    bool inOrder = false;
-    int32_t maxConcurrent = 0;
-};
-
-SequenceReport reportSequence(const sp<IBinder>& target, int32_t expected) {
-    Parcel data;
-    Parcel reply;
-    data.writeInt32(expected);
-    SequenceReport report;
-    report.status = target->transact(TestService::SEQUENCE_REPORT, data, &reply);
-    report.count = reply.readInt32();
-    report.inOrder = reply.readInt32() == 1;
-    report.maxConcurrent = reply.readInt32();
-    return report;
 }
 
 // What a flood of one-ways met: which were accepted, how the others were refused.
@@ -116,19 +79,12 @@ long long millis(Clock::duration duration) {
     return std::chrono::duration_cast<std::chrono::milliseconds>(duration).count();
 }
 
-// Waits up to `limit` for `pending`; past it, kills `child` so that the call
-// ends, and says false.
-template <typename Result>
-bool finishedWithin(std::future<Result>& pending, ServedChild& child, std::chrono::seconds limit) {
-    if (pending.wait_for(limit) == std::future_status::ready) return true;
-    child.process().kill(SIGKILL);
-    pending.wait();
-    return false;
-}
-
-TEST(OneWayBacklog, AcceptedCallsArriveOnceInOrderAndAFullReceiverRefusesAtOnce) {
+TEST(OneWayBacklog, AcceptedCallsArriveOnceInOrderAFullReceiverRefusesAtOnceAndReleasesGoOn) {
     ServedChild child;
     ASSERT_TRUE(child.ready());
+    sp<IBinder> object = newObject(child.binder());
+    ASSERT_NE(nullptr, object);
+    ASSERT_EQ(1, callInt(child.binder(), TestService::LIVE_OBJECTS, 0));
     ASSERT_EQ(NO_ERROR, sendOneWay(child.binder(), TestService::BLOCK));
     // Goes on after the first refusal: later calls must not slip in out of
     // order, and refused ones must never arrive.
@@ -137,6 +93,16 @@ TEST(OneWayBacklog, AcceptedCallsArriveOnceInOrderAndAFullReceiverRefusesAtOnce)
     EXPECT_GT(sent.refused, 0) << "a blocked receiver took all of the flood";
     EXPECT_EQ(0, sent.wronglyRefused) << "first refused with " << sent.firstWrongStatus;
     EXPECT_LT(millis(sent.slowestRefusal), kPromptlyMs) << "ms for a refusal";
+
+    // A release does not wait behind the full backlog, neither in the sender
+    // nor in the receiver, whose synchronous calls other threads serve.
+    const auto start = Clock::now();
+    object.clear();
+    EXPECT_LT(millis(Clock::now() - start), kPromptlyMs) << "ms to drop the reference";
+    EXPECT_TRUE(waitUntil(
+        [&] { return callInt(child.binder(), TestService::LIVE_OBJECTS, 0) == 0; }, kWhileBlocked))
+        << "the release waited behind the one-ways";
+    EXPECT_TRUE(sequenceValues(child.binder(), 0).empty()) << "the object was no longer blocked";
 
     ASSERT_EQ(NO_ERROR, sendObject(child.binder(), TestService::UNBLOCK));
     const std::vector<int32_t> delivered =
@@ -160,53 +126,20 @@ TEST(OneWayBacklog, CallsToAnotherObjectDoNotWaitBehindABlockedOne) {
         ASSERT_EQ(NO_ERROR, sendOneWay(blocked, TestService::SEQUENCE, i));
     }
 
-    auto pending = std::async(std::launch::async, [&] { return reportSequence(other, kCalls); });
-    ASSERT_TRUE(finishedWithin(pending, child, kWhileBlocked))
+    std::vector<int32_t> inOrder(kCalls);
+    std::iota(inOrder.begin(), inOrder.end(), 0);
+    int32_t mostAtOnce = 0;
+    auto pending =
+        std::async(std::launch::async, [&] { return sequenceValues(other, kCalls, &mostAtOnce); });
+    ASSERT_TRUE(child.finishedWithin(pending, kWhileBlocked))
         << "one-ways to one object waited for a blocked one of the same process";
-    const SequenceReport report = pending.get();
-    EXPECT_EQ(NO_ERROR, report.status);
-    EXPECT_EQ(kCalls, report.count);
-    EXPECT_TRUE(report.inOrder);
-    EXPECT_EQ(1, report.maxConcurrent);
-    EXPECT_EQ(0, reportSequence(blocked, 0).count) << "the blocked object ran calls meanwhile";
+    EXPECT_EQ(inOrder, pending.get());
+    EXPECT_EQ(1, mostAtOnce);
+    EXPECT_TRUE(sequenceValues(blocked, 0).empty()) << "the blocked object ran calls meanwhile";
 
     ASSERT_EQ(NO_ERROR, sendObject(blocked, TestService::UNBLOCK));
-    const SequenceReport unblocked = reportSequence(blocked, kCalls);
-    EXPECT_EQ(kCalls, unblocked.count);
-    EXPECT_TRUE(unblocked.inOrder);
-    EXPECT_EQ(1, unblocked.maxConcurrent);
-}
-
-TEST(OneWayBacklog, AReleaseDoesNotWaitBehindAFullBacklog) {
-    ServedChild child;
-    ASSERT_TRUE(child.ready());
-    sp<IBinder> object = newObject(child.binder());
-    ASSERT_NE(nullptr, object);
-    ASSERT_EQ(1, callInt(child.binder(), TestService::LIVE_OBJECTS, 0));
-    ASSERT_EQ(NO_ERROR, sendOneWay(child.binder(), TestService::BLOCK));
-    ASSERT_GT(flood(child.binder(), 1).refused, 0);
-
-    const auto start = Clock::now();
-    object.clear();
-    EXPECT_LT(millis(Clock::now() - start), kPromptlyMs) << "ms to drop the reference";
-    // Synchronous calls are served by other threads than the blocked one.
-    EXPECT_TRUE(waitUntil(
-        [&] { return callInt(child.binder(), TestService::LIVE_OBJECTS, 0) == 0; }, kWhileBlocked))
-        << "the release waited behind the one-ways";
-    EXPECT_EQ(0, reportSequence(child.binder(), 0).count) << "the object was no longer blocked";
-    EXPECT_EQ(NO_ERROR, sendObject(child.binder(), TestService::UNBLOCK));
-}
-
-TEST(Replies, AnErrorSetOnTheReplyIsTheCallersResult) {
-    ServedChild child;
-    ASSERT_TRUE(child.ready());
-    const status_t errors[] = {7, PERMISSION_DENIED};
-    for (status_t error : errors) {
-        status_t status = NO_ERROR;
-        callInt(child.binder(), TestService::SET_REPLY_ERROR, error, &status);
-        EXPECT_EQ(error, status);
-    }
-    EXPECT_EQ(5, callInt(child.binder(), TestService::ECHO, 5));
+    EXPECT_EQ(inOrder, sequenceValues(blocked, kCalls, &mostAtOnce));
+    EXPECT_EQ(1, mostAtOnce);
 }
 
 // Waiting costs no CPU: a client and its service, bound and left alone,
@@ -232,41 +165,29 @@ TEST(Idle, ABoundClientAndItsServiceUseAlmostNoCpuNorTheMemoryALargeCallTook) {
         << tvproc::residentSharedKib(child.pid()) - sharedKib << " KiB still resident";
 }
 
-// Answers ECHO with the id of the thread that ran it.
-class ThreadReporter : public BBinder {
-  public:
-    std::atomic<int> callingPid{0};
-
-  protected:
-    status_t onTransact(uint32_t code, const Parcel& data, Parcel* reply, uint32_t flags) override {
-        if (code != TestService::ECHO) return BBinder::onTransact(code, data, reply, flags);
-        callingPid = android::IPCThreadState::self()->getCallingPid();
-        return reply->writeInt32(currentTid());
-    }
-};
-
 TEST(NestedCalls, ACallBackFromTwoHopsAwayRunsOnTheWaitingThread) {
     ServedChild middle;
     ServedChild far;
     ASSERT_TRUE(middle.ready());
     ASSERT_TRUE(far.ready());
-    sp<ThreadReporter> reporter = new ThreadReporter();
-    // A thread of this process calls middle, middle calls far, far calls the reporter.
+    sp<Recorder> recorder = new Recorder();
+    // A thread of this process calls middle, middle calls far, far calls the recorder.
     Parcel data;
     Parcel reply;
     data.writeStrongBinder(far.binder());
-    data.writeStrongBinder(reporter);
-    data.writeInt32(0);
+    data.writeStrongBinder(recorder);
+    data.writeInt32(17);
     int waitingTid = 0;
     auto pending = std::async(std::launch::async, [&] {
         waitingTid = currentTid();
         return middle.binder()->transact(TestService::RELAY_CALL_BACK, data, &reply);
     });
-    ASSERT_TRUE(finishedWithin(pending, middle, 20s)) << "the chain of calls is stuck";
+    ASSERT_TRUE(middle.finishedWithin(pending, 20s)) << "the chain of calls is stuck";
     ASSERT_EQ(NO_ERROR, pending.get());
-    EXPECT_EQ(waitingTid, reply.readInt32()) << "the call back ran on another thread";
+    EXPECT_EQ(waitingTid, recorder->lastTid.load()) << "the call back ran on another thread";
+    EXPECT_EQ(17, reply.readInt32());
     EXPECT_EQ(middle.pid(), reply.readInt32());  // far's caller again after its nested call
-    EXPECT_EQ(far.pid(), reporter->callingPid.load());
+    EXPECT_EQ(far.pid(), recorder->lastCallingPid.load());
 
     // The same from a process with no pool, and from one whose only pool
     // thread is blocked: nothing but the waiting thread can take far's call.
@@ -283,34 +204,10 @@ TEST(NestedCalls, ACallBackFromTwoHopsAwayRunsOnTheWaitingThread) {
     }
 }
 
-TEST(DeathNotices, APeerThatExecsIsDeadToItsRecipientsCallersAndObjects) {
-    ServedChild child;
-    ASSERT_TRUE(child.ready());
-    sp<CountingRecipient> recipient = new CountingRecipient();
-    ASSERT_EQ(NO_ERROR, child.binder()->linkToDeath(recipient));
-    wp<IBinder> lent;
-    {
-        sp<IBinder> object = new BBinder();
-        lent = object;
-        ASSERT_EQ(NO_ERROR, sendObject(child.binder(), TestService::HOLD, object));
-    }
-    ASSERT_EQ(NO_ERROR, sendOneWay(child.binder(), TestService::EXEC));
-
-    EXPECT_TRUE(waitUntil([&] { return recipient->calls > 0; })) << "no death notice";
-    status_t status = NO_ERROR;
-    callInt(child.binder(), TestService::ECHO, 1, &status);
-    EXPECT_EQ(DEAD_OBJECT, status);
-    EXPECT_TRUE(waitUntil([&] { return lent.promote() == nullptr; }))
-        << "the object lent to the process is still held";
-    EXPECT_EQ(1, recipient->calls.load());
-    // The kernel closes the descriptors of an exec before it renames the process.
-    EXPECT_TRUE(waitUntil([&] { return tvproc::processNameOf(child.pid()) == "sleep"; }))
-        << "the process did not exec";
-    child.process().kill(SIGKILL);
-    EXPECT_NE(-1, child.process().wait());
-}
-
-TEST(DeathNotices, OutliveTheLastStrongReferenceAndDeadObjectsCanBePassedOn) {
+// The owner killed: a recipient of a proxy only weakly held still hears of
+// it, and a process holding an object of it can pass the dead proxy on. Then
+// the holder execs, which is a death too.
+TEST(DeathNotices, OutliveTheLastStrongReferenceDeadObjectsPassOnAndAnExecIsADeath) {
     sp<CountingRecipient> weaklyHeld = new CountingRecipient();
     {
         ServedChild child;
@@ -341,7 +238,7 @@ TEST(DeathNotices, OutliveTheLastStrongReferenceAndDeadObjectsCanBePassedOn) {
     ASSERT_NE(-1, owner.process().wait());
     ASSERT_TRUE(waitUntil([&] {
         status_t status = NO_ERROR;
-        tvtest::heldCall(holder.binder(), TestService::ECHO, 0, &status);
+        heldCall(holder.binder(), TestService::ECHO, 0, &status);
         return status == DEAD_OBJECT;
     })) << "the holder did not learn of the death";
 
@@ -362,6 +259,25 @@ TEST(DeathNotices, OutliveTheLastStrongReferenceAndDeadObjectsCanBePassedOn) {
     EXPECT_EQ(DEAD_OBJECT, status);
     EXPECT_LE(late->calls.load(), 1);
     EXPECT_EQ(1, weaklyHeld->calls.load());
+
+    sp<CountingRecipient> recipient = new CountingRecipient();
+    ASSERT_EQ(NO_ERROR, holder.binder()->linkToDeath(recipient));
+    wp<IBinder> lent;
+    {
+        sp<IBinder> object = new BBinder();
+        lent = object;
+        ASSERT_EQ(NO_ERROR, sendObject(holder.binder(), TestService::HOLD, object));
+    }
+    ASSERT_EQ(NO_ERROR, sendOneWay(holder.binder(), TestService::EXEC));
+    EXPECT_TRUE(waitUntil([&] { return recipient->calls > 0; })) << "no death notice of the exec";
+    callInt(holder.binder(), TestService::ECHO, 1, &status);
+    EXPECT_EQ(DEAD_OBJECT, status);
+    EXPECT_TRUE(waitUntil([&] { return lent.promote() == nullptr; }))
+        << "the object lent to the process is still held";
+    EXPECT_EQ(1, recipient->calls.load());
+    // The kernel closes the descriptors of an exec before it renames the process.
+    EXPECT_TRUE(waitUntil([&] { return tvproc::processNameOf(holder.pid()) == "sleep"; }))
+        << "the process did not exec";
 }
 
 }  // namespace

@@ -11,6 +11,7 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <optional>
 #include <sstream>
 #include <string>
 
@@ -105,13 +106,10 @@ status_t TestService::onTransact(uint32_t code, const Parcel& data, Parcel* repl
             reply->writeInt32(android::IPCThreadState::self()->getCallingPid());
             return reply->writeInt32(
                 static_cast<int32_t>(android::IPCThreadState::self()->getCallingUid()));
-        case GET_TID:
-            return reply->writeInt32(currentTid());
-        case CALL_BACK:
-        case CALL_OBJECT: {
+        case CALL_BACK: {
             const sp<IBinder> target = data.readStrongBinder();
             const status_t status = relay(target, ECHO, data.readInt32(), reply);
-            if (status != NO_ERROR || code == CALL_OBJECT) return status;
+            if (status != NO_ERROR) return status;
             // The caller's identity is back once the nested call is done.
             return reply->writeInt32(android::IPCThreadState::self()->getCallingPid());
         }
@@ -128,8 +126,6 @@ status_t TestService::onTransact(uint32_t code, const Parcel& data, Parcel* repl
         }
         case SEQUENCE:
             return recordSequence(data.readInt32());
-        case SEQUENCE_REPORT:
-            return reportSequence(data.readInt32(), reply);
         case BLOCK: {
             std::unique_lock<std::mutex> guard(mLock);
             mBlocked = true;
@@ -175,15 +171,8 @@ status_t TestService::onTransact(uint32_t code, const Parcel& data, Parcel* repl
             reply->writeInt32(size);
             return reply->write(bytes, static_cast<size_t>(size));
         }
-        case SEQUENCE_VALUES: {
-            const int32_t expected = data.readInt32();
-            std::unique_lock<std::mutex> guard(mLock);
-            mChanged.wait_for(guard, kWaitLimit,
-                              [&] { return mSequence.size() >= static_cast<size_t>(expected); });
-            status_t status = reply->writeInt32(static_cast<int32_t>(mSequence.size()));
-            for (int32_t value : mSequence) status = reply->writeInt32(value);
-            return status;
-        }
+        case SEQUENCE_VALUES:
+            return reportSequence(data.readInt32(), reply);
         case NEW_OBJECT: {
             sp<TestService> object = new TestService();
             object->mCounted = true;
@@ -229,12 +218,8 @@ status_t TestService::reportSequence(int32_t expected, Parcel* reply) {
     std::unique_lock<std::mutex> guard(mLock);
     mChanged.wait_for(guard, kWaitLimit,
                       [&] { return mSequence.size() >= static_cast<size_t>(expected); });
-    bool inOrder = mSequence.size() == static_cast<size_t>(expected);
-    for (size_t i = 0; inOrder && i < mSequence.size(); ++i) {
-        inOrder = mSequence[i] == static_cast<int32_t>(i);
-    }
     reply->writeInt32(static_cast<int32_t>(mSequence.size()));
-    reply->writeInt32(inOrder ? 1 : 0);
+    for (int32_t value : mSequence) reply->writeInt32(value);
     return reply->writeInt32(mMaxRunningOneWays);
 }
 
@@ -264,38 +249,29 @@ status_t TestService::barrier(int32_t parties, Parcel* reply) {
 
 int serveTestService(const std::vector<std::string>& args) {
     if (args.empty()) return 2;
-    // Before the transport starts, which sizes its limits from it.
-    for (const std::string& option : args) {
-        if (option.rfind("--nofile=", 0) == 0) {
-            const rlim_t soft = std::stoul(option.substr(9));
-            rlimit limit{};
-            getrlimit(RLIMIT_NOFILE, &limit);
-            limit.rlim_cur = std::min(soft, limit.rlim_max);
-            setrlimit(RLIMIT_NOFILE, &limit);
+    const auto option = [&](const std::string& prefix) -> std::optional<std::string> {
+        for (const std::string& given : args) {
+            if (given.rfind(prefix, 0) == 0) return given.substr(prefix.size());
         }
+        return std::nullopt;
+    };
+    // Before the transport starts, which sizes its limits from it.
+    if (const auto soft = option("--nofile=")) {
+        rlimit limit{};
+        getrlimit(RLIMIT_NOFILE, &limit);
+        limit.rlim_cur = std::min<rlim_t>(std::stoul(*soft), limit.rlim_max);
+        setrlimit(RLIMIT_NOFILE, &limit);
     }
     sp<android::ProcessState> process = android::ProcessState::self();
-    size_t leaveFds = 0;
-    bool pool = true;
-    bool newThreads = true;
-    for (const std::string& option : args) {
-        if (option.rfind("--max-threads=", 0) == 0) {
-            process->setThreadPoolMaxThreadCount(std::stoul(option.substr(14)));
-        } else if (option.rfind("--name=", 0) == 0) {
-            process->setProcessName(option.substr(7).c_str());
-        } else if (option.rfind("--leave-fds=", 0) == 0) {
-            leaveFds = std::stoul(option.substr(12));
-        } else if (option == "--no-pool") {
-            pool = false;
-        } else if (option == "--no-new-threads") {
-            newThreads = false;
-        }
+    if (const auto most = option("--max-threads=")) {
+        process->setThreadPoolMaxThreadCount(std::stoul(*most));
     }
-    if (pool) process->startThreadPool();
-    if (!newThreads) refuseNewThreads();
+    if (const auto name = option("--name=")) process->setProcessName(name->c_str());
+    if (!option("--no-pool")) process->startThreadPool();
+    if (option("--no-new-threads")) refuseNewThreads();
     sp<TestService> service = new TestService();
     publish(args[0], service);
-    if (leaveFds > 0) holdDescriptorsLeaving(leaveFds);
+    if (const auto spare = option("--leave-fds=")) holdDescriptorsLeaving(std::stoul(*spare));
     ParentChannel::send("ready");
     // "" means the test went away.
     for (;;) {

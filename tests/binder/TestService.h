@@ -18,15 +18,12 @@ class TestService : public android::BBinder {
     enum : uint32_t {
         ECHO = android::IBinder::FIRST_CALL_TRANSACTION,  // int32 -> int32
         GET_CALLER,                                       // -> calling pid, calling uid
-        GET_TID,                                          // -> the executing thread's id
-        CALL_BACK,        // binder, int32 -> what binder's ECHO returned, tid seen by it
-        HOLD,             // binder: keep it
-        DROP,             // forget the kept binder
-        SEQUENCE,         // one-way int32: recorded in order
-        SEQUENCE_REPORT,  // int32 n: waits for n records -> in order?, max concurrency
-        BLOCK,            // one-way: blocks until UNBLOCK
+        CALL_BACK,  // binder, int32 -> what binder's ECHO returned, tid seen by it
+        HOLD,       // binder: keep it
+        DROP,       // forget the kept binder
+        SEQUENCE,   // one-way int32: recorded in order
+        BLOCK,      // one-way: blocks until UNBLOCK
         UNBLOCK,
-        CALL_OBJECT,      // binder, int32 -> binder's ECHO of it
         WRITE_FD,         // fd, string8 -> written to the fd
         BARRIER,          // int32 n: waits until n callers are inside -> distinct threads
         FAIL,             // -> returns -EINVAL
@@ -35,7 +32,8 @@ class TestService : public android::BBinder {
         GET_HELD,         // -> the held binder
         ECHO_BYTES,       // int32 n, n bytes -> the same
         GIVE_HELD,        // binder: sends it HOLD with the held binder
-        SEQUENCE_VALUES,  // int32 n: waits for n records -> count, then every record in order
+        SEQUENCE_VALUES,  // int32 n: waits for n records -> count, every record in order,
+                          // the most run at once
         NEW_OBJECT,       // -> a new TestService of this process, kept alive only by its holders
         LIVE_OBJECTS,     // -> how many objects made by NEW_OBJECT in this process are alive
         SET_REPLY_ERROR,  // int32 v: sets error v on the reply and returns NO_ERROR

@@ -134,7 +134,8 @@ sp<IBinder> newObject(const sp<IBinder>& service) {
     return reply.readStrongBinder();
 }
 
-std::vector<int32_t> sequenceValues(const sp<IBinder>& target, int32_t expected) {
+std::vector<int32_t> sequenceValues(const sp<IBinder>& target, int32_t expected,
+                                    int32_t* mostAtOnce) {
     Parcel data;
     Parcel reply;
     data.writeInt32(expected);
@@ -143,7 +144,17 @@ std::vector<int32_t> sequenceValues(const sp<IBinder>& target, int32_t expected)
     for (int32_t count = reply.readInt32(); count > 0 && reply.dataAvail() >= 4; --count) {
         values.push_back(reply.readInt32());
     }
+    if (mostAtOnce != nullptr) *mostAtOnce = reply.readInt32();
     return values;
+}
+
+ServedChild::ServedChild(const std::vector<std::string>& options)
+    : mName(uniqueName("service")), mProcess("service", [&] {
+          std::vector<std::string> args{mName};
+          args.insert(args.end(), options.begin(), options.end());
+          return args;
+      }()) {
+    if (mProcess.readLine() == "ready") mBinder = lookup(mName);
 }
 
 }  // namespace tvtest

@@ -15,7 +15,6 @@
 #include <vector>
 
 #include "ChildProcess.h"
-#include "ServedChild.h"
 #include "TestService.h"
 #include "TestSupport.h"
 #include "runtime/Runtime.h"
@@ -39,9 +38,11 @@ std::string readToEnd(int fd) {
     return ended ? received : "no end of file after " + received;
 }
 
-TEST(BinderCalls, RunInTheOwnerAndCarryLargeBodiesDescriptorsAndTheCallerUntilItDies) {
+TEST(BinderCalls, RunInTheOwnerCarryLargeBodiesDescriptorsObjectsAndTheCallerUntilItDies) {
     ServedChild child;
+    ServedChild user;
     ASSERT_TRUE(child.ready());
+    ASSERT_TRUE(user.ready());
     const sp<IBinder>& service = child.binder();
     EXPECT_EQ(nullptr, service->localBinder());
     status_t status;
@@ -49,13 +50,17 @@ TEST(BinderCalls, RunInTheOwnerAndCarryLargeBodiesDescriptorsAndTheCallerUntilIt
     EXPECT_EQ(NO_ERROR, status);
     EXPECT_EQ(NO_ERROR, service->pingBinder());
     EXPECT_EQ(String16("tavrin.test.Service"), service->getInterfaceDescriptor());
-    EXPECT_NE(currentTid(), callInt(service, TestService::GET_TID, 0));
     Parcel data;
     Parcel reply;
     reply.writeInt32(7);
     EXPECT_EQ(-EINVAL, service->transact(TestService::FAIL, data, &reply));
     EXPECT_EQ(0u, reply.dataSize());
     EXPECT_EQ(UNKNOWN_TRANSACTION, service->transact(0x00abcdef, data, &reply));
+    // An error set on the reply is the caller's result.
+    for (const status_t error : {status_t{7}, status_t{PERMISSION_DENIED}}) {
+        callInt(service, TestService::SET_REPLY_ERROR, error, &status);
+        EXPECT_EQ(error, status);
+    }
 
     // Large bodies travel intact both ways; one beyond the limit is refused.
     std::vector<uint8_t> bytes(3 * 1024 * 1024 + 5);
@@ -108,6 +113,28 @@ TEST(BinderCalls, RunInTheOwnerAndCarryLargeBodiesDescriptorsAndTheCallerUntilIt
     }
     EXPECT_EQ(getpid(), IPCThreadState::self()->getCallingPid());
 
+    // One proxy per object; an object sent back to its owner arrives as
+    // itself, one sent again as the proxy the receiver already holds, and a
+    // proxy passed on goes to the object's owner.
+    EXPECT_EQ(user.binder().get(), lookup(user.name()).get());
+    ASSERT_EQ(NO_ERROR, sendObject(service, TestService::HOLD, recorder));
+    Parcel sent;
+    sent.writeStrongBinder(recorder);
+    // Sent again, it arrives as the very proxy the child already holds.
+    EXPECT_EQ(NO_ERROR, service->transact(TestService::SAME_AS_HELD, sent, &reply));
+    EXPECT_EQ(1, reply.readInt32());
+    Parcel none;
+    ASSERT_EQ(NO_ERROR, service->transact(TestService::GET_HELD, none, &reply));
+    EXPECT_EQ(static_cast<IBinder*>(recorder.get()), reply.readStrongBinder().get());
+
+    ASSERT_EQ(NO_ERROR, sendObject(user.binder(), TestService::HOLD, child.binder()));
+    EXPECT_EQ(user.pid(), heldCall(user.binder(), TestService::GET_CALLER, 0));
+    Parcel relayed;
+    relayed.writeStrongBinder(child.binder());
+    relayed.writeInt32(31);
+    ASSERT_EQ(NO_ERROR, user.binder()->transact(TestService::CALL_BACK, relayed, &reply));
+    EXPECT_EQ(31, reply.readInt32());
+
     child.process().kill(SIGKILL);
     ASSERT_NE(-1, child.process().wait());
     Parcel echo;
@@ -118,33 +145,6 @@ TEST(BinderCalls, RunInTheOwnerAndCarryLargeBodiesDescriptorsAndTheCallerUntilIt
     EXPECT_EQ(DEAD_OBJECT, service->pingBinder());
     EXPECT_EQ(DEAD_OBJECT,
               service->transact(TestService::SEQUENCE, echo, nullptr, IBinder::FLAG_ONEWAY));
-}
-
-TEST(BinderObjects, OneProxyPerObjectTheOwnerGetsItsOwnBackAndAPassedProxyGoesToItsOwner) {
-    ServedChild owner;
-    ServedChild user;
-    ASSERT_TRUE(owner.ready());
-    ASSERT_TRUE(user.ready());
-    EXPECT_EQ(user.binder().get(), lookup(user.name()).get());
-    sp<Recorder> local = new Recorder();
-    ASSERT_EQ(NO_ERROR, sendObject(owner.binder(), TestService::HOLD, local));
-    Parcel data;
-    Parcel reply;
-    data.writeStrongBinder(local);
-    // Sent again, it arrives as the very proxy the child already holds.
-    EXPECT_EQ(NO_ERROR, owner.binder()->transact(TestService::SAME_AS_HELD, data, &reply));
-    EXPECT_EQ(1, reply.readInt32());
-    Parcel none;
-    ASSERT_EQ(NO_ERROR, owner.binder()->transact(TestService::GET_HELD, none, &reply));
-    EXPECT_EQ(static_cast<IBinder*>(local.get()), reply.readStrongBinder().get());
-
-    ASSERT_EQ(NO_ERROR, sendObject(user.binder(), TestService::HOLD, owner.binder()));
-    EXPECT_EQ(user.pid(), heldCall(user.binder(), TestService::GET_CALLER, 0));
-    Parcel echo;
-    echo.writeStrongBinder(owner.binder());
-    echo.writeInt32(31);
-    ASSERT_EQ(NO_ERROR, user.binder()->transact(TestService::CALL_OBJECT, echo, &reply));
-    EXPECT_EQ(31, reply.readInt32());
 }
 
 // What the forked child found; 0 when all is well.
