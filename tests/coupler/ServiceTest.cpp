@@ -159,7 +159,11 @@ Message callWith(const char* text, const char* className = "Msg") {
 TEST(Wire, CodesAnswerExactlyNotificationsHaveTheirLayoutAndTheRegistryWakesItsWaiters) {
     android::ProcessState::self()->startThreadPool();
     const std::string name = uniqueName("svc");
-    tvtest::ChildProcess service("service", {name});
+    const std::vector<std::string> names{name, name + ".1", name + ".2"};
+    tvtest::ChildProcess service("service", names);
+    // The first publish serves on its thread; the others, from another thread, return.
+    ASSERT_TRUE(awaitLine(service, "second 0"));
+    ASSERT_TRUE(awaitLine(service, "second 0"));
     const sp<IBinder> carrier = lookUp(name);
     ASSERT_NE(carrier, nullptr);
 
@@ -240,12 +244,8 @@ TEST(Wire, CodesAnswerExactlyNotificationsHaveTheirLayoutAndTheRegistryWakesItsW
     }
 
     // Waiters for sub-services leave every service of the process serving.
-    const std::vector<std::string> names{name + ".1", name + ".2", name + ".3"};
-    tvtest::ChildProcess services("service", names);
-    ASSERT_TRUE(awaitLine(services, "second 0"));
-    ASSERT_TRUE(awaitLine(services, "second 0"));
     std::vector<sp<IBinder>> carriers;
-    for (const std::string& name : names) carriers.push_back(lookUp(name));
+    for (const std::string& each : names) carriers.push_back(lookUp(each));
 
     // More waiters than the pool has threads, from this one process.
     constexpr std::chrono::milliseconds kTimeout = 2s;
@@ -258,7 +258,7 @@ TEST(Wire, CodesAnswerExactlyNotificationsHaveTheirLayoutAndTheRegistryWakesItsW
     ASSERT_TRUE(tvproc::waitUntil(
         [&] {
             int settled = 0;
-            for (const std::string& name : names) settled += waitingIn(name);
+            for (const std::string& each : names) settled += waitingIn(each);
             for (auto& waiter : waiters)
                 settled += waiter.wait_for(0s) == std::future_status::ready;
             return settled == static_cast<int>(waiters.size());
@@ -284,7 +284,7 @@ TEST(Wire, CodesAnswerExactlyNotificationsHaveTheirLayoutAndTheRegistryWakesItsW
     }
     EXPECT_GT(refused, 0);
     EXPECT_TRUE(
-        awaitLine(services, "log get sub service failed!:too many waiters,sub service[never]"));
+        awaitLine(service, "log get sub service failed!:too many waiters,sub service[never]"));
 }
 
 using tavrin::IClient;
