@@ -376,42 +376,6 @@ bool isFree(const std::string& name) {
            nullptr;
 }
 
-TEST(ServiceDeaths, ClientDeathIsReportedOnceAndServiceDeathOrphansTheProxy) {
-    const std::string name = uniqueName("svc");
-    // The first client dies while the service files its notifier, before
-    // the service watches it: it is told all the same.
-    tvtest::ChildProcess service("service", {name},
-                                 {"TVTEST_STALL_ON=[NotifierManager][addNotifier]"});
-    {
-        tvtest::ChildProcess client("client", {name});
-        ASSERT_TRUE(awaitLine(service, "stalled"));
-        killSeenBy(client, service.pid());
-        service.writeLine("go");
-        EXPECT_TRUE(awaitLine(service, "died " + std::to_string(client.pid())));
-    }
-    {
-        tvtest::ChildProcess client("client", {name});
-        ASSERT_TRUE(awaitLine(client, "bound"));
-        const std::string died = "died " + std::to_string(client.pid());
-        client.kill(SIGKILL);
-        client.wait();
-        EXPECT_TRUE(awaitLine(service, died));
-        EXPECT_FALSE(awaitLine(service, died, 300ms));
-    }
-
-    LogCapture log;
-    tv_sp<IClient> client = bindService(name, 4);
-    ASSERT_TRUE(client);
-    EXPECT_EQ(call(client, "whoami"), clientInfoText(4, 1));
-    service.kill(SIGKILL);
-    service.wait();
-    EXPECT_TRUE(
-        log.await({ANDROID_LOG_VERBOSE, "[Tavrin]", "[ServiceProxy][binderDied] [-OUT-]\n"}));
-    EXPECT_EQ(
-        log.count({ANDROID_LOG_INFO, "[Tavrin][ServiceProxy]", "service died [" + name + "]"}), 1u);
-    EXPECT_EQ(call(client, "whoami"), "null");
-}
-
 TEST(ServiceDeaths, ALateNoticeLeavesTheNextProxyOfTheNameAlone) {
     const std::string name = uniqueName("svc");
     tvtest::ChildProcess first("service", {name});
@@ -465,7 +429,7 @@ std::chrono::milliseconds slowestOf(int count, const std::function<void()>& bind
                                                                  start);
 }
 
-TEST(ServiceFailures, AreReportedAndLeaveNothingBroken) {
+TEST(ServiceDeathsAndFailures, AreReportedOnceAndLeaveNothingBroken) {
     android::defaultServiceManager()->setGetServiceTimeout(1s);
     LogCapture log;
     // Binds at the same time share one connection attempt, and its failure.
@@ -483,7 +447,27 @@ TEST(ServiceFailures, AreReportedAndLeaveNothingBroken) {
               1u);
 
     const std::string name = uniqueName("svc");
-    tvtest::ChildProcess service("service", {name});
+    // The first client dies while the service files its notifier, before
+    // the service watches it: it is told all the same.
+    tvtest::ChildProcess service("service", {name},
+                                 {"TVTEST_STALL_ON=[NotifierManager][addNotifier]"});
+    {
+        tvtest::ChildProcess client("client", {name});
+        ASSERT_TRUE(awaitLine(service, "stalled"));
+        killSeenBy(client, service.pid());
+        service.writeLine("go");
+        EXPECT_TRUE(awaitLine(service, "died " + std::to_string(client.pid())));
+    }
+    {
+        tvtest::ChildProcess client("client", {name});
+        ASSERT_TRUE(awaitLine(client, "bound"));
+        const std::string died = "died " + std::to_string(client.pid());
+        client.kill(SIGKILL);
+        client.wait();
+        EXPECT_TRUE(awaitLine(service, died));
+        EXPECT_FALSE(awaitLine(service, died, 300ms));
+    }
+
     for (int timeout : {0, -1}) {
         EXPECT_FALSE(bindSubService("nosuch", name, timeout, 1));
     }
@@ -519,6 +503,15 @@ TEST(ServiceFailures, AreReportedAndLeaveNothingBroken) {
     EXPECT_TRUE(awaitLine(copy, "released"));
     EXPECT_NE(processNameOf(copy.pid()), "AnnBdSrv");
     EXPECT_EQ(call(client, "whoami"), clientInfoText(1, 1));
+
+    // The service's death orphans the proxy.
+    service.kill(SIGKILL);
+    service.wait();
+    EXPECT_TRUE(
+        log.await({ANDROID_LOG_VERBOSE, "[Tavrin]", "[ServiceProxy][binderDied] [-OUT-]\n"}));
+    EXPECT_EQ(
+        log.count({ANDROID_LOG_INFO, "[Tavrin][ServiceProxy]", "service died [" + name + "]"}), 1u);
+    EXPECT_EQ(call(client, "whoami"), "null");
 }
 
 class SubServices : public testing::Test {
