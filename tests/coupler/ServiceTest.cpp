@@ -504,13 +504,15 @@ TEST(ServiceDeathsAndFailures, AreReportedOnceAndLeaveNothingBroken) {
     EXPECT_NE(processNameOf(copy.pid()), "AnnBdSrv");
     EXPECT_EQ(call(client, "whoami"), clientInfoText(1, 1));
 
-    // The service's death orphans the proxy.
+    // The service's death orphans the proxy. (The notice of an earlier
+    // test's service may come meanwhile: wait for this one's by name.)
     service.kill(SIGKILL);
     service.wait();
+    const LogLine died{ANDROID_LOG_INFO, "[Tavrin][ServiceProxy]", "service died [" + name + "]"};
+    EXPECT_TRUE(log.await(died));
     EXPECT_TRUE(
         log.await({ANDROID_LOG_VERBOSE, "[Tavrin]", "[ServiceProxy][binderDied] [-OUT-]\n"}));
-    EXPECT_EQ(
-        log.count({ANDROID_LOG_INFO, "[Tavrin][ServiceProxy]", "service died [" + name + "]"}), 1u);
+    EXPECT_EQ(log.count(died), 1u);
     EXPECT_EQ(call(client, "whoami"), "null");
 }
 
