@@ -50,73 +50,71 @@ const JsonValue* findNamed(const JsonValue& array, const std::string& name) {
     return nullptr;
 }
 
-// A service with a sub-service registered and this process bound to it.
-struct LiveServices {
-    LiveServices()
-        : name(uniqueName("cmd")),
-          subName(uniqueName("cmdsub")),
-          service("service", {name}),
-          subService("subservice", {subName, name}) {
-        EXPECT_TRUE(awaitLine(service, "registered " + subName));
-        client = bindService(name, 1);
-        EXPECT_TRUE(client);
-    }
-    std::string name;
-    std::string subName;
-    tvtest::ChildProcess service;
-    tvtest::ChildProcess subService;
-    tavrin::tv_sp<tavrin::IClient> client;
-};
+// What the monitor shows of one record, ignoring time and sizes.
+std::string shape(const JsonValue& record) {
+    std::ostringstream text;
+    text << record["kind"].string() << " " << record["from"].number() << ">"
+         << record["to"].number() << " " << record["service"].string() << " "
+         << record["class"].string() << " " << record["status"].number()
+         << (record["us"].isNull() ? " async" : " sync");
+    return text.str();
+}
 
-TEST(TavrinCommand, ListStatusPingWaitAndContextsShowLiveServicesAndBadUsageIsRefused) {
-    LiveServices live;
+TEST(TavrinCommand, ListStatusPingWaitMonitorAndContextsShowLiveServicesAndBadUsageIsRefused) {
+    // A service with a sub-service registered and this process bound to it.
+    const std::string name = uniqueName("cmd"), subName = uniqueName("cmdsub");
+    tvtest::ChildProcess service("service", {name});
+    tvtest::ChildProcess subService("subservice", {subName, name});
+    ASSERT_TRUE(awaitLine(service, "registered " + subName));
+    tavrin::tv_sp<tavrin::IClient> client = bindService(name, 1);
+    ASSERT_TRUE(client);
     const std::string self = tvproc::besideThisProgram("coupler_tests");
 
     const JsonValue list = runJson({"list", "--json"});
-    const JsonValue* entry = findNamed(list, live.name);
+    const JsonValue* entry = findNamed(list, name);
     ASSERT_NE(entry, nullptr);
     EXPECT_EQ((*entry)["kind"].string(), "service");
-    EXPECT_EQ((*entry)["pid"].number(), live.service.pid());
+    EXPECT_EQ((*entry)["pid"].number(), service.pid());
     EXPECT_EQ((*entry)["uid"].number(), getuid());
     EXPECT_EQ((*entry)["exe"].string(), self);
     EXPECT_EQ((*entry)["process"].string(), "AnnBdSrv");
     EXPECT_EQ((*entry)["clients"].number(), 1);
     ASSERT_EQ((*entry)["subServices"].elements().size(), 1u);
-    EXPECT_EQ((*entry)["subServices"].elements()[0]["name"].string(), live.subName);
-    EXPECT_EQ((*entry)["subServices"].elements()[0]["pid"].number(), live.subService.pid());
+    EXPECT_EQ((*entry)["subServices"].elements()[0]["name"].string(), subName);
+    EXPECT_EQ((*entry)["subServices"].elements()[0]["pid"].number(), subService.pid());
     const JsonValue* manager = findNamed(list, "manager");
     ASSERT_NE(manager, nullptr);
     EXPECT_EQ((*manager)["kind"].string(), "object");
 
     // A bind that waits for a sub-service shows as waiting while it waits.
     auto waitingBind = std::async(std::launch::async, [&] {
-        return bool(bindSubService(uniqueName("absent"), live.name, 3000, 2));
+        return bool(bindSubService(uniqueName("absent"), name, 3000, 2));
     });
     EXPECT_TRUE(tvproc::waitUntil(
         [&] {
-            return runJson({"status", live.name, "--json"})["waiting"].number() == 1;
+            return runJson({"status", name, "--json"})["waiting"].number() == 1;
         },
         20s));
     EXPECT_FALSE(waitingBind.get());
-    const JsonValue status = runJson({"--json", "status", live.name});
-    EXPECT_EQ(status["name"].string(), live.name);
-    EXPECT_EQ(status["pid"].number(), live.service.pid());
+    const JsonValue status = runJson({"--json", "status", name});
+    EXPECT_EQ(status["name"].string(), name);
+    EXPECT_EQ(status["pid"].number(), service.pid());
     EXPECT_EQ(status["exe"].string(), self);
     ASSERT_EQ(status["clients"].elements().size(), 1u);
     EXPECT_EQ(status["clients"].elements()[0]["pid"].number(), getpid());
     EXPECT_EQ(status["clients"].elements()[0]["exe"].string(), self);
-    EXPECT_EQ(status["subServices"].elements()[0]["pid"].number(), live.subService.pid());
+    EXPECT_EQ(status["subServices"].elements()[0]["pid"].number(), subService.pid());
     EXPECT_EQ(status["waiting"].number(), 0);
     std::string out;
-    EXPECT_EQ(run({"status", live.name}, &out), 0);
-    EXPECT_THAT(out, HasSubstr(live.subName));
+    EXPECT_EQ(run({"status", name}, &out), 0);
+    EXPECT_THAT(out, HasSubstr(subName));
     EXPECT_EQ(run({"status", "manager"}), 1);
     EXPECT_EQ(run({"status", uniqueName("absent")}), 1);
 
-    EXPECT_EQ(run({"ping", live.name, "--count", "2"}, &out), 0);
+    EXPECT_EQ(run({"ping", name, "--count", "2"}, &out), 0);
     EXPECT_THAT(out, HasSubstr("2 sent, 2 answered"));
     EXPECT_EQ(run({"ping", uniqueName("absent")}), 1);
-    EXPECT_EQ(run({"wait", live.name, "--timeout", "5"}), 0);
+    EXPECT_EQ(run({"wait", name, "--timeout", "5"}), 0);
     EXPECT_EQ(run({"wait", uniqueName("absent"), "--timeout", "0.2"}), 1);
 
     EXPECT_EQ(run({"--help"}, &out), 0);
@@ -138,32 +136,20 @@ TEST(TavrinCommand, ListStatusPingWaitAndContextsShowLiveServicesAndBadUsageIsRe
     const std::string absent = uniqueName("nocontext");
     EXPECT_EQ(run({"list", "--context", absent}), 1);
     EXPECT_EQ(findNamed(runJson({"contexts", "--json"}), absent), nullptr);
-}
 
-// What the monitor shows of one record, ignoring time and sizes.
-std::string shape(const JsonValue& record) {
-    std::ostringstream text;
-    text << record["kind"].string() << " " << record["from"].number() << ">"
-         << record["to"].number() << " " << record["service"].string() << " "
-         << record["class"].string() << " " << record["status"].number()
-         << (record["us"].isNull() ? " async" : " sync");
-    return text.str();
-}
-
-TEST(TavrinCommand, MonitorShowsEveryKindOfTransaction) {
-    LiveServices live;
-    tavrin::tv_sp<tavrin::IClient> subClient = bindSubService(live.subName, live.name, 5000, 3);
+    // The monitor shows every kind of transaction.
+    tavrin::tv_sp<tavrin::IClient> subClient = bindSubService(subName, name, 5000, 3);
     ASSERT_TRUE(subClient);
     tvtest::ChildProcess monitor = tavrin({"monitor", "--json", "--count", "7", "--timeout", "60"});
     for (int watched = 0; watched < 2;) {
         const std::string line = monitor.errors().receive();
         ASSERT_FALSE(line.empty()) << "the monitor watches nothing";
-        watched += line.find("watching " + live.name + " ") != std::string::npos ||
-                   line.find("watching " + live.subName + " ") != std::string::npos;
+        watched += line.find("watching " + name + " ") != std::string::npos ||
+                   line.find("watching " + subName + " ") != std::string::npos;
     }
-    EXPECT_EQ(call(live.client, "notify"), "answer null");
-    EXPECT_EQ(call(subClient, "master hello"), "master got hello from " + live.subName);
-    EXPECT_EQ(call(live.client, "sub " + live.subName + " hi"), "sub got hi");
+    EXPECT_EQ(call(client, "notify"), "answer null");
+    EXPECT_EQ(call(subClient, "master hello"), "master got hello from " + subName);
+    EXPECT_EQ(call(client, "sub " + subName + " hi"), "sub got hi");
 
     std::vector<std::string> shown;
     for (int i = 0; i < 7; ++i) {
@@ -175,16 +161,16 @@ TEST(TavrinCommand, MonitorShowsEveryKindOfTransaction) {
     }
     EXPECT_EQ(monitor.channel().receiveAll(), "");
     EXPECT_EQ(monitor.finish(), 0);
-    const std::string me = std::to_string(getpid()), service = std::to_string(live.service.pid()),
-                      sub = std::to_string(live.subService.pid());
+    const std::string me = std::to_string(getpid()), svc = std::to_string(service.pid()),
+                      sub = std::to_string(subService.pid());
     std::vector<std::string> expected{
-        "call " + me + ">" + service + " " + live.name + " Msg 0 sync",
-        "notify " + service + ">" + me + " " + live.name + " Msg 0 async",
-        "notify-wait " + service + ">" + me + " " + live.name + " Msg 0 sync",
-        "call " + me + ">" + sub + " " + live.subName + " Msg 0 sync",
-        "up-call " + sub + ">" + service + " " + live.name + " Msg 0 sync",
-        "call " + me + ">" + service + " " + live.name + " Msg 0 sync",
-        "master-call " + service + ">" + sub + " " + live.subName + " Msg 0 sync",
+        "call " + me + ">" + svc + " " + name + " Msg 0 sync",
+        "notify " + svc + ">" + me + " " + name + " Msg 0 async",
+        "notify-wait " + svc + ">" + me + " " + name + " Msg 0 sync",
+        "call " + me + ">" + sub + " " + subName + " Msg 0 sync",
+        "up-call " + sub + ">" + svc + " " + name + " Msg 0 sync",
+        "call " + me + ">" + svc + " " + name + " Msg 0 sync",
+        "master-call " + svc + ">" + sub + " " + subName + " Msg 0 sync",
     };
     std::sort(shown.begin(), shown.end());
     std::sort(expected.begin(), expected.end());

@@ -92,21 +92,21 @@ class FullWriter : public tavrin::Serialization {
     int writeDupFileDescriptor(int) override { return 0; }
 };
 
+// Checks the wire form of a `Value` holding `value` and reads it back.
+template <typename Value, typename T>
+void expectScalar(T value, const Bytes& wire) {
+    Value source(value), back;
+    expectWire(source, wire, back);
+    EXPECT_EQ(back.get(), value);
+}
+
 TEST(ScalarValues, HaveTheirWireLayoutsRoundTripAndKeepWhatAFailedReadOrWriteLeft) {
-    tavrin::IPCInt32 int32(-7), int32Back;
-    expectWire(int32, words({-7}), int32Back);
-    EXPECT_EQ(int32Back.get(), -7);
-    tavrin::IPCInt64 int64(-0x123456789LL), int64Back;
-    expectWire(int64, words({static_cast<int32_t>(0xdcba9877), -2}), int64Back);
-    EXPECT_EQ(int64Back.get(), -0x123456789LL);
-    tavrin::IPCDouble real(3.75), realBack;
-    expectWire(real, words({0, 0x400e0000}), realBack);
-    EXPECT_EQ(realBack.get(), 3.75);
-    tavrin::IPCBool yes(true), no(false), boolBack;
-    expectWire(yes, words({1}), boolBack);
-    EXPECT_TRUE(boolBack.get());
-    expectWire(no, words({0}), boolBack);
-    EXPECT_FALSE(boolBack.get());
+    expectScalar<tavrin::IPCInt32>(-7, words({-7}));
+    expectScalar<tavrin::IPCInt64>(-0x123456789LL, words({static_cast<int32_t>(0xdcba9877), -2}));
+    expectScalar<tavrin::IPCDouble>(3.75, words({0, 0x400e0000}));
+    expectScalar<tavrin::IPCBool>(true, words({1}));
+    expectScalar<tavrin::IPCBool>(false, words({0}));
+    tavrin::IPCBool boolBack;
     readFrom(words({2}), boolBack);
     EXPECT_EQ(serialised(boolBack), words({1}));
 
@@ -169,33 +169,28 @@ void expectRefusedCount(const Bytes& message, const char* className, const char*
     EXPECT_THAT(lines[0].message, AllOf(HasSubstr(className), HasSubstr(reason)));
 }
 
+// Checks the wire form of an `Array` holding `elements` and reads it back.
+template <typename Array, typename T>
+void expectArray(std::initializer_list<T> elements, const Bytes& wire) {
+    Array array, back;
+    array.init(elements.begin(), static_cast<int>(elements.size()));
+    expectWire(array, wire, back);
+    ASSERT_EQ(back.size(), static_cast<int>(elements.size()));
+    EXPECT_EQ(std::vector<T>(back.base(), back.base() + back.size()), std::vector<T>(elements));
+}
+
 TEST(ArrayValues, HaveTheirWireLayoutsRoundTripAndRefuseHostileCountsBeforeAllocating) {
-    const bool bools[] = {true, false, true};
-    tavrin::IPCBoolArray boolArray, boolBack;
-    boolArray.init(bools, 3);
-    expectWire(boolArray, words({3, 1, 0, 1}), boolBack);
-    EXPECT_EQ(Bytes(boolBack.base(), boolBack.base() + 3), Bytes({1, 0, 1}));
+    expectArray<tavrin::IPCBoolArray>({true, false, true}, words({3, 1, 0, 1}));
+    tavrin::IPCBoolArray boolBack;
     readFrom(words({1, 7}), boolBack);
     EXPECT_TRUE(boolBack[0]);
-
     const int ints[] = {1, -2, 0x7fffffff};
-    tavrin::IPCIntArray intArray, intBack;
+    expectArray<tavrin::IPCIntArray>({1, -2, 0x7fffffff}, words({3, 1, -2, 0x7fffffff}));
+    expectArray<tavrin::IPCUIntArray>({0xffffffffu, 2u}, words({2, -1, 2}));
+    expectArray<tavrin::IPCUCharArray, unsigned char>(
+        {1, 2, 3, 4, 5}, concat({words({5}), {1, 2, 3, 4, 5, 0, 0, 0}}));
+    tavrin::IPCIntArray intArray;
     intArray.init(ints, 3);
-    expectWire(intArray, words({3, 1, -2, 0x7fffffff}), intBack);
-    EXPECT_EQ(std::vector<int>(intBack.base(), intBack.base() + 3),
-              std::vector<int>(ints, ints + 3));
-
-    const unsigned int uints[] = {0xffffffffu, 2};
-    tavrin::IPCUIntArray uintArray, uintBack;
-    uintArray.init(uints, 2);
-    expectWire(uintArray, words({2, -1, 2}), uintBack);
-    EXPECT_EQ(uintBack[0], 0xffffffffu);
-
-    const unsigned char bytes[] = {1, 2, 3, 4, 5};
-    tavrin::IPCUCharArray byteArray, byteBack;
-    byteArray.init(bytes, 5);
-    expectWire(byteArray, concat({words({5}), {1, 2, 3, 4, 5, 0, 0, 0}}), byteBack);
-    EXPECT_EQ(Bytes(byteBack.base(), byteBack.base() + 5), Bytes(bytes, bytes + 5));
 
     // An index past the end refers to the first element.
     EXPECT_EQ(&intArray[3], &intArray[0]);
@@ -237,7 +232,6 @@ TEST(ArrayValues, HaveTheirWireLayoutsRoundTripAndRefuseHostileCountsBeforeAlloc
     expectRefusedCount<tavrin::IPCUCharArray>(words({INT32_MAX, 0}), "IPCUCharArray", "left");
     expectRefusedCount<tavrin::IPCBoolArray>(words({3, 1, 1}), "IPCBoolArray", "left");
     expectRefusedCount<tavrin::IPCBoolArray>(words({INT32_MAX, 1}), "IPCBoolArray", "left");
-
 }
 
 std::string report(const char* function, const char* check) {
