@@ -38,8 +38,9 @@ void Introductions::onReadable(const sp<AcceptedConnection>& connection) {
         if (status == DEAD_OBJECT) {
             ALOGV("a connection from pid %d outlived its process", connection->peerPid());
         } else {
-            TV_ALOGW_LIMITED("refused a connection from pid %d (%s)", connection->peerPid(),
-                             strerror(-status));
+            TV_ALOGW_LIMITED(
+                "refused a connection from pid %d (%s)", connection->peerPid(),
+                status == BAD_TYPE ? "its first frame is no HELLO" : strerror(-status));
         }
         mAccepted.drop(connection);
         return;
