@@ -44,6 +44,13 @@ void Report::addLatency(const std::string& what, const Paired& micros, double ma
     mRows.push_back(row);
 }
 
+void Report::addReference(const std::string& what, const Paired& micros) {
+    addLatency(what, micros, 0);
+    Row& row = mRows.back();
+    row.target = "reference";
+    row.verdict = "-";
+}
+
 void Report::addThroughput(const std::string& what, const Paired& perSecond, double minRatio) {
     const std::optional<double>& binderPerSecond = perSecond.measured;
     const std::optional<double>& rawPerSecond = perSecond.baseline;

@@ -17,6 +17,8 @@ class Report {
     // given, is shown as a ratio too.
     void addLatency(const std::string& what, const Paired& micros, double maxRatio,
                     int rawTimes = 1, std::optional<double> floorMicros = std::nullopt);
+    // A figure of the machine beside the raw baseline, with no target.
+    void addReference(const std::string& what, const Paired& micros);
     // Higher is better: met when binder >= minRatio * raw (operations per second).
     void addThroughput(const std::string& what, const Paired& perSecond, double minRatio);
     // Met when at most `maxMillis`.
