@@ -96,6 +96,11 @@ Measurement rawRoundTrips(const BenchOptions& options, bool pinned) {
     return [&options, pinned] { return raw::roundTripMicros(pinned, options.roundTrips); };
 }
 
+// The baseline of the one-way and notification lines.
+Measurement rawOneWays(const BenchOptions& options, bool pinned) {
+    return [&options, pinned] { return raw::oneWayPerSecond(pinned, options.oneWayMessages); };
+}
+
 Floors measureRoundTrips(const BenchOptions& options, Report* report) {
     Floors floors;
     for (bool pinned : {true, false}) {
@@ -171,7 +176,7 @@ void measureOneWays(const BenchOptions& options, Report* report) {
             medianRound(
                 options.rounds,
                 [&] { return binder::oneWayPerSecond(pinned, options.oneWayMessages); },
-                [&] { return raw::oneWayPerSecond(pinned, options.oneWayMessages); }),
+                rawOneWays(options, pinned)),
             kMinOneWayRatio);
     }
 }
@@ -228,7 +233,7 @@ void measureTavrinThroughput(const BenchOptions& options, Report* report) {
             medianRound(
                 options.rounds,
                 [&] { return coupler::notificationsPerSecond(pinned, options.oneWayMessages); },
-                [&] { return raw::oneWayPerSecond(pinned, options.oneWayMessages); }),
+                rawOneWays(options, pinned)),
             kMinNotificationRatio);
     }
     for (bool pinned : {true, false}) {
